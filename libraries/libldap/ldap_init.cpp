@@ -1,0 +1,268 @@
+// ldap_init.cpp - ldap_init, the connection record's creation and release,
+// and the operation guard.
+#include "ldap_init.h"
+
+#include "environment.h"
+#include "ldap_controls.h"
+#include "ldap_error.h"
+#include "ldap_free.h"
+#include "ldap_lock.h"
+#include "ldap_options.h"
+#include "memory.h"
+#include "trace.h"
+
+#include <cctype>
+#include <cstring>
+#include <unistd.h>
+
+#define LDAP_MODULE "libraries/libldap/ldap_init"
+
+namespace {
+
+constexpr int kDefaultPort = 389;
+constexpr int kDefaultTableRows = 256;
+constexpr size_t kHostCopyLimit = 256;
+constexpr const char *kDefaultHome = "/opt/orn/ldap/V6.3.1";
+
+// The text and code-set library finds its tables through ULXDIR.
+void ensure_ulxdir()
+{
+    if (ldap_chkenv("ULXDIR") != 0)
+        return;
+    char *home = ldap_getenv("QVA_LDAP_HOME");
+    ldap_change_env_var(0, "ULXDIR", ':', home ? home : kDefaultHome);
+    zldap::mem_free(home);
+}
+
+// The host string the handle will use: the caller's host list unchanged, or
+// the local host name for NULL. NULL on failure, with the reason traced.
+char *resolve_host_string(const char *host)
+{
+    if (host) {
+        LDAP_TRACE(TRC_API, "ldap_init: parsing the passing hostname\n");
+        char lower[kHostCopyLimit + 1];
+        size_t n = strnlen(host, kHostCopyLimit);
+        for (size_t i = 0; i < n; i++)
+            lower[i] = static_cast<char>(std::tolower(static_cast<unsigned char>(host[i])));
+        lower[n] = '\0';
+        if (std::strstr(lower, "ldap://") || std::strstr(lower, "ldaps://")) {
+            // URL host arguments need the URL parser, which is not part of
+            // this library yet.
+            LDAP_TRACE(TRC_ERROR, "ldap_init: failed to get hostname\n");
+            return nullptr;
+        }
+        char *copy = zldap::mem_strdup(host);
+        if (!copy)
+            LDAP_TRACE(TRC_ERROR, "ldap_init: failed to get hostname\n");
+        return copy;
+    }
+    char *name = static_cast<char *>(zldap::mem_malloc(kHostCopyLimit + 1));
+    if (!name) {
+        LDAP_TRACE(TRC_ERROR, "ldap_init: allocate for hostname failed\n");
+        return nullptr;
+    }
+    if (gethostname(name, kHostCopyLimit + 1) != 0) {
+        LDAP_TRACE(TRC_ERROR, "ldap_init: can't get hostname\n");
+        LDAP_TRACE(TRC_ERROR, "ldap_init: failed to get hostname\n");
+        zldap::mem_free(name);
+        return nullptr;
+    }
+    name[kHostCopyLimit] = '\0';
+    return name;
+}
+
+// Initialises one of the handle's mutexes and records that it exists.
+bool make_handle_mutex(LDAP *ld, pthread_mutex_t *mutex, uint32_t bit, int line)
+{
+    int rc = zldap::mutex_init(mutex, LDAP_MODULE, line);
+    if (rc != 0) {
+        LDAP_TRACE(TRC_ERROR, "ldap_init: failed to initialize mutex rc=%d - File %s line %d\n", rc,
+                   LDAP_MODULE, line);
+        return false;
+    }
+    ld->ld_locks_made |= bit;
+    return true;
+}
+
+bool make_handle_locks(LDAP *ld)
+{
+    if (!make_handle_mutex(ld, &ld->ld_mutex, LD_LOCK_MUTEX, __LINE__) ||
+        !make_handle_mutex(ld, &ld->ld_servers_mutex, LD_LOCK_SERVERS, __LINE__) ||
+        !make_handle_mutex(ld, &ld->ld_error_mutex, LD_LOCK_ERROR, __LINE__))
+        return false;
+    int rc = pthread_cond_init(&ld->ld_op_cond, nullptr);
+    if (rc != 0) {
+        LDAP_TRACE(TRC_ERROR,
+                   "ldap_init: failed to initialize conditional variable, rc=%d - File %s line %d\n",
+                   rc, LDAP_MODULE, __LINE__);
+        return false;
+    }
+    ld->ld_locks_made |= LD_LOCK_COND;
+    ld->ld_unbind_started = 0;
+    rc = pthread_mutex_init(&ld->ld_thread_conn_mutex, nullptr);
+    if (rc != 0) {
+        LDAP_TRACE(TRC_ERROR, "ldap_init: failed to initialize mutex rc=%d - File %s line %d\n", rc,
+                   LDAP_MODULE, __LINE__);
+        return false;
+    }
+    ld->ld_locks_made |= LD_LOCK_THREAD_CONN;
+    return true;
+}
+
+bool set_initial_options(LDAP *ld)
+{
+    return ldap_set_option_direct(ld, LDAP_OPT_PROTOCOL_VERSION, reinterpret_cast<void *>(3)) == 0 &&
+           ldap_set_option_direct(ld, LDAP_OPT_NO_TRANSLATION, LDAP_OPT_ON) == 0 &&
+           ldap_set_option_direct(ld, LDAP_OPT_REFERRALS, LDAP_OPT_ON) == 0 &&
+           ldap_set_option_direct(ld, LDAP_OPT_HOP_LIMIT, reinterpret_cast<void *>(10)) == 0;
+}
+
+} // namespace
+
+bool ldap_handle_is_valid(const LDAP *ld)
+{
+    return ld && std::memcmp(ld->ld_marker, kLdapMarker, sizeof kLdapMarker) == 0;
+}
+
+LDAP *ldap_init(const char *host, int port)
+{
+    zldap::trace_setup();
+    LDAP_TRACE(TRC_API, "ldap_init: defhost=%s, defport=%d\n", trace_str(host), port);
+    if (port < 0) {
+        LDAP_TRACE(TRC_ERROR, "ldap_init: bad port (%d)\n", port);
+        return nullptr;
+    }
+    if (port == 0)
+        port = kDefaultPort;
+    ensure_ulxdir();
+
+    char *hosts = resolve_host_string(host);
+    if (!hosts)
+        return nullptr;
+    if (*hosts == '\0') {
+        LDAP_TRACE(TRC_ERROR, "ldap_init: invalid hostname (blank) is used\n");
+        zldap::mem_free(hosts);
+        return nullptr;
+    }
+
+    LDAP *ld = static_cast<LDAP *>(zldap::mem_calloc(1, sizeof(LDAP)));
+    if (!ld) {
+        zldap::mem_free(hosts);
+        return nullptr;
+    }
+    std::memcpy(ld->ld_marker, kLdapMarker, sizeof kLdapMarker);
+    LDAP_TRACE(TRC_API, "ldap_init: defhost(%s) defport(%d)\n", hosts, port);
+
+    bool ok = false;
+    LDAPConn *lc = ldap_lc_init(hosts, port, kDefaultTableRows);
+    if (lc) {
+        lc->lconn_ld = ld;
+        ld->ld_servers = lc;
+        ld->ld_defconn = lc;
+        ld->ld_defport = static_cast<uint32_t>(port);
+        ok = make_handle_locks(ld) && set_initial_options(ld) &&
+             (ld->ld_defhost = zldap::mem_strdup(hosts)) != nullptr;
+    }
+    zldap::mem_free(hosts);
+    if (!ok) {
+        ldap_ld_free(ld);
+        return nullptr;
+    }
+    return ld;
+}
+
+LDAPConn *ldap_lc_init(const char *hosts, int port, [[maybe_unused]] int table_rows)
+{
+    LDAPConn *lc = static_cast<LDAPConn *>(zldap::mem_calloc(1, sizeof(LDAPConn)));
+    if (!lc)
+        return nullptr;
+    lc->lconn_sb.sd = -1;
+    lc->lconn_hosts = zldap::mem_strdup(hosts ? hosts : "localhost");
+    lc->lconn_port = static_cast<uint16_t>(port);
+    lc->lconn_state = 0;
+    if (!lc->lconn_hosts) {
+        ldap_lc_free(lc);
+        return nullptr;
+    }
+    struct {
+        pthread_mutex_t *mutex;
+        uint32_t bit;
+    } const locks[] = {{&lc->lconn_read_mutex, LC_LOCK_READ},
+                       {&lc->lconn_write_mutex, LC_LOCK_WRITE},
+                       {&lc->lconn_ctrls_mutex, LC_LOCK_CTRLS}};
+    for (const auto &lock : locks) {
+        int rc = LDAP_MUTEX_INIT(lock.mutex);
+        if (rc != 0) {
+            LDAP_TRACE(TRC_ERROR,
+                       "ldap_lc_init: failed to initialize mutex rc = %d - File %s line %d\n", rc,
+                       LDAP_MODULE, __LINE__);
+            ldap_lc_free(lc);
+            return nullptr;
+        }
+        lc->lconn_locks_made |= lock.bit;
+    }
+    return lc;
+}
+
+void ldap_lc_free(LDAPConn *lc)
+{
+    while (lc) {
+        LDAPConn *next = lc->lconn_next;
+        zldap::mem_free(lc->lconn_hosts);
+        zldap::mem_free(lc->lconn_peer);
+        if (lc->lconn_connected && lc->lconn_sb.sd >= 0)
+            close(lc->lconn_sb.sd);
+        ldap_controls_free(lc->lconn_ctrls);
+        pthread_mutex_t *locks[] = {&lc->lconn_read_mutex, &lc->lconn_write_mutex,
+                                    &lc->lconn_ctrls_mutex};
+        uint32_t bits[] = {LC_LOCK_READ, LC_LOCK_WRITE, LC_LOCK_CTRLS};
+        for (int i = 0; i < 3; i++) {
+            if (!(lc->lconn_locks_made & bits[i]))
+                continue;
+            int rc = pthread_mutex_destroy(locks[i]);
+            if (rc != 0)
+                LDAP_TRACE(TRC_ERROR,
+                           "ldap_ld_free: Error in pthread_mutex_destroy File %s, Line %d, errno %d\n",
+                           LDAP_MODULE, __LINE__, rc);
+        }
+        zldap::mem_free(lc);
+        lc = next;
+    }
+}
+
+int ldap_start_operation(LDAP *ld)
+{
+    if (!ldap_handle_is_valid(ld)) {
+        LDAP_TRACE(TRC_ERROR, "Invalid ld in ldap_start_operation\n");
+        return LDAP_PARAM_ERROR;
+    }
+    if (LDAP_MUTEX_LOCK(&ld->ld_mutex) != 0) {
+        ldap_set_error_direct(ld, LDAP_LOCK_ERROR, nullptr, nullptr);
+        return LDAP_LOCK_ERROR;
+    }
+    int rc = LDAP_SUCCESS;
+    if (ld->ld_unbind_started == 1) {
+        LDAP_TRACE(TRC_API, "ldap_start_operation: unbind started\n");
+        rc = LDAP_PARAM_ERROR;
+    } else {
+        ld->ld_op_count++;
+    }
+    LDAP_MUTEX_UNLOCK(&ld->ld_mutex);
+    return rc;
+}
+
+void ldap_end_operation(LDAP *ld)
+{
+    if (!ldap_handle_is_valid(ld)) {
+        LDAP_TRACE(TRC_ERROR, "Invalid ld in ldap_start_operation\n");
+        return;
+    }
+    if (LDAP_MUTEX_LOCK(&ld->ld_mutex) != 0) {
+        ldap_set_error_direct(ld, LDAP_LOCK_ERROR, nullptr, nullptr);
+        return;
+    }
+    if (ld->ld_op_count > 0)
+        ld->ld_op_count--;
+    pthread_cond_broadcast(&ld->ld_op_cond);
+    LDAP_MUTEX_UNLOCK(&ld->ld_mutex);
+}

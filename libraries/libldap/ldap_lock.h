@@ -1,0 +1,63 @@
+// ldap_lock.h - traced mutex helpers used throughout the library, and the
+// four process-wide locks (plug-ins, global defaults, secure toolkit,
+// code-set translation).
+#ifndef ZLDAP_LDAP_LOCK_H
+#define ZLDAP_LDAP_LOCK_H
+
+#include <pthread.h>
+
+namespace zldap {
+
+// Each returns 0 or the pthread error, and traces a failure with the
+// module name and line of the caller.
+int mutex_init(pthread_mutex_t *mutex, const char *module, int line);
+int mutex_lock(pthread_mutex_t *mutex, const char *module, int line);
+int mutex_unlock(pthread_mutex_t *mutex, const char *module, int line);
+
+// Holds a mutex for one scope; locked() tells whether taking it succeeded.
+class MutexGuard {
+public:
+    MutexGuard(pthread_mutex_t *mutex, const char *module, int line)
+        : mutex_(mutex), module_(module), line_(line), rc_(mutex_lock(mutex, module, line))
+    {
+    }
+    ~MutexGuard() { unlock(); }
+    MutexGuard(const MutexGuard &) = delete;
+    MutexGuard &operator=(const MutexGuard &) = delete;
+
+    bool locked() const { return rc_ == 0 && mutex_ != nullptr; }
+    void unlock()
+    {
+        if (locked())
+            mutex_unlock(mutex_, module_, line_);
+        mutex_ = nullptr;
+    }
+
+private:
+    pthread_mutex_t *mutex_;
+    const char *module_;
+    int line_;
+    int rc_;
+};
+
+} // namespace zldap
+
+// Every file that takes a lock defines LDAP_MODULE as its own module path.
+#define LDAP_MUTEX_INIT(m) zldap::mutex_init((m), LDAP_MODULE, __LINE__)
+#define LDAP_MUTEX_LOCK(m) zldap::mutex_lock((m), LDAP_MODULE, __LINE__)
+#define LDAP_MUTEX_UNLOCK(m) zldap::mutex_unlock((m), LDAP_MODULE, __LINE__)
+#define LDAP_MUTEX_GUARD(name, m) zldap::MutexGuard name((m), LDAP_MODULE, __LINE__)
+
+// The process-wide locks, made once on first use. A failing lock or unlock
+// is traced and otherwise ignored.
+void ldap_init_all_mutex_once();
+void ldap_lock_plugin_mutex();
+void ldap_unlock_plugin_mutex();
+void ldap_lock_defaults_mutex();
+void ldap_unlock_defaults_mutex();
+void ldap_lock_ssl_mutex();
+void ldap_unlock_ssl_mutex();
+void ldap_lock_xlate_mutex();
+void ldap_unlock_xlate_mutex();
+
+#endif

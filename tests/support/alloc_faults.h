@@ -1,0 +1,25 @@
+// alloc_faults.h - runs a scenario once per allocation it makes, failing
+// that allocation, and checks the code it returns, that nothing leaks and
+// whatever the caller says "usable" means afterwards.
+#ifndef ZLDAP_TEST_ALLOC_FAULTS_H
+#define ZLDAP_TEST_ALLOC_FAULTS_H
+
+#include <functional>
+
+namespace zldap_test {
+
+struct AllocFaultScenario {
+    // Runs the operation and releases everything it made; returns its code.
+    std::function<int()> run;
+    // The code every run with a failed allocation must return.
+    int expected_on_failure;
+    // Optional: checked after every run (for example, that the handle still works).
+    std::function<void()> check_usable;
+};
+
+// Returns the number of allocations the scenario makes (each one has been failed once).
+long ExpectEachAllocationFailure(const AllocFaultScenario &scenario);
+
+} // namespace zldap_test
+
+#endif
