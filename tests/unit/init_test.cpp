@@ -1,0 +1,271 @@
+// Session creation, the operation guard and teardown while operations run.
+#include "alloc_faults.h"
+#include "ldap_connect.h"
+#include "ldap_error.h"
+#include "ldap_init.h"
+#include "ldap_options.h"
+#include "ldap_unbind.h"
+#include "memory.h"
+#include "test_util.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstring>
+#include <mutex>
+#include <thread>
+#include <unistd.h>
+
+using zldap_test::ScopedEnv;
+
+namespace {
+
+TEST(Init, PortsAndDefaults)
+{
+    EXPECT_EQ(ldap_init("localhost", -1), nullptr);
+    struct {
+        int given;
+        uint32_t kept;
+    } const ports[] = {{0, 389}, {389, 389}, {636, 636}, {1389, 1389}};
+    for (const auto &p : ports) {
+        LDAP *ld = ldap_init("localhost", p.given);
+        ASSERT_NE(ld, nullptr);
+        EXPECT_EQ(ld->ld_defport, p.kept);
+        EXPECT_EQ(ld->ld_defconn->lconn_port, p.kept);
+        EXPECT_EQ(ld->ld_defconn, ld->ld_servers);
+        EXPECT_EQ(ld->ld_defconn->lconn_ld, ld);
+        EXPECT_EQ(ld->ld_defconn->lconn_sb.sd, -1);
+        EXPECT_EQ(ld->ld_version, 3);
+        EXPECT_EQ(ld->ld_hoplimit, 10);
+        EXPECT_EQ(ld->ld_no_xlate, 1u);
+        EXPECT_EQ(ld->ld_options & 0x6, 0x2u);
+        EXPECT_EQ(ldap_unbind(ld), 0);
+    }
+}
+
+TEST(Init, HostListsAreKeptAsGiven)
+{
+    LDAP *ld = ldap_init("first.example  second.example:1389 [::1]:636", 389);
+    ASSERT_NE(ld, nullptr);
+    EXPECT_STREQ(ld->ld_defhost, "first.example  second.example:1389 [::1]:636");
+    EXPECT_STREQ(ld->ld_defconn->lconn_hosts, ld->ld_defhost);
+    EXPECT_EQ(ldap_unbind(ld), 0);
+}
+
+TEST(Init, NullHostMeansThisMachine)
+{
+    char name[300] = {};
+    ASSERT_EQ(gethostname(name, sizeof name - 1), 0);
+    LDAP *ld = ldap_init(nullptr, 0);
+    ASSERT_NE(ld, nullptr);
+    EXPECT_STREQ(ld->ld_defhost, name);
+    EXPECT_STRNE(ld->ld_defhost, "localhost");
+    EXPECT_EQ(ldap_unbind(ld), 0);
+}
+
+TEST(Init, EmptyHostIsRefused) { EXPECT_EQ(ldap_init("", 389), nullptr); }
+
+TEST(Init, UlxdirIsSetFromTheLibraryHome)
+{
+    {
+        ScopedEnv ulx("ULXDIR", std::nullopt);
+        ScopedEnv home("QVA_LDAP_HOME", "/srv/ldaphome");
+        LDAP *ld = ldap_init("localhost", 0);
+        ASSERT_NE(ld, nullptr);
+        ldap_unbind(ld);
+        ASSERT_NE(std::getenv("ULXDIR"), nullptr);
+        EXPECT_STREQ(std::getenv("ULXDIR"), "/srv/ldaphome");
+    }
+    {
+        ScopedEnv ulx("ULXDIR", std::nullopt);
+        ScopedEnv home("QVA_LDAP_HOME", std::nullopt);
+        LDAP *ld = ldap_init("localhost", 0);
+        ASSERT_NE(ld, nullptr);
+        ldap_unbind(ld);
+        EXPECT_STREQ(std::getenv("ULXDIR"), "/opt/orn/ldap/V6.3.1");
+    }
+    ScopedEnv ulx("ULXDIR", "/kept");
+    LDAP *ld = ldap_init("localhost", 0);
+    ldap_unbind(ld);
+    EXPECT_STREQ(std::getenv("ULXDIR"), "/kept");
+}
+
+TEST(Init, EveryAllocationFailureGivesNullAndLeaksNothing)
+{
+    for (const char *host : {"localhost", static_cast<const char *>(nullptr)}) {
+        long n = zldap_test::ExpectEachAllocationFailure({
+            [&] {
+                LDAP *ld = ldap_init(host, 0);
+                if (!ld)
+                    return LDAP_NO_MEMORY;
+                return ldap_unbind(ld);
+            },
+            LDAP_NO_MEMORY, nullptr});
+        EXPECT_GE(n, 3);
+    }
+}
+
+TEST(Guard, RefusesNullForeignAndClosingHandles)
+{
+    EXPECT_EQ(ldap_start_operation(nullptr), LDAP_PARAM_ERROR);
+    alignas(LDAP) unsigned char junk[sizeof(LDAP)];
+    std::memset(junk, 0, sizeof junk);
+    std::memcpy(junk, "LDAP HD", 7);
+    EXPECT_EQ(ldap_start_operation(reinterpret_cast<LDAP *>(junk)), LDAP_PARAM_ERROR);
+    ldap_end_operation(reinterpret_cast<LDAP *>(junk)); // does nothing
+
+    LDAP *ld = ldap_init("localhost", 0);
+    ASSERT_NE(ld, nullptr);
+    ASSERT_EQ(ldap_start_operation(ld), 0);
+    EXPECT_EQ(ld->ld_op_count, 1u);
+    ldap_end_operation(ld);
+    ldap_end_operation(ld); // never below zero
+    EXPECT_EQ(ld->ld_op_count, 0u);
+    ld->ld_unbind_started = 1;
+    EXPECT_EQ(ldap_start_operation(ld), LDAP_PARAM_ERROR);
+    ld->ld_unbind_started = 0;
+    EXPECT_EQ(ldap_unbind(ld), 0);
+}
+
+TEST(Unbind, RefusesUnusableHandles)
+{
+    EXPECT_EQ(ldap_unbind(nullptr), LDAP_PARAM_ERROR);
+    EXPECT_EQ(ldap_unbind_s(nullptr), LDAP_PARAM_ERROR);
+    EXPECT_EQ(ldap_unbind_ext(nullptr, nullptr, nullptr), LDAP_PARAM_ERROR);
+    alignas(LDAP) unsigned char junk[sizeof(LDAP)] = {};
+    EXPECT_EQ(ldap_unbind(reinterpret_cast<LDAP *>(junk)), LDAP_PARAM_ERROR);
+}
+
+TEST(Unbind, AliasesReleaseTheHandle)
+{
+    LDAP *a = ldap_init("localhost", 0);
+    LDAP *b = ldap_init("localhost", 0);
+    ASSERT_TRUE(a && b);
+    LDAPControl *none[] = {nullptr};
+    EXPECT_EQ(ldap_unbind_s(a), 0);
+    EXPECT_EQ(ldap_unbind_ext(b, none, none), 0);
+}
+
+TEST(Unbind, ReleasesEverythingTheHandleOwns)
+{
+    // The sanitizer build proves the release: nothing here may leak.
+    LDAP *ld = ldap_init("localhost", 0);
+    ASSERT_NE(ld, nullptr);
+    LDAPControl ctrl{const_cast<char *>("1.2.3"), {1, const_cast<char *>("x")}, 0};
+    LDAPControl *list[] = {&ctrl, nullptr};
+    struct timeval tv {3, 0};
+    ASSERT_EQ(ldap_set_option(ld, LDAP_OPT_SERVER_CONTROLS, list), 0);
+    ASSERT_EQ(ldap_set_option(ld, LDAP_OPT_CLIENT_CONTROLS, list), 0);
+    ASSERT_EQ(ldap_set_option(ld, LDAP_OPT_CONNECT_TIMEOUT, &tv), 0);
+    ASSERT_EQ(ldap_set_option(ld, LDAP_OPT_CIPHER_SPECS, "0A"), 0);
+    ASSERT_EQ(ldap_set_option(ld, LDAP_OPT_CIPHER_SPECS_TLS12, "x"), 0);
+    ASSERT_EQ(ldap_set_option(ld, LDAP_OPT_SECURE_PROTOCOLS, "y"), 0);
+    ldap_set_error_direct(ld, 32, "o=x", "text");
+    std::thread([ld] { ldap_set_error_direct(ld, 50, "o=y", nullptr); }).join();
+    LDAPConn *referral = ldap_lc_init("other", 389, 256);
+    ASSERT_NE(referral, nullptr);
+    ld->ld_defconn->lconn_next = referral;
+    ASSERT_EQ(set_thread_connection(ld, referral), 0);
+    EXPECT_EQ(get_default_connection(ld), referral);
+
+    zldap::mem_tracking_start(0);
+    EXPECT_EQ(ldap_unbind(ld), 0);
+    zldap::AllocCounters freed = zldap::mem_tracking_stop();
+    EXPECT_EQ(freed.allocations, 0) << "teardown allocates nothing";
+}
+
+// Blocks a thread inside the guard until released.
+class HeldOperation {
+public:
+    explicit HeldOperation(LDAP *ld) : ld_(ld)
+    {
+        thread_ = std::thread([this] {
+            entered_rc_ = ldap_start_operation(ld_);
+            {
+                std::unique_lock<std::mutex> lock(m_);
+                inside_ = true;
+                cv_.notify_all();
+                cv_.wait(lock, [this] { return release_; });
+            }
+            if (entered_rc_ == 0)
+                ldap_end_operation(ld_);
+        });
+        std::unique_lock<std::mutex> lock(m_);
+        cv_.wait(lock, [this] { return inside_; });
+    }
+    void Release()
+    {
+        std::lock_guard<std::mutex> lock(m_);
+        release_ = true;
+        cv_.notify_all();
+    }
+    ~HeldOperation()
+    {
+        Release();
+        thread_.join();
+    }
+    int entered_rc() const { return entered_rc_; }
+
+private:
+    LDAP *ld_;
+    std::thread thread_;
+    std::mutex m_;
+    std::condition_variable cv_;
+    bool inside_ = false;
+    bool release_ = false;
+    int entered_rc_ = -1;
+};
+
+TEST(Unbind, WaitsForOperationsInsideTheGuard)
+{
+    LDAP *ld = ldap_init("localhost", 0);
+    ASSERT_NE(ld, nullptr);
+    auto held = std::make_unique<HeldOperation>(ld);
+    ASSERT_EQ(held->entered_rc(), 0);
+
+    std::atomic<bool> unbound{false};
+    std::thread unbinder([&] {
+        EXPECT_EQ(ldap_unbind(ld), 0);
+        unbound = true;
+    });
+    // Wait until the unbind has marked the handle closing; a new operation
+    // is then turned away while the held one keeps the handle alive.
+    int rc = 0;
+    for (int i = 0; i < 2000 && rc == 0; i++) {
+        rc = ldap_start_operation(ld);
+        if (rc == 0) {
+            ldap_end_operation(ld);
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        }
+    }
+    EXPECT_EQ(rc, LDAP_PARAM_ERROR);
+    EXPECT_FALSE(unbound.load()) << "unbind returned while an operation was inside";
+
+    held.reset(); // the operation leaves; the unbind may now finish
+    unbinder.join();
+    EXPECT_TRUE(unbound.load());
+}
+
+TEST(ThreadConnection, BindingsArePerThread)
+{
+    LDAP *ld = ldap_init("localhost", 0);
+    ASSERT_NE(ld, nullptr);
+    LDAPConn *other = ldap_lc_init("other", 389, 256);
+    ASSERT_NE(other, nullptr);
+    ld->ld_defconn->lconn_next = other;
+    EXPECT_EQ(get_default_connection(ld), ld->ld_defconn);
+    ASSERT_EQ(set_thread_connection(ld, other), 0);
+    EXPECT_EQ(get_default_connection(ld), other);
+    LDAPConn *seen_elsewhere = nullptr;
+    std::thread([&] { seen_elsewhere = get_default_connection(ld); }).join();
+    EXPECT_EQ(seen_elsewhere, ld->ld_defconn);
+    ASSERT_EQ(set_thread_connection(ld, ld->ld_defconn), 0);
+    EXPECT_EQ(get_default_connection(ld), ld->ld_defconn);
+    ASSERT_EQ(set_thread_connection(ld, nullptr), 0);
+    EXPECT_EQ(ld->ld_thread_conns, nullptr);
+    EXPECT_EQ(ldap_unbind(ld), 0);
+}
+
+} // namespace
