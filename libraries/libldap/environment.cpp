@@ -6,7 +6,9 @@
 #include "memory.h"
 #include "trace.h"
 
+#include <atomic>
 #include <cctype>
+#include <cstddef>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -35,6 +37,23 @@ std::string fold_element_text(const char *text)
     for (char &c : folded)
         c = (c == '\\') ? '/' : static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
     return folded;
+}
+
+// Texts handed to putenv belong to the environment for the rest of the
+// process. They are chained here so that they stay reachable even after
+// someone else replaces the variable.
+struct KeptText {
+    KeptText *next;
+    char text[1];
+};
+std::atomic<KeptText *> g_kept_texts{nullptr};
+
+void keep_for_process(KeptText *kept)
+{
+    kept->next = g_kept_texts.load(std::memory_order_relaxed);
+    while (!g_kept_texts.compare_exchange_weak(kept->next, kept, std::memory_order_release,
+                                               std::memory_order_relaxed)) {
+    }
 }
 
 } // namespace
@@ -147,11 +166,12 @@ int ldap_change_env_var(int mode, const char *name, char separator, const char *
     }
     bool has_current = current && *current;
     size_t size = std::strlen(name) + std::strlen(value) + 3 + (has_current ? std::strlen(current) : 0);
-    char *text = static_cast<char *>(zldap::mem_malloc(size));
-    if (!text) {
+    auto *kept = static_cast<KeptText *>(zldap::mem_malloc(offsetof(KeptText, text) + size));
+    if (!kept) {
         zldap::mem_free(current);
         return 90;
     }
+    char *text = kept->text;
     if (!has_current)
         std::snprintf(text, size, "%s=%s", name, value);
     else if (mode == 1)
@@ -159,10 +179,10 @@ int ldap_change_env_var(int mode, const char *name, char separator, const char *
     else
         std::snprintf(text, size, "%s=%s%c%s", name, value, separator, current);
     zldap::mem_free(current);
-    // On success the environment keeps text for the rest of the process.
     if (ldap_putenv(text) != 0) {
-        zldap::mem_free(text);
+        zldap::mem_free(kept);
         return 89;
     }
+    keep_for_process(kept);
     return 0;
 }

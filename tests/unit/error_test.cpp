@@ -8,7 +8,6 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
-#include <thread>
 
 namespace {
 
@@ -68,19 +67,6 @@ TEST_F(ErrorState, AThreadWithoutAnErrorReadsSuccess)
     EXPECT_EQ(matched, nullptr);
     EXPECT_EQ(text, nullptr);
     EXPECT_EQ(ldap_get_ext_error(ld), 0);
-}
-
-TEST_F(ErrorState, EachThreadReadsItsOwnError)
-{
-    ASSERT_EQ(ldap_set_error(ld, LDAP_NO_SUCH_OBJECT, "o=example", "no entry"), 0);
-    int other = -1;
-    std::thread reader([&] {
-        other = ldap_get_errno(ld);
-        ldap_set_error(ld, LDAP_BUSY, nullptr, nullptr);
-    });
-    reader.join();
-    EXPECT_EQ(other, 0);
-    EXPECT_EQ(ldap_get_errno(ld), LDAP_NO_SUCH_OBJECT);
 }
 
 TEST_F(ErrorState, EverySetReplacesBothTexts)
