@@ -1,0 +1,177 @@
+// ber_element.cpp - BER element memory: allocation with the inline buffer,
+// growth, copying in and out, resetting for reading, and freeing.
+#include "ber_internal.h"
+
+#include "ldap_error.h"
+#include "ldap_session.h"
+
+#include <algorithm>
+#include <cstring>
+#include <limits>
+
+namespace {
+
+// The record, then its sequence stack, then the inline buffer: the stack
+// stays aligned whatever the buffer size.
+struct fber_block {
+    berelement record;
+    ber_sos_stack stack;
+    char inline_buffer[];
+};
+
+char *inline_buffer(BerElement *ber)
+{
+    return reinterpret_cast<fber_block *>(ber)->inline_buffer;
+}
+
+} // namespace
+
+BerElement *fber_alloc_t(int size)
+{
+    size_t capacity = size < 0 ? 0 : static_cast<size_t>(size);
+    auto *block = static_cast<fber_block *>(zldap::mem_malloc(sizeof(fber_block) + capacity));
+    if (!block)
+        return nullptr;
+    block->record = berelement{};
+    block->stack.sos_count = 0;
+    BerElement *ber = &block->record;
+    ber->ber_buf = block->inline_buffer;
+    ber->ber_ptr = ber->ber_buf;
+    ber->ber_end = ber->ber_buf + capacity;
+    ber->ber_sos = &block->stack;
+    ber->ber_tag = LBER_DEFAULT;
+    ber->ber_options = kFberMarker;
+    return ber;
+}
+
+BerElement *fber_alloc() { return fber_alloc_t(kFberDefaultSize); }
+
+BerElement *new_ldap_ber(LDAP *ld, int for_reading)
+{
+    if (!ld)
+        return nullptr;
+    BerElement *ber = for_reading ? fber_alloc_t(0) : fber_alloc();
+    if (ber) {
+        ber->ber_no_xlate = static_cast<uint32_t *>(zldap::mem_malloc(sizeof(uint32_t)));
+        ber->ber_version = static_cast<int32_t *>(zldap::mem_malloc(sizeof(int32_t)));
+    }
+    if (!ber || !ber->ber_no_xlate || !ber->ber_version) {
+        fber_free(ber);
+        ldap_set_error_direct(ld, LDAP_NO_MEMORY, nullptr, nullptr);
+        return nullptr;
+    }
+    *ber->ber_no_xlate = ld->ld_no_xlate;
+    *ber->ber_version = ld->ld_version;
+    return ber;
+}
+
+void fber_free(BerElement *ber)
+{
+    if (!ber)
+        return;
+    if (ber->ber_buf != inline_buffer(ber))
+        zldap::mem_free(ber->ber_buf);
+    zldap::mem_free(ber->ber_version);
+    zldap::mem_free(ber->ber_no_xlate);
+    zldap::mem_free(ber);
+}
+
+int fber_realloc(BerElement *ber, ber_len_t needed)
+{
+    size_t used = static_cast<size_t>(ber->ber_ptr - ber->ber_buf);
+    size_t extra = std::max<size_t>(used, needed);
+    if (extra > std::numeric_limits<ptrdiff_t>::max() - used)
+        return -1;
+    size_t capacity = used + extra;
+    char *buffer = static_cast<char *>(zldap::mem_malloc(capacity));
+    if (!buffer)
+        return -1;
+    if (used)
+        std::memcpy(buffer, ber->ber_buf, used);
+    if (ber->ber_buf != inline_buffer(ber))
+        zldap::mem_free(ber->ber_buf);
+    ber->ber_buf = buffer;
+    ber->ber_ptr = buffer + used;
+    ber->ber_end = buffer + capacity;
+    return 0;
+}
+
+long fber_write(BerElement *ber, const char *bytes, ber_len_t count)
+{
+    if (!ber || (!bytes && count) || count > static_cast<ber_len_t>(std::numeric_limits<long>::max()))
+        return -1;
+    if (count == 0)
+        return 0;
+    if (zldap::ber_reserve(ber, count) != 0)
+        return -1;
+    std::memcpy(ber->ber_ptr, bytes, count);
+    ber->ber_ptr += count;
+    return static_cast<long>(count);
+}
+
+void fber_reset(BerElement *ber, int was_writing)
+{
+    if (!ber)
+        return;
+    if (was_writing) {
+        ber->ber_end = ber->ber_ptr;
+        ber->ber_ptr = ber->ber_buf;
+    } else {
+        ber->ber_ptr = ber->ber_end;
+    }
+    ber->ber_rwptr = nullptr;
+}
+
+BerElement *fber_init2(const struct berval *bv)
+{
+    if (!bv)
+        return nullptr;
+    BerElement *ber = fber_alloc();
+    if (!ber)
+        return nullptr;
+    if (fber_write(ber, bv->bv_val, bv->bv_len) < 0) {
+        fber_free(ber);
+        return nullptr;
+    }
+    fber_reset(ber, 1);
+    return ber;
+}
+
+int fber_flatten(BerElement *ber, struct berval **bvp)
+{
+    if (!bvp)
+        return -1;
+    auto *bv = static_cast<struct berval *>(zldap::mem_calloc(1, sizeof(struct berval)));
+    if (bv && ber) {
+        size_t len = static_cast<size_t>(ber->ber_ptr - ber->ber_buf);
+        bv->bv_val = static_cast<char *>(zldap::mem_malloc(len + 1));
+        if (bv->bv_val) {
+            if (len)
+                std::memcpy(bv->bv_val, ber->ber_buf, len);
+            bv->bv_val[len] = '\0';
+            bv->bv_len = len;
+        } else {
+            zldap::mem_free(bv);
+            bv = nullptr;
+        }
+    }
+    *bvp = bv;
+    return bv ? 0 : -1;
+}
+
+void ber_bvfree(struct berval *bv)
+{
+    if (!bv)
+        return;
+    zldap::mem_free(bv->bv_val);
+    zldap::mem_free(bv);
+}
+
+void ber_bvecfree(struct berval **bvec)
+{
+    if (!bvec)
+        return;
+    for (struct berval **p = bvec; *p; p++)
+        ber_bvfree(*p);
+    zldap::mem_free(bvec);
+}

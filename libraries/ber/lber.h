@@ -1,0 +1,74 @@
+// lber.h - the BER element record and the codec's functions: element
+// memory, the format-driven encoder and decoder, and the trace dumps.
+#ifndef ZLDAP_LBER_H
+#define ZLDAP_LBER_H
+
+#include "zor8ldap.h"
+
+#include <cstdarg>
+#include <cstdint>
+
+inline constexpr uint8_t kFberMarker = 0x80;        // ber_options bit of the fast element kind
+inline constexpr uint32_t kFberMaxDepth = 100;      // constructed items open at once
+inline constexpr int kFberDefaultSize = 6144;       // inline buffer of fber_alloc
+
+// Offsets from ber_buf of the four length octets of each open SEQUENCE or
+// SET. Offsets, not pointers, so that growth does not invalidate them.
+struct ber_sos_stack {
+    uint32_t sos_count;
+    uint32_t sos_offset[kFberMaxDepth];
+};
+
+// One allocation holds the record, its sequence stack and its inline buffer.
+struct berelement {
+    char *ber_buf;         // start of the buffer: the inline one until the element grows
+    char *ber_ptr;         // next byte to write, or to read
+    char *ber_end;         // writing: end of capacity; reading: end of valid data
+    ber_sos_stack *ber_sos;
+    ber_tag_t ber_tag;     // tag of the next item (LBER_DEFAULT: none); a received element's outer tag
+    ber_len_t ber_len;     // bytes encoded, or a received element's content length
+    uint8_t ber_options;   // kFberMarker
+    char *ber_rwptr;       // where a partly written flush resumes; NULL when nothing is pending
+    uint32_t *ber_no_xlate; // owned; absent or 0: strings are translated
+    int32_t *ber_version;  // owned; strings are converted only when present and above 2
+    unsigned char ber_lenbuf[8]; // long-form length octets received while framing
+    uint32_t ber_lenbuf_count;
+};
+
+// Element memory.
+BerElement *fber_alloc();
+BerElement *fber_alloc_t(int size);
+BerElement *new_ldap_ber(LDAP *ld, int for_reading);
+void fber_free(BerElement *ber);
+// Grows the buffer to the bytes used plus the larger of the bytes used and
+// `needed`; 0, or -1 with the element unchanged.
+int fber_realloc(BerElement *ber, ber_len_t needed);
+long fber_write(BerElement *ber, const char *bytes, ber_len_t count);
+void fber_reset(BerElement *ber, int was_writing);
+BerElement *fber_init2(const struct berval *bv);
+int fber_flatten(BerElement *ber, struct berval **bvp);
+void ber_bvfree(struct berval *bv);
+void ber_bvecfree(struct berval **bvec);
+
+// The encoder. Varargs follow the format: `t` takes a ber_tag_t (an int
+// literal must be cast), `b i e` an int, `o` bytes and an int length, `s` a
+// string, `B` bytes and an int bit count, `v` a char ** array, `V` a
+// struct berval ** array. 0 on success, -1 on failure.
+int fber_printf(BerElement *ber, const char *fmt, ...);
+int fber_printf_noxlate(BerElement *ber, const char *fmt, ...);
+// mode 1: translate strings; 0: never; anything else: unless ber_no_xlate says not to.
+int vfber_printf(BerElement *ber, const char *fmt, va_list ap, int mode);
+
+// The decoder. Each returns the tag read, or LBER_DEFAULT on failure.
+ber_tag_t fber_get_tag(BerElement *ber, ber_len_t *len);
+ber_tag_t fber_peek_tag(BerElement *ber, ber_len_t *len);
+int fber_skip_element(BerElement *ber);
+ber_tag_t fber_first_element(BerElement *ber, ber_len_t *len, char **last);
+ber_tag_t fber_get_int(BerElement *ber, int *value);
+ber_tag_t fber_scanf(BerElement *ber, const char *fmt, ...);
+
+// Trace dumps of an element: mode 1 the unread part, any other the written part.
+void fber_dump(BerElement *ber, int mode);
+void fber_dump_with_fd(BerElement *ber, int mode, int sd);
+
+#endif
