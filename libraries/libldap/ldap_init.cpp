@@ -8,6 +8,7 @@
 #include "ldap_free.h"
 #include "ldap_lock.h"
 #include "ldap_options.h"
+#include "ldap_table.h"
 #include "memory.h"
 #include "trace.h"
 
@@ -171,12 +172,18 @@ LDAP *ldap_init(const char *host, int port)
     return ld;
 }
 
-LDAPConn *ldap_lc_init(const char *hosts, int port, [[maybe_unused]] int table_rows)
+LDAPConn *ldap_lc_init(const char *hosts, int port, int table_rows)
 {
     LDAPConn *lc = static_cast<LDAPConn *>(zldap::mem_calloc(1, sizeof(LDAPConn)));
     if (!lc)
         return nullptr;
     lc->lconn_sb.sd = -1;
+    lc->lconn_msgtable = ldap_msg_table_init(static_cast<uint32_t>(table_rows));
+    if (!lc->lconn_msgtable) {
+        zldap::mem_free(lc);
+        return nullptr;
+    }
+    lc->lconn_msgtable->connection = lc;
     lc->lconn_hosts = zldap::mem_strdup(hosts ? hosts : "localhost");
     lc->lconn_port = static_cast<uint16_t>(port);
     lc->lconn_state = 0;
@@ -212,6 +219,7 @@ void ldap_lc_free(LDAPConn *lc)
         zldap::mem_free(lc->lconn_peer);
         if (lc->lconn_connected && lc->lconn_sb.sd >= 0)
             close(lc->lconn_sb.sd);
+        ldap_msg_table_free(lc->lconn_msgtable);
         ldap_controls_free(lc->lconn_ctrls);
         pthread_mutex_t *locks[] = {&lc->lconn_read_mutex, &lc->lconn_write_mutex,
                                     &lc->lconn_ctrls_mutex};
