@@ -160,6 +160,19 @@ TEST_F(NewLdapBer, CopiesTheHandleSettingsAtCreation)
     EXPECT_EQ(new_ldap_ber(nullptr, 0), nullptr);
 }
 
+// A new handle says "do not translate", so its requests carry strings
+// byte for byte: encoding them allocates nothing.
+TEST_F(NewLdapBer, DefaultHandleWritesStringsUnchanged)
+{
+    BerPtr ber(new_ldap_ber(ld_, 0));
+    ASSERT_TRUE(ber);
+    EXPECT_EQ(*ber->ber_no_xlate, 1u);
+    EXPECT_EQ(*ber->ber_version, 3);
+    zldap::mem_tracking_start(0);
+    EXPECT_EQ(fber_printf(ber.get(), "{s}", "caf\xC3\xA9"), 0);
+    EXPECT_EQ(zldap::mem_tracking_stop().allocations, 0);
+}
+
 TEST_F(NewLdapBer, MemoryFailureRecordsNoMemoryOnTheHandle)
 {
     // The thread's error record exists before the walk, so recording the
