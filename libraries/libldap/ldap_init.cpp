@@ -1,14 +1,17 @@
-// ldap_init.cpp - ldap_init, the connection record's creation and release,
-// and the operation guard.
+// ldap_init.cpp - ldap_init and ldap_open, the connection record's creation
+// and release, and the operation guard.
 #include "ldap_init.h"
 
 #include "environment.h"
+#include "ldap_connect.h"
 #include "ldap_controls.h"
 #include "ldap_error.h"
 #include "ldap_free.h"
 #include "ldap_lock.h"
 #include "ldap_options.h"
+#include "ldap_ssl_connect.h"
 #include "ldap_table.h"
+#include "ldap_unbind.h"
 #include "memory.h"
 #include "trace.h"
 
@@ -172,6 +175,33 @@ LDAP *ldap_init(const char *host, int port)
     return ld;
 }
 
+LDAP *ldap_open(const char *host, int port)
+{
+    zldap::trace_setup();
+    LDAP_TRACE(TRC_API, "ldap_open: host=%s, port=%d\n", trace_str(host), port);
+    LDAP *ld = ldap_init(host, port);
+    if (!ld)
+        return nullptr;
+    // Only the exact text "3" asks for version 3; anything else, or nothing,
+    // means version 2. A value that is set but can't be copied is a memory
+    // failure, not a request for version 2.
+    bool version_set = ldap_chkenv("LDAP_VERSION") > 0;
+    char *version = ldap_getenv("LDAP_VERSION");
+    if (version_set && !version) {
+        LDAP_TRACE(TRC_ERROR, "Error - ldap_open: no memory to read LDAP_VERSION\n");
+        ldap_unbind(ld);
+        return nullptr;
+    }
+    ld->ld_version = version && std::strcmp(version, "3") == 0 ? 3 : 2;
+    zldap::mem_free(version);
+    if (open_default_connection(ld) != LDAP_SUCCESS) {
+        LDAP_TRACE(TRC_ERROR, "ldap_open: open_default_connection failed");
+        ldap_unbind(ld);
+        return nullptr;
+    }
+    return ld;
+}
+
 LDAPConn *ldap_lc_init(const char *hosts, int port, int table_rows)
 {
     LDAPConn *lc = static_cast<LDAPConn *>(zldap::mem_calloc(1, sizeof(LDAPConn)));
@@ -217,8 +247,11 @@ void ldap_lc_free(LDAPConn *lc)
         LDAPConn *next = lc->lconn_next;
         zldap::mem_free(lc->lconn_hosts);
         zldap::mem_free(lc->lconn_peer);
-        if (lc->lconn_connected && lc->lconn_sb.sd >= 0)
-            close(lc->lconn_sb.sd);
+        if (lc->lconn_connected == 1) {
+            if (lc->lconn_sb.secure)
+                ssl_close_direct(&lc->lconn_sb);
+            close_connection_sd(&lc->lconn_sb);
+        }
         ldap_msg_table_free(lc->lconn_msgtable);
         ldap_controls_free(lc->lconn_ctrls);
         pthread_mutex_t *locks[] = {&lc->lconn_read_mutex, &lc->lconn_write_mutex,

@@ -6,6 +6,9 @@
 #include "ldap_session.h"
 
 LDAP *ldap_init(const char *host, int port);
+// ldap_init, then the protocol version from LDAP_VERSION (exactly "3" gives
+// 3, anything else 2) and the default connection opened. NULL on failure.
+LDAP *ldap_open(const char *host, int port);
 
 LDAPConn *ldap_lc_init(const char *hosts, int port, int table_rows);
 // Releases the record and every record after it in the lconn_next list.
