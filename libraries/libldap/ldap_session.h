@@ -128,6 +128,12 @@ inline constexpr uint32_t LD_LOCK_ERROR = 0x04;
 inline constexpr uint32_t LD_LOCK_COND = 0x08;
 inline constexpr uint32_t LD_LOCK_THREAD_CONN = 0x10;
 
+// lconn_state and lconn_connected are read without the connection's locks
+// by the other side (readers look at what writers set and the reverse).
+inline bool lconn_is_closed(const LDAPConn *lc) { return __atomic_load_n(&lc->lconn_state, __ATOMIC_ACQUIRE) == 1; }
+inline void lconn_mark_closed(LDAPConn *lc) { __atomic_store_n(&lc->lconn_state, 1, __ATOMIC_RELEASE); }
+inline bool lconn_is_connected(const LDAPConn *lc) { return __atomic_load_n(&lc->lconn_connected, __ATOMIC_ACQUIRE) == 1; }
+
 // True when ld is non-NULL and carries the marker.
 bool ldap_handle_is_valid(const LDAP *ld);
 
