@@ -174,11 +174,24 @@ template <typename T> void free_array(T **array, void (*free_member)(T *))
 
 void free_string(char *s) { zldap::mem_free(s); }
 
+// Room for one more member and the terminator: doubling up to 1024
+// slots, then 1024 more at a time. New slots are NULL, so the array is
+// always terminated and can be freed at any point.
+template <typename T> bool grow_array(T ***array, size_t *capacity)
+{
+    size_t grown = *capacity == 0 ? 2 : *capacity <= 1023 ? *capacity * 2 : *capacity + 1024;
+    auto *bigger = static_cast<T **>(zldap::mem_realloc(*array, grown * sizeof(T *)));
+    if (!bigger)
+        return false;
+    std::memset(bigger + *capacity, 0, (grown - *capacity) * sizeof(T *));
+    *array = bigger;
+    *capacity = grown;
+    return true;
+}
+
 // A SET OF read member by member into a new NULL-terminated array. No
 // value for an empty or unreadable SET, which does not fail the call;
 // LBER_DEFAULT when a member fails, with everything the item made freed.
-// The array is kept NULL-terminated throughout so that it can be freed at
-// any point.
 template <typename T>
 std::optional<ber_tag_t> read_set_of(BerElement *ber, T ***out,
                                      ber_tag_t (*read_member)(BerElement *, T **),
@@ -195,24 +208,15 @@ std::optional<ber_tag_t> read_set_of(BerElement *ber, T ***out,
     size_t count = 0;
     ber_tag_t tag;
     do {
-        if (count + 1 >= capacity) {
-            size_t grown = capacity == 0 ? 2 : capacity <= 1023 ? capacity * 2 : capacity + 1024;
-            auto *bigger = static_cast<T **>(zldap::mem_realloc(array, grown * sizeof(T *)));
-            if (!bigger) {
-                free_array(array, free_member);
-                return LBER_DEFAULT;
-            }
-            std::memset(bigger + capacity, 0, (grown - capacity) * sizeof(T *));
-            array = bigger;
-            capacity = grown;
-        }
-        tag = read_member(ber, &array[count]);
-        if (tag == LBER_DEFAULT) {
-            free_array(array, free_member);
-            return LBER_DEFAULT;
-        }
-        count++;
-    } while (ber->ber_ptr < last && fber_peek_tag(ber, nullptr) != LBER_DEFAULT);
+        if (count + 1 >= capacity && !grow_array(&array, &capacity))
+            tag = LBER_DEFAULT;
+        else
+            tag = read_member(ber, &array[count++]);
+    } while (tag != LBER_DEFAULT && ber->ber_ptr < last && fber_peek_tag(ber, nullptr) != LBER_DEFAULT);
+    if (tag == LBER_DEFAULT) {
+        free_array(array, free_member);
+        array = nullptr;
+    }
     *out = array;
     return tag;
 }

@@ -10,18 +10,42 @@
 
 namespace {
 
-// The copy is searched as a C string, so a password behind a zero byte is
-// not found; the sixteen bytes kept cover the attribute name and the
-// headers that follow it.
+// Skips one BER header (tag and short or long-form length) expected at
+// *pos; false when the bytes there are not one.
+bool skip_header(const unsigned char *bytes, size_t len, size_t *pos, unsigned char tag)
+{
+    size_t p = *pos;
+    if (p + 2 > len || bytes[p] != tag)
+        return false;
+    unsigned char first = bytes[p + 1];
+    p += 2;
+    if (first & 0x80) {
+        size_t count = first & 0x7F;
+        if (count == 0 || count > 4 || p + count > len)
+            return false;
+        p += count;
+    }
+    *pos = p;
+    return true;
+}
+
+// Blanks out the first run of letters and digits of the value that follows
+// a "userpassword" attribute name. The value normally starts behind the
+// SET and OCTET STRING headers that follow the name; where they are not
+// found, it is taken to start 16 bytes after the name's first letter.
 void mask_password(char *copy, size_t len)
 {
-    const char *found = std::strstr(copy, "userpassword");
+    static constexpr char kName[] = "userpassword";
+    constexpr size_t kNameLen = sizeof kName - 1;
+    const void *found = memmem(copy, len, kName, kNameLen);
     if (!found)
         return;
-    size_t start = static_cast<size_t>(found - copy);
-    if (len - start <= 16)
-        return;
-    for (size_t i = start + 16; i < len && std::isalnum(static_cast<unsigned char>(copy[i])); i++)
+    const auto *bytes = reinterpret_cast<const unsigned char *>(copy);
+    size_t start = static_cast<size_t>(static_cast<const char *>(found) - copy);
+    size_t value = start + kNameLen;
+    if (!skip_header(bytes, len, &value, 0x31) || !skip_header(bytes, len, &value, 0x04))
+        value = start + 16;
+    for (size_t i = value; i < len && std::isalnum(static_cast<unsigned char>(copy[i])); i++)
         copy[i] = 'x';
 }
 
@@ -31,6 +55,13 @@ void dump_contents(const BerElement *ber, int mode)
     const char *to = mode == 1 ? ber->ber_end : ber->ber_ptr;
     size_t len = to > from ? static_cast<size_t>(to - from) : 0;
     zldap::trace_print(TRC_BER, "          current len=%ld, contents:\n", static_cast<long>(len));
+    zldap::ber_dump_masked(from, len);
+}
+
+} // namespace
+
+void zldap::ber_dump_masked(const char *from, size_t len)
+{
     zldap::MemBuffer copy(static_cast<char *>(zldap::mem_malloc(len + 1)));
     if (!copy)
         return;
@@ -40,8 +71,6 @@ void dump_contents(const BerElement *ber, int mode)
     mask_password(copy.get(), len);
     zldap::trace_dump(copy.get(), static_cast<long>(len), nullptr);
 }
-
-} // namespace
 
 void fber_dump(BerElement *ber, int mode)
 {

@@ -25,6 +25,9 @@ inline int ber_reserve(BerElement *ber, ber_len_t needed)
 bool ber_encoder_legacy_mode();
 bool ber_decoder_legacy_mode();
 
+// Hex-dumps a copy of the bytes with any userpassword value blanked out.
+void ber_dump_masked(const char *from, size_t len);
+
 struct MemFree {
     void operator()(void *p) const { mem_free(p); }
 };

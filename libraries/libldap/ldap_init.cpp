@@ -10,6 +10,7 @@
 #include "ldap_lock.h"
 #include "ldap_options.h"
 #include "ldap_ssl_connect.h"
+#include "ldap_table.h"
 #include "ldap_unbind.h"
 #include "memory.h"
 #include "trace.h"
@@ -201,12 +202,18 @@ LDAP *ldap_open(const char *host, int port)
     return ld;
 }
 
-LDAPConn *ldap_lc_init(const char *hosts, int port, [[maybe_unused]] int table_rows)
+LDAPConn *ldap_lc_init(const char *hosts, int port, int table_rows)
 {
     LDAPConn *lc = static_cast<LDAPConn *>(zldap::mem_calloc(1, sizeof(LDAPConn)));
     if (!lc)
         return nullptr;
     lc->lconn_sb.sd = -1;
+    lc->lconn_msgtable = ldap_msg_table_init(static_cast<uint32_t>(table_rows));
+    if (!lc->lconn_msgtable) {
+        zldap::mem_free(lc);
+        return nullptr;
+    }
+    lc->lconn_msgtable->connection = lc;
     lc->lconn_hosts = zldap::mem_strdup(hosts ? hosts : "localhost");
     lc->lconn_port = static_cast<uint16_t>(port);
     lc->lconn_state = 0;
@@ -245,6 +252,7 @@ void ldap_lc_free(LDAPConn *lc)
                 ssl_close_direct(&lc->lconn_sb);
             close_connection_sd(&lc->lconn_sb);
         }
+        ldap_msg_table_free(lc->lconn_msgtable);
         ldap_controls_free(lc->lconn_ctrls);
         pthread_mutex_t *locks[] = {&lc->lconn_read_mutex, &lc->lconn_write_mutex,
                                     &lc->lconn_ctrls_mutex};

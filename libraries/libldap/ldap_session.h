@@ -17,6 +17,7 @@
 #ifndef ZLDAP_LDAP_SESSION_H
 #define ZLDAP_LDAP_SESSION_H
 
+#include "sockbuf.h"
 #include "zor8ldap.h"
 
 #include <cstdint>
@@ -32,12 +33,6 @@ inline constexpr uint64_t LDAP_BITOPT_RESTART = 0x4;
 struct ldap_msg_table;
 struct ldap_plugin_block;
 
-// A connection's socket descriptor and secure-socket state; no secure
-// record means plain I/O.
-struct Sockbuf {
-    int sd;       // -1 when not connected
-    void *secure; // first field: the toolkit's socket handle
-};
 
 typedef struct ldap_conn {
     char *lconn_hosts; // blank-separated host entries to try
