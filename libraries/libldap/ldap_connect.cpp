@@ -341,6 +341,58 @@ LDAPConn *find_connection(LDAP *ld, const char *host, int port, int open_if_miss
     return found;
 }
 
+void release_connection(LDAP *ld, LDAPConn *lc)
+{
+    LDAP_TRACE(TRC_CONN, "release_connection: ld(%p), lc(%p)\n", static_cast<void *>(ld),
+               static_cast<void *>(lc));
+    if (!ldap_handle_is_valid(ld) || !lc)
+        return;
+    // The default connection lives as long as the handle: too much points
+    // at it (ld_defconn, every thread without a binding).
+    if (lc == ld->ld_defconn)
+        return;
+    bool unlinked = false;
+    {
+        LDAP_MUTEX_GUARD(guard, &ld->ld_servers_mutex);
+        if (!guard.locked()) {
+            ldap_set_error_direct(ld, LDAP_LOCK_ERROR, nullptr, nullptr);
+            return;
+        }
+        for (LDAPConn **link = &ld->ld_servers; *link; link = &(*link)->lconn_next) {
+            if (*link == lc) {
+                *link = lc->lconn_next;
+                unlinked = true;
+                break;
+            }
+        }
+    }
+    // A connection that is not in the chain was never this handle's, or
+    // has been released already: freeing it again would corrupt memory.
+    if (!unlinked)
+        return;
+    lc->lconn_next = nullptr;
+
+    int outstanding = ldap_msg_table_outstanding(lc->lconn_msgtable);
+    if (outstanding == 0) {
+        ldap_lc_free(lc);
+        return;
+    }
+    if (outstanding < 0)
+        ldap_set_error_direct(ld, LDAP_LOCK_ERROR, nullptr, nullptr);
+    // Requests on it still wait for their answers, so it can't be freed
+    // now. Back at the end of the chain, teardown frees it with the handle
+    // instead of it being lost.
+    LDAP_MUTEX_GUARD(guard, &ld->ld_servers_mutex);
+    if (!guard.locked()) {
+        ldap_set_error_direct(ld, LDAP_LOCK_ERROR, nullptr, nullptr);
+        return;
+    }
+    LDAPConn **tail = &ld->ld_servers;
+    while (*tail)
+        tail = &(*tail)->lconn_next;
+    *tail = lc;
+}
+
 LDAPConn *get_default_connection(LDAP *ld)
 {
     // An unlocked peek: bindings exist only while a thread chases a

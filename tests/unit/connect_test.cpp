@@ -6,10 +6,12 @@
 #include "ldap_error.h"
 #include "ldap_init.h"
 #include "ldap_options.h"
+#include "ldap_table.h"
 #include "ldap_unbind.h"
 #include "loopback.h"
 #include "memory.h"
 #include "test_util.h"
+#include "zorlib.h"
 
 #include <gtest/gtest.h>
 
@@ -674,7 +676,7 @@ TEST(FindConnection, NullHostAndMatchingByNameOrAddress)
 
 TEST(FindConnection, UnsetPortFollowsTheDefaultConnectionsSecurity)
 {
-    int secure_dummy = 0;
+    zor_secure_record secure_dummy = {};
     for (int port : {-1, -2}) {
         LDAP *plain = ldap_init("127.0.0.1", 389);
         LDAP *secure = ldap_init("127.0.0.1", 636);
@@ -789,6 +791,65 @@ TEST(FindConnection, EachAllocationFailureGivesNoMemory)
         },
         LDAP_NO_MEMORY, [&] { listener.Drain(); }});
     EXPECT_GE(n, 5) << n;
+}
+
+// ---------------------------------------------------------------- release_connection
+
+TEST(ReleaseConnection, UnlinksFreesAndClosesAnIdleConnection)
+{
+    LoopbackListener a, b;
+    LDAP *ld = ldap_init("127.0.0.1", 389);
+    ASSERT_NE(ld, nullptr);
+    int rc = -7;
+    LDAPConn *first = find_connection(ld, "127.0.0.1", a.port(), 1, &rc, 0);
+    LDAPConn *second = find_connection(ld, "127.0.0.1", b.port(), 1, &rc, 0);
+    ASSERT_NE(first, nullptr);
+    ASSERT_NE(second, nullptr);
+    ScopedFd from_a = a.Accept(2000);
+    ASSERT_GE(from_a.get(), 0);
+    release_connection(ld, first);
+    EXPECT_EQ(ld->ld_servers, ld->ld_defconn);
+    EXPECT_EQ(ld->ld_defconn->lconn_next, second) << "the rest of the chain stays";
+    EXPECT_EQ(second->lconn_next, nullptr);
+    EXPECT_TRUE(zldap_test::PeerClosed(from_a.get(), 2000));
+    EXPECT_EQ(find_connection(ld, "127.0.0.1", a.port(), 0, &rc, 0), nullptr);
+    release_connection(ld, second);
+    EXPECT_EQ(ChainLength(ld), 1);
+    EXPECT_EQ(ldap_unbind(ld), 0);
+}
+
+TEST(ReleaseConnection, KeepsWhatItMustNotFree)
+{
+    LoopbackListener listener;
+    LDAP *ld = ldap_init("127.0.0.1", 389);
+    ASSERT_NE(ld, nullptr);
+    // The default connection stays with its handle.
+    release_connection(ld, ld->ld_defconn);
+    EXPECT_EQ(ld->ld_servers, ld->ld_defconn);
+    // A record that is not in the chain is not the handle's to free.
+    LDAPConn *stranger = ldap_lc_init("127.0.0.1", 389, 8);
+    ASSERT_NE(stranger, nullptr);
+    release_connection(ld, stranger);
+    EXPECT_EQ(ChainLength(ld), 1);
+    ldap_lc_free(stranger);
+    release_connection(ld, nullptr);
+    release_connection(nullptr, ld->ld_defconn);
+
+    // A connection with a request outstanding stays in the chain (at its
+    // end), to be freed with the handle or released again later.
+    int rc = -7;
+    LDAPConn *busy = find_connection(ld, "127.0.0.1", listener.port(), 1, &rc, 0);
+    LDAPConn *idle = find_connection(ld, "localhost", listener.port(), 1, &rc, 1);
+    ASSERT_NE(busy, nullptr);
+    ASSERT_EQ(idle, busy) << "same server";
+    int id = ldap_msg_table_get_next_msgid(busy->lconn_msgtable);
+    ASSERT_GT(id, 0);
+    release_connection(ld, busy);
+    EXPECT_EQ(ld->ld_defconn->lconn_next, busy);
+    ldap_msg_table_release_msgid(busy->lconn_msgtable, id);
+    release_connection(ld, busy);
+    EXPECT_EQ(ChainLength(ld), 1);
+    EXPECT_EQ(ldap_unbind(ld), 0);
 }
 
 TEST(SameServer, TextOrFirstAddress)
