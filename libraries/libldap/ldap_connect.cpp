@@ -24,8 +24,9 @@ constexpr int kLdapsPort = 636;
 constexpr int kReferralTableRows = 8;
 constexpr size_t kHostEntryMax = 511;
 
-// What opening a connection needs from the handle, read in one go under
-// ld_mutex so that no other lock is held meanwhile.
+// What opening a connection needs from the handle. It is copied under
+// ld_mutex once, so that the connects themselves run without the handle
+// lock and find_connection can take it before the chain's lock.
 struct ConnectSettings {
     struct timeval timeout;
     bool has_timeout;
