@@ -287,10 +287,32 @@ typedef int (*LDAP_REBIND_PROC)(LDAP *ld, char **dnp, char **passwdp,
 /* ------------------------------------------------------------------ */
 
 LDAP *zor_ldap_init(const char *host, int port);
+int zor_ldap_msgfree(LDAPMessage *res);
 char *zor_ldap_err2string(int err);
 int zor_ldap_set_option(LDAP *ld, int option, const void *invalue);
+int zor_ldap_simple_bind_s(LDAP *ld, const char *dn, const char *passwd);
 int zor_ldap_unbind(LDAP *ld);
+int zor_ldap_search_st(LDAP *ld, const char *base, int scope, const char *filter, char **attrs,
+                       int attrsonly, struct timeval *timeout, LDAPMessage **res);
+int zor_ldap_url_parse(const char *url, LDAPURLDesc **ludpp);
+void zor_ldap_free_urldesc(LDAPURLDesc *ludp);
+int zor_ldap_count_entries(LDAP *ld, LDAPMessage *res);
+int zor_ldap_add_s(LDAP *ld, const char *dn, LDAPMod **attrs);
+int zor_ldap_delete_s(LDAP *ld, const char *dn);
+int zor_ldap_modify_s(LDAP *ld, const char *dn, LDAPMod **mods);
+/* Renames with no new superior and no controls; deleteoldrdn as given. */
+int zor_ldap_modrdn_s(LDAP *ld, const char *dn, const char *newrdn, int deleteoldrdn);
+LDAPMessage *zor_ldap_first_entry(LDAP *ld, LDAPMessage *res);
+LDAPMessage *zor_ldap_next_entry(LDAP *ld, LDAPMessage *entry);
+char *zor_ldap_get_dn(LDAP *ld, LDAPMessage *entry);
+void zor_ldap_memfree(void *p);
+char *zor_ldap_first_attribute(LDAP *ld, LDAPMessage *entry, BerElement **ber);
+char *zor_ldap_next_attribute(LDAP *ld, LDAPMessage *entry, BerElement *ber);
+struct berval **zor_ldap_get_values_len(LDAP *ld, LDAPMessage *entry, const char *attr);
+void zor_ldap_value_free_len(struct berval **values);
 int zor_ldap_get_errno(LDAP *ld);
+/* Releases the cursor only: it never owns the buffer it walks. */
+void zor_ldap_ber_free(BerElement *ber, int freebuf);
 
 /* The file the library was loaded from, canonicalised; release with free(). */
 char *zorldap_loaded_from(void);

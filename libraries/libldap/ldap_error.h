@@ -15,6 +15,7 @@ int ldap_result2error(LDAP *ld, LDAPMessage *res, int freeit);
 void ldap_perror(LDAP *ld, const char *prefix);
 
 // Unguarded forms for callers already inside an operation.
+int ldap_result2error_direct(LDAP *ld, LDAPMessage *res, int freeit);
 int ldap_set_error_direct(LDAP *ld, int code, const char *matched, const char *text);
 int ldap_get_errno_direct(LDAP *ld);
 int ldap_get_error_direct(LDAP *ld, char **matched, char **text);

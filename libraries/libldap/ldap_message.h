@@ -27,5 +27,9 @@ int ldap_msgtype(LDAPMessage *msg);
 // 1 for the types that end a request (bind, search done, modify, add,
 // delete, modify DN, compare, extended), else 0.
 int is_last_msg(LDAPMessage *msg);
+// Releases a chain handed out by ldap_result (or one message handed out
+// alone) and the request's row once it is done with; the unguarded form
+// for callers inside an operation. The type of what was released, or 0.
+int ldap_msgfree_direct(LDAPMessage *msg);
 
 #endif

@@ -191,7 +191,7 @@ int send_request(LDAP *ld, LDAPConn *lc, const RequestSpec &spec, int *msgid, co
     if (!lc)
         lc = get_default_connection(ld);
     if (!lc || !lc->lconn_msgtable) {
-        LDAP_TRACE(TRC_ERROR, "%s: NULL server connection\n", spec.name);
+        LDAP_TRACE(TRC_ERROR, "%s", spec.no_connection);
         ldap_set_error_direct(ld, LDAP_ENCODING_ERROR, nullptr, nullptr);
         return LDAP_ENCODING_ERROR;
     }

@@ -24,12 +24,12 @@ int ldap_write_timeout();
 
 namespace zldap {
 
-// What an operation adds to the skeleton: its name for trace lines, its
-// request tag, the server controls to send, and the encoder of its protocol
+// What an operation adds to the skeleton: its trace line for a missing
+// connection, its request tag, the server controls to send, and the encoder of its protocol
 // operation (tag included). The encoder returns 0 or a result code; it is
 // referenced, not copied, so it must outlive the spec (name the lambda).
 struct RequestSpec {
-    const char *name;
+    const char *no_connection; // a whole trace line
     int tag;
     LDAPControl **server_controls;
     FunctionRef<int(BerElement *)> encode;

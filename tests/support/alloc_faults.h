@@ -15,6 +15,10 @@ struct AllocFaultScenario {
     int expected_on_failure;
     // Optional: checked after every run (for example, that the handle still works).
     std::function<void()> check_usable;
+    // Optional: other codes a failing run may return, for scenarios whose
+    // failures surface differently on different paths (a failed read is a
+    // lost connection, not a memory error).
+    std::function<bool(int)> also_acceptable;
 };
 
 // Returns the number of allocations the scenario makes (each one has been failed once).
