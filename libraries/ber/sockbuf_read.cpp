@@ -3,6 +3,7 @@
 // need, and the wait for readability.
 #include "ber_internal.h"
 #include "sockbuf.h"
+#include "sockbuf_wait.h"
 
 #include "trace.h"
 #include "zorlib.h"
@@ -17,16 +18,6 @@ namespace {
 
 constexpr ber_len_t kMaxElementLength = 0x7FFFFFFE;
 constexpr int kMaxLengthOctets = 8;
-
-int poll_timeout_ms(const struct timeval *tv)
-{
-    if (!tv)
-        return -1;
-    long long ms = static_cast<long long>(tv->tv_sec) * 1000 + (tv->tv_usec + 999) / 1000;
-    if (ms < 0)
-        return 0;
-    return ms > INT_MAX ? INT_MAX : static_cast<int>(ms);
-}
 
 // Step 2 of framing: the tag and the first length octet. A tag octet that
 // arrives alone is kept in ber_tag for the next call.
@@ -211,12 +202,7 @@ int fber_select(Sockbuf *sb, const struct timeval *timeout)
         if (held > 0)
             return 1;
     }
-    // poll has no descriptor limit, unlike select's fixed-size sets.
-    struct pollfd pfd = {sb->sd, POLLIN, 0};
-    int rc;
-    do {
-        rc = poll(&pfd, 1, poll_timeout_ms(timeout));
-    } while (rc < 0 && errno == EINTR);
+    int rc = zldap::wait_for_descriptor(sb->sd, POLLIN, zldap::deadline_after(timeout));
     if (rc < 0)
         LDAP_TRACE(TRC_ERROR, "fber_select: returning %d\n", rc);
     return rc;

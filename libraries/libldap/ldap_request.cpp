@@ -9,6 +9,7 @@
 #include "ldap_error.h"
 #include "ldap_lock.h"
 #include "memory.h"
+#include "sockbuf_wait.h"
 #include "trace.h"
 
 #include <atomic>
@@ -23,16 +24,6 @@ namespace {
 
 std::atomic<int> g_write_timeout{-1};
 std::atomic<bool> g_write_timeout_read{false};
-
-int poll_timeout_ms(const struct timeval *tv)
-{
-    if (!tv)
-        return -1;
-    long long ms = static_cast<long long>(tv->tv_sec) * 1000 + (tv->tv_usec + 999) / 1000;
-    if (ms < 0)
-        return 0;
-    return ms > INT_MAX ? INT_MAX : static_cast<int>(ms);
-}
 
 // The connection is closed for good: later writes and reads fail at once.
 int fail_server_down(LDAP *ld, LDAPConn *lc)
@@ -102,12 +93,7 @@ int waitOnSocket(int sd, const struct timeval *timeout)
         fixed.tv_sec = write_timeout;
         timeout = &fixed;
     }
-    // poll has no descriptor limit, unlike select's fixed-size sets.
-    struct pollfd pfd = {sd, POLLOUT, 0};
-    int rc;
-    do {
-        rc = poll(&pfd, 1, poll_timeout_ms(timeout));
-    } while (rc < 0 && errno == EINTR);
+    int rc = zldap::wait_for_descriptor(sd, POLLOUT, zldap::deadline_after(timeout));
     if (rc < 0)
         LDAP_TRACE(TRC_ERROR, "Error - waitOnSocket: select failed errno %d\n", errno);
     else if (rc == 0)

@@ -3,6 +3,7 @@
 #include "ldap_connect.h"
 
 #include "environment.h"
+#include "sockbuf_wait.h"
 #include "trace.h"
 
 #include <cerrno>
@@ -22,56 +23,6 @@
 namespace {
 
 constexpr size_t kHostBufferSize = 512; // host names up to 511 bytes
-
-int64_t monotonic_microseconds()
-{
-    struct timespec now;
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return static_cast<int64_t>(now.tv_sec) * 1000000 + now.tv_nsec / 1000;
-}
-
-// The time-out as microseconds; negative values count as no time at all,
-// and absurdly long ones are capped rather than overflowing.
-int64_t timeout_microseconds(const struct timeval &tv)
-{
-    constexpr int64_t kCapSeconds = INT64_MAX / 1000000 / 4;
-    int64_t seconds = tv.tv_sec;
-    if (seconds < 0)
-        return 0;
-    if (seconds > kCapSeconds)
-        seconds = kCapSeconds;
-    int64_t total = seconds * 1000000 + static_cast<int64_t>(tv.tv_usec);
-    return total < 0 ? 0 : total;
-}
-
-// Waits until sd is writable (or has an error) or the deadline passes;
-// deadline < 0 waits for ever. poll rather than select, so that descriptor
-// numbers above FD_SETSIZE work. Returns poll's result: 1, 0 on time-out,
-// -1 with errno. A signal does not cut the wait short.
-int wait_writable(int sd, int64_t deadline)
-{
-    for (;;) {
-        int wait_ms = -1;
-        if (deadline >= 0) {
-            int64_t left = deadline - monotonic_microseconds();
-            if (left < 0)
-                left = 0;
-            int64_t ms = (left + 999) / 1000;
-            wait_ms = ms > INT_MAX ? INT_MAX : static_cast<int>(ms);
-        }
-        struct pollfd pfd = {sd, POLLOUT, 0};
-        int rc = poll(&pfd, 1, wait_ms);
-        if (rc < 0 && errno == EINTR)
-            continue;
-        if (rc > 0 && (pfd.revents & POLLNVAL)) {
-            errno = EBADF;
-            return -1;
-        }
-        if (rc == 0 && deadline >= 0 && monotonic_microseconds() < deadline)
-            continue; // woke early: the rounding of the remaining time
-        return rc;
-    }
-}
 
 // The outcome of a connect that completed in the background: 0, or -1
 // with errno set to the reason (a refused connection, for instance).
@@ -220,11 +171,11 @@ int tds_connect(int sd, const struct sockaddr *address, socklen_t address_len,
         // An interrupted blocking connect goes on in the background; wait
         // for its outcome instead of reporting the signal as a failure.
         if (rc < 0 && errno == EINTR)
-            rc = wait_writable(sd, -1) < 0 ? -1 : pending_connect_error(sd);
+            rc = zldap::wait_for_descriptor(sd, POLLOUT, -1) < 0 ? -1 : pending_connect_error(sd);
         return rc < 0 ? -1 : 0;
     }
 
-    int64_t deadline = monotonic_microseconds() + timeout_microseconds(*timeout);
+    int64_t deadline = zldap::deadline_after(timeout);
     if (set_socket_nb_sd(sd) != 0) {
         LDAP_TRACE(TRC_ERROR, "tds_connect: failed to set socket to non blocking\n");
         return -1;
@@ -232,7 +183,7 @@ int tds_connect(int sd, const struct sockaddr *address, socklen_t address_len,
     int rc = connect(sd, address, address_len);
     if (rc < 0 && (errno == EINPROGRESS || errno == EINTR)) {
         LDAP_TRACE(TRC_CONN, "tds_connect - connect rc = %d\n", rc);
-        int ready = wait_writable(sd, deadline);
+        int ready = zldap::wait_for_descriptor(sd, POLLOUT, deadline);
         if (ready < 0) {
             LDAP_TRACE(TRC_ERROR, "Error - tds_connect: select failed errno %d\n", errno);
             rc = -1;
