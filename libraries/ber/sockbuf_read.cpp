@@ -9,7 +9,6 @@
 #include "zorlib.h"
 
 #include <cerrno>
-#include <climits>
 #include <cstring>
 #include <poll.h>
 #include <unistd.h>

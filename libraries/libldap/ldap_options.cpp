@@ -2,6 +2,7 @@
 // the global-defaults record, and the API, feature and version records.
 #include "ldap_options.h"
 
+#include "function_ref.h"
 #include "ldap_connect.h"
 #include "ldap_controls.h"
 #include "ldap_error.h"
@@ -423,7 +424,11 @@ int ldap_get_option_direct(LDAP *ld, int option, void *out)
     return rc;
 }
 
-int ldap_set_option(LDAP *ld, int option, const void *invalue)
+namespace {
+
+// Runs an option call on the handle, or on the global defaults for NULL,
+// inside the guard and under ld_mutex.
+int with_option_lock(LDAP *ld, zldap::FunctionRef<int(LDAP *)> call)
 {
     if (!ld) {
         ld = ldap_global_defaults();
@@ -440,35 +445,33 @@ int ldap_set_option(LDAP *ld, int option, const void *invalue)
         ldap_set_error_direct(ld, LDAP_LOCK_ERROR, nullptr, nullptr);
         return LDAP_LOCK_ERROR;
     }
-    const void *value = invalue;
-    if (takes_int_pointer(ld, option)) {
-        if (!invalue) {
-            ldap_set_error_direct(ld, LDAP_PARAM_ERROR, nullptr, nullptr);
-            return LDAP_PARAM_ERROR;
+    return call(ld);
+}
+
+} // namespace
+
+int ldap_set_option(LDAP *ld, int option, const void *invalue)
+{
+    auto set = [&](LDAP *target) {
+        const void *value = invalue;
+        if (takes_int_pointer(target, option)) {
+            if (!invalue) {
+                ldap_set_error_direct(target, LDAP_PARAM_ERROR, nullptr, nullptr);
+                return LDAP_PARAM_ERROR;
+            }
+            value = reinterpret_cast<const void *>(static_cast<intptr_t>(*static_cast<const int *>(invalue)));
         }
-        value = reinterpret_cast<const void *>(static_cast<intptr_t>(*static_cast<const int *>(invalue)));
-    }
-    return ldap_set_option_direct(ld, option, value);
+        return ldap_set_option_direct(target, option, value);
+    };
+    return with_option_lock(ld, set);
 }
 
 int ldap_get_option(LDAP *ld, int option, void *outvalue)
 {
     if (!outvalue)
         return LDAP_PARAM_ERROR;
-    if (!ld) {
-        ld = ldap_global_defaults();
-        if (!ld)
-            return -1;
-    }
-    HandleHold hold(ld);
-    if (!hold.admitted())
-        return hold.code();
-    LDAP_MUTEX_GUARD(guard, &ld->ld_mutex);
-    if (!guard.locked()) {
-        ldap_set_error_direct(ld, LDAP_LOCK_ERROR, nullptr, nullptr);
-        return LDAP_LOCK_ERROR;
-    }
-    return ldap_get_option_direct(ld, option, outvalue);
+    auto get = [&](LDAP *target) { return ldap_get_option_direct(target, option, outvalue); };
+    return with_option_lock(ld, get);
 }
 
 int ldap_get_version(ldap_version_record *record)
