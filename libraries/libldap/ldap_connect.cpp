@@ -111,7 +111,7 @@ void close_lc_socket(LDAPConn *lc)
     if (lc->lconn_sb.secure)
         ssl_close_direct(&lc->lconn_sb);
     close_connection_sd(&lc->lconn_sb);
-    lc->lconn_connected = 0;
+    lconn_set_connected(lc, false);
 }
 
 // One host entry of lc: connect, secure it when the session asks for that,
@@ -143,16 +143,16 @@ int open_host_entry(LDAP *ld, LDAPConn *lc, std::string_view entry, const Connec
         close_lc_socket(lc);
         return LDAP_CONNECT_ERROR;
     }
-    lc->lconn_connected = 1;
+    lconn_set_connected(lc, true);
     return LDAP_SUCCESS;
 }
 
 int open_with_settings(LDAP *ld, LDAPConn *lc, const ConnectSettings &settings)
 {
     // Opening again replaces the old socket rather than losing it.
-    if (lc->lconn_connected == 1)
+    if (lconn_is_connected(lc))
         close_lc_socket(lc);
-    lc->lconn_connected = 0;
+    lconn_set_connected(lc, false);
     if (!lc->lconn_hosts)
         return LDAP_SUCCESS;
 

@@ -140,6 +140,10 @@ inline constexpr uint32_t LD_LOCK_THREAD_CONN = 0x10;
 inline bool lconn_is_closed(const LDAPConn *lc) { return __atomic_load_n(&lc->lconn_state, __ATOMIC_ACQUIRE) == 1; }
 inline void lconn_mark_closed(LDAPConn *lc) { __atomic_store_n(&lc->lconn_state, 1, __ATOMIC_RELEASE); }
 inline bool lconn_is_connected(const LDAPConn *lc) { return __atomic_load_n(&lc->lconn_connected, __ATOMIC_ACQUIRE) == 1; }
+inline void lconn_set_connected(LDAPConn *lc, bool connected)
+{
+    __atomic_store_n(&lc->lconn_connected, connected ? 1u : 0u, __ATOMIC_RELEASE);
+}
 
 // True when ld is non-NULL and carries the marker.
 bool ldap_handle_is_valid(const LDAP *ld);
