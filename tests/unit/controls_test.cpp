@@ -369,6 +369,7 @@ TEST(GetControls, TracesEachControl)
     LDAPControl **out = nullptr;
     ASSERT_EQ(Get(Controls({Control({Oid("1.2.3"), Boolean(true), Value("abc")}), Control({Oid("1.4")})}), &out),
               0);
+    ldap_controls_free(out);
     int bad = Get(Controls({Control({Boolean(true)})}), &out);
     EXPECT_EQ(bad, LDAP_DECODING_ERROR);
     std::string text = capture.text();
