@@ -7,6 +7,7 @@
 #include "zorlib.h"
 
 #include <cerrno>
+#include <sys/socket.h>
 #include <unistd.h>
 
 namespace {
@@ -28,9 +29,14 @@ long BerWrite_nb(Sockbuf *sb, const char *buf, long len)
     }
     if (len < 1)
         return 0;
+    size_t chunk = static_cast<size_t>(len > kMaxPlainWrite ? kMaxPlainWrite : len);
     ssize_t n;
     do {
-        n = write(sb->sd, buf, static_cast<size_t>(len > kMaxPlainWrite ? kMaxPlainWrite : len));
+        // A peer that has gone away must give an error, not a SIGPIPE that
+        // kills the caller's process.
+        n = send(sb->sd, buf, chunk, MSG_NOSIGNAL);
+        if (n < 0 && errno == ENOTSOCK)
+            n = write(sb->sd, buf, chunk);
     } while (n < 0 && errno == EINTR);
     if (n < 0) {
         int err = errno;

@@ -24,8 +24,9 @@ constexpr int kLdapsPort = 636;
 constexpr int kReferralTableRows = 8;
 constexpr size_t kHostEntryMax = 511;
 
-// What opening a connection needs from the handle, read in one go under
-// ld_mutex so that no other lock is held meanwhile.
+// What opening a connection needs from the handle. It is copied under
+// ld_mutex once, so that the connects themselves run without the handle
+// lock and find_connection can take it before the chain's lock.
 struct ConnectSettings {
     struct timeval timeout;
     bool has_timeout;
@@ -339,6 +340,58 @@ LDAPConn *find_connection(LDAP *ld, const char *host, int port, int open_if_miss
     if (rc != LDAP_SUCCESS)
         ldap_set_error_direct(ld, rc, nullptr, nullptr);
     return found;
+}
+
+void release_connection(LDAP *ld, LDAPConn *lc)
+{
+    LDAP_TRACE(TRC_CONN, "release_connection: ld(%p), lc(%p)\n", static_cast<void *>(ld),
+               static_cast<void *>(lc));
+    if (!ldap_handle_is_valid(ld) || !lc)
+        return;
+    // The default connection lives as long as the handle: too much points
+    // at it (ld_defconn, every thread without a binding).
+    if (lc == ld->ld_defconn)
+        return;
+    bool unlinked = false;
+    {
+        LDAP_MUTEX_GUARD(guard, &ld->ld_servers_mutex);
+        if (!guard.locked()) {
+            ldap_set_error_direct(ld, LDAP_LOCK_ERROR, nullptr, nullptr);
+            return;
+        }
+        for (LDAPConn **link = &ld->ld_servers; *link; link = &(*link)->lconn_next) {
+            if (*link == lc) {
+                *link = lc->lconn_next;
+                unlinked = true;
+                break;
+            }
+        }
+    }
+    // A connection that is not in the chain was never this handle's, or
+    // has been released already: freeing it again would corrupt memory.
+    if (!unlinked)
+        return;
+    lc->lconn_next = nullptr;
+
+    int outstanding = ldap_msg_table_outstanding(lc->lconn_msgtable);
+    if (outstanding == 0) {
+        ldap_lc_free(lc);
+        return;
+    }
+    if (outstanding < 0)
+        ldap_set_error_direct(ld, LDAP_LOCK_ERROR, nullptr, nullptr);
+    // Requests on it still wait for their answers, so it can't be freed
+    // now. Back at the end of the chain, teardown frees it with the handle
+    // instead of it being lost.
+    LDAP_MUTEX_GUARD(guard, &ld->ld_servers_mutex);
+    if (!guard.locked()) {
+        ldap_set_error_direct(ld, LDAP_LOCK_ERROR, nullptr, nullptr);
+        return;
+    }
+    LDAPConn **tail = &ld->ld_servers;
+    while (*tail)
+        tail = &(*tail)->lconn_next;
+    *tail = lc;
 }
 
 LDAPConn *get_default_connection(LDAP *ld)

@@ -73,8 +73,10 @@ int same_server(const char *host1, int port1, const char *host2, int port2);
 LDAPConn *find_connection(LDAP *ld, const char *host, int port, int open_if_missing, int *rc,
                           int include_default);
 
-// Takes lc out of the handle's chain and frees it unless requests are
-// still outstanding on it.
+// Takes lc out of the handle's chain and frees it. A connection with
+// requests still outstanding is kept (at the end of the chain) for the
+// handle's teardown; the default connection and records not in the chain
+// are left alone.
 void release_connection(LDAP *ld, LDAPConn *lc);
 
 // Shuts the socket down in both directions and closes it; the Sockbuf form

@@ -15,29 +15,37 @@ int mutex_lock(pthread_mutex_t *mutex, const char *module, int line);
 int mutex_unlock(pthread_mutex_t *mutex, const char *module, int line);
 
 // Holds a mutex for one scope; locked() tells whether taking it succeeded.
+// unlock() and relock() let a scope give the mutex up for a while (for
+// example around a socket read).
 class MutexGuard {
 public:
     MutexGuard(pthread_mutex_t *mutex, const char *module, int line)
-        : mutex_(mutex), module_(module), line_(line), rc_(mutex_lock(mutex, module, line))
+        : mutex_(mutex), module_(module), line_(line), held_(mutex_lock(mutex, module, line) == 0)
     {
     }
     ~MutexGuard() { unlock(); }
     MutexGuard(const MutexGuard &) = delete;
     MutexGuard &operator=(const MutexGuard &) = delete;
 
-    bool locked() const { return rc_ == 0 && mutex_ != nullptr; }
+    bool locked() const { return held_; }
     void unlock()
     {
-        if (locked())
+        if (held_)
             mutex_unlock(mutex_, module_, line_);
-        mutex_ = nullptr;
+        held_ = false;
+    }
+    bool relock()
+    {
+        if (!held_)
+            held_ = mutex_lock(mutex_, module_, line_) == 0;
+        return held_;
     }
 
 private:
     pthread_mutex_t *mutex_;
     const char *module_;
     int line_;
-    int rc_;
+    bool held_;
 };
 
 } // namespace zldap

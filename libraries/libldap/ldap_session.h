@@ -1,19 +1,26 @@
 // ldap_session.h - the session handle LDAP, its connection records LDAPConn
 // and the socket buffer they embed.
 //
-// Locks and what they guard, in the order in which they may nest:
+// Locks and what they guard:
 //   ld_mutex            ld_op_count, ld_unbind_started, every option field,
-//                       the saved bind data. Held only for short updates.
+//                       the saved bind data. Held only for short reads and
+//                       updates; nothing else is taken while it is held
+//                       except the leaf locks below, so a thread holding a
+//                       connection lock may take it briefly (opening a
+//                       connection reads the connect time-out that way).
+//   ld_servers_mutex    the ld_servers chain. Held while a missing referral
+//                       connection is opened, so it may enclose ld_mutex
+//                       and the system-call mutex, never a connection lock.
 //   lconn_write_mutex   opening of and writing to one connection.
 //   lconn_read_mutex    reading from one connection and its partly read message.
 //   table lock          the rows and counters of one message table.
 //   queue lock          the queue of read but unfiled messages.
-// The read lock is taken before the queue lock, the table lock before the
+// Order: the read lock before the queue lock, the table lock before the
 // queue lock; no table lock is held while a socket is read or written or a
 // request encoded, and two tables' locks are never held together.
-// Leaf locks, never held while another is taken: ld_servers_mutex (the
-// ld_servers list), ld_thread_conn_mutex (ld_thread_conns), ld_error_mutex
-// (ld_errors), lconn_ctrls_mutex (lconn_ctrls).
+// Leaf locks, never held while another is taken: ld_thread_conn_mutex
+// (ld_thread_conns), ld_error_mutex (ld_errors), lconn_ctrls_mutex
+// (lconn_ctrls).
 #ifndef ZLDAP_LDAP_SESSION_H
 #define ZLDAP_LDAP_SESSION_H
 
@@ -127,6 +134,12 @@ inline constexpr uint32_t LD_LOCK_SERVERS = 0x02;
 inline constexpr uint32_t LD_LOCK_ERROR = 0x04;
 inline constexpr uint32_t LD_LOCK_COND = 0x08;
 inline constexpr uint32_t LD_LOCK_THREAD_CONN = 0x10;
+
+// lconn_state and lconn_connected are read without the connection's locks
+// by the other side (readers look at what writers set and the reverse).
+inline bool lconn_is_closed(const LDAPConn *lc) { return __atomic_load_n(&lc->lconn_state, __ATOMIC_ACQUIRE) == 1; }
+inline void lconn_mark_closed(LDAPConn *lc) { __atomic_store_n(&lc->lconn_state, 1, __ATOMIC_RELEASE); }
+inline bool lconn_is_connected(const LDAPConn *lc) { return __atomic_load_n(&lc->lconn_connected, __ATOMIC_ACQUIRE) == 1; }
 
 // True when ld is non-NULL and carries the marker.
 bool ldap_handle_is_valid(const LDAP *ld);

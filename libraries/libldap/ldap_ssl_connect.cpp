@@ -21,5 +21,5 @@ void ssl_close_direct(Sockbuf *sb)
     if (!sb || !sb->secure)
         return;
     LDAP_TRACE(TRC_CONN, "ssl_close_direct: sb(%p) secure(%p) left to its owner\n",
-               static_cast<void *>(sb), sb->secure);
+               static_cast<void *>(sb), static_cast<void *>(sb->secure));
 }

@@ -64,6 +64,10 @@ struct ldap_msg_table {
     uint32_t last_any_row;
     LDAPMessage *partial; // being read; guarded by the connection's read lock
     int32_t partial_state;
+    // Messages queued so far, counted by the reader (atomic access): a
+    // thread that waited for the read lock can tell that someone else read
+    // for it meanwhile and need not wait on the socket.
+    uint32_t read_count;
 };
 
 ldap_msg_table *ldap_msg_table_init(uint32_t rows);

@@ -8,12 +8,13 @@
 
 // The body reports success by returning normally; any failed ASSERT or
 // EXPECT inside it, or a crash, fails the test.
-#define ZLDAP_IN_FRESH_PROCESS(body)                                                               \
+#define ZLDAP_IN_FRESH_PROCESS(...)                                                                \
     do {                                                                                           \
         GTEST_FLAG_SET(death_test_style, "threadsafe");                                            \
+        auto zldap_fresh_body = [&] { __VA_ARGS__; };                                              \
         EXPECT_EXIT(                                                                               \
             {                                                                                      \
-                body;                                                                              \
+                zldap_fresh_body();                                                                \
                 std::exit(::testing::Test::HasFailure() ? 1 : 0);                                  \
             },                                                                                     \
             ::testing::ExitedWithCode(0), "");                                                     \

@@ -1,0 +1,80 @@
+// Connections shared between threads: concurrent lookups of a missing
+// server open it once, and thread bindings stay per thread while other
+// threads look connections up.
+#include "ldap_connect.h"
+#include "ldap_init.h"
+#include "ldap_unbind.h"
+#include "loopback.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <thread>
+#include <vector>
+
+namespace {
+
+TEST(ConnectThreads, ConcurrentLookupsOpenAMissingServerOnce)
+{
+    zldap_test::LoopbackListener listener;
+    ASSERT_TRUE(listener.ok());
+    LDAP *ld = ldap_init("127.0.0.1", 389);
+    ASSERT_NE(ld, nullptr);
+    constexpr int kThreads = 4;
+    std::vector<LDAPConn *> found(kThreads, nullptr);
+    std::vector<int> codes(kThreads, -7);
+    std::atomic<int> ready{0};
+    std::vector<std::thread> threads;
+    for (int i = 0; i < kThreads; i++)
+        threads.emplace_back([&, i] {
+            ready++;
+            while (ready.load() < kThreads) {
+            }
+            found[i] = find_connection(ld, "localhost", listener.port(), 1, &codes[i], 0);
+        });
+    for (auto &t : threads)
+        t.join();
+    for (int i = 0; i < kThreads; i++) {
+        EXPECT_EQ(codes[i], 0);
+        EXPECT_NE(found[i], nullptr);
+        EXPECT_EQ(found[i], found[0]);
+    }
+    EXPECT_EQ(ld->ld_defconn->lconn_next, found[0]);
+    EXPECT_EQ(found[0]->lconn_next, nullptr);
+    EXPECT_GE(listener.Accept(2000).get(), 0);
+    EXPECT_LT(listener.Accept(100).get(), 0) << "one connect only";
+    EXPECT_EQ(ldap_unbind(ld), 0);
+}
+
+TEST(ConnectThreads, BindingsStayWithTheirThreadDuringLookups)
+{
+    zldap_test::LoopbackListener listener;
+    LDAP *ld = ldap_init("127.0.0.1", 389);
+    ASSERT_NE(ld, nullptr);
+    int rc = -7;
+    LDAPConn *other = find_connection(ld, "127.0.0.1", listener.port(), 1, &rc, 0);
+    ASSERT_NE(other, nullptr);
+    std::atomic<bool> wrong{false};
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 4; i++)
+        threads.emplace_back([&, i] {
+            for (int round = 0; round < 50; round++) {
+                bool bind = (i + round) % 2 == 0;
+                if (bind && set_thread_connection(ld, other) != 0)
+                    wrong = true;
+                if (get_default_connection(ld) != (bind ? other : ld->ld_defconn))
+                    wrong = true;
+                if (find_connection(ld, "127.0.0.1", listener.port(), 0, nullptr, 0) != other)
+                    wrong = true;
+                if (bind && set_thread_connection(ld, nullptr) != 0)
+                    wrong = true;
+            }
+        });
+    for (auto &t : threads)
+        t.join();
+    EXPECT_FALSE(wrong.load());
+    EXPECT_EQ(ld->ld_thread_conns, nullptr);
+    EXPECT_EQ(ldap_unbind(ld), 0);
+}
+
+} // namespace

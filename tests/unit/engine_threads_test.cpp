@@ -1,0 +1,172 @@
+// Sixteen threads share one handle: each sends its own requests and waits
+// for its own ids while the server answers them out of order, and every
+// answer must reach the thread that owns it. Also run under ThreadSanitizer.
+#include "engine_fixture.h"
+#include "ldap_error.h"
+#include "ldap_init.h"
+#include "ldap_unbind.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <random>
+#include <string>
+#include <thread>
+#include <vector>
+
+using namespace zldap_test;
+using namespace std::chrono_literals;
+
+namespace {
+
+constexpr int kThreads = 16;
+constexpr int kRounds = 25;
+constexpr int kDelResp = 0x6B;
+
+// Collects requests and answers each batch in shuffled order, with a
+// search-entry-like message before most results so that chains have
+// several messages.
+void ShuffledAnswers(ScriptConnection &c)
+{
+    std::mt19937 random(12345);
+    std::vector<Request> batch;
+    for (;;) {
+        auto r = c.Read(batch.empty() ? std::chrono::milliseconds(30000) : std::chrono::milliseconds(5));
+        if (r) {
+            batch.push_back(*r);
+            if (batch.size() < 8)
+                continue;
+        } else if (batch.empty()) {
+            return; // the client has gone
+        }
+        std::shuffle(batch.begin(), batch.end(), random);
+        for (const Request &q : batch) {
+            if (q.id % 3 != 0)
+                c.Send(wire::Entry(q.id, "cn=" + std::to_string(q.id), {{"cn", {std::to_string(q.id)}}}));
+            c.Send(wire::Result(q.id, kDelResp, 0, "", "answer " + std::to_string(q.id)));
+        }
+        batch.clear();
+    }
+}
+
+TEST(EngineThreads, EveryAnswerReachesItsOwner)
+{
+    ScriptServer server(ShuffledAnswers);
+    LDAP *ld = HandleFor(server);
+    ASSERT_NE(ld, nullptr);
+    std::atomic<int> delivered{0};
+    std::atomic<int> misrouted{0};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; t++) {
+        threads.emplace_back([&, t] {
+            for (int round = 0; round < kRounds; round++) {
+                int id = 0;
+                if (SendDelete(ld, "cn=t" + std::to_string(t), &id) != 0) {
+                    ADD_FAILURE() << "send failed: " << ldap_get_errno(ld);
+                    return;
+                }
+                LDAPMessage *res = nullptr;
+                struct timeval tv {60, 0};
+                int type = ldap_result(ld, id, LDAP_MSG_ALL, &tv, &res);
+                if (type != kDelResp || !res) {
+                    ADD_FAILURE() << "ldap_result gave " << type << " error " << ldap_get_errno(ld);
+                    return;
+                }
+                for (LDAPMessage *m = res; m; m = m->msg_next)
+                    if (m->msg_id != id)
+                        misrouted++;
+                ReleaseRow(ld, id);
+                delivered++;
+            }
+        });
+    }
+    for (std::thread &t : threads)
+        t.join();
+    EXPECT_EQ(delivered.load(), kThreads * kRounds);
+    EXPECT_EQ(misrouted.load(), 0);
+    EXPECT_EQ(ldap_msg_table_outstanding(TableOf(ld)), 0);
+    EXPECT_EQ(server.connections(), 1) << "one connection shared by all threads";
+    EXPECT_EQ(ldap_unbind(ld), 0);
+}
+
+TEST(EngineThreads, AnyMessageWaitersShareTheRows)
+{
+    ScriptServer server(ShuffledAnswers);
+    LDAP *ld = HandleFor(server);
+    ASSERT_NE(ld, nullptr);
+    constexpr int kRequests = 40;
+    for (int i = 0; i < kRequests; i++) {
+        int id = 0;
+        ASSERT_EQ(SendDelete(ld, "cn=any", &id), 0);
+    }
+    std::atomic<int> collected{0};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; t++) {
+        threads.emplace_back([&] {
+            while (collected.load() < kRequests) {
+                LDAPMessage *res = nullptr;
+                struct timeval tv {0, 200000};
+                int type = ldap_result(ld, LDAP_RES_ANY, LDAP_MSG_ALL, &tv, &res);
+                if (type == kDelResp) {
+                    ReleaseRow(ld, res->msg_id);
+                    collected++;
+                } else if (type == -1 && ldap_get_errno(ld) == LDAP_PARAM_ERROR) {
+                    std::this_thread::sleep_for(1ms); // every remaining row is taken
+                } else if (type != 0) {
+                    ADD_FAILURE() << "ldap_result gave " << type << " error " << ldap_get_errno(ld);
+                    return;
+                }
+            }
+        });
+    }
+    for (std::thread &t : threads)
+        t.join();
+    EXPECT_EQ(collected.load(), kRequests);
+    EXPECT_EQ(ldap_unbind(ld), 0);
+}
+
+TEST(EngineThreads, UnbindWaitsForAThreadInsideLdapResult)
+{
+    std::atomic<bool> answer{false};
+    ScriptServer server([&](ScriptConnection &c) {
+        auto r = c.Read();
+        if (!r)
+            return;
+        for (int i = 0; i < 5000 && !answer; i++)
+            std::this_thread::sleep_for(1ms);
+        c.Send(wire::Result(r->id, kDelResp, 0));
+        c.Read(5s);
+    });
+    LDAP *ld = HandleFor(server);
+    int id = 0;
+    ASSERT_EQ(SendDelete(ld, "cn=wait", &id), 0);
+    std::atomic<int> result{-100};
+    std::thread waiter([&] {
+        LDAPMessage *res = nullptr;
+        struct timeval tv {30, 0};
+        result = ldap_result(ld, id, LDAP_MSG_ALL, &tv, &res);
+    });
+    // Let the waiter get inside ldap_result, then unbind from here; the
+    // unbind must wait until the answer has come and the waiter has left.
+    auto operations = [ld] {
+        pthread_mutex_lock(&ld->ld_mutex);
+        uint64_t n = ld->ld_op_count;
+        pthread_mutex_unlock(&ld->ld_mutex);
+        return n;
+    };
+    while (operations() == 0)
+        std::this_thread::sleep_for(1ms);
+    std::thread answerer([&] {
+        std::this_thread::sleep_for(100ms);
+        answer = true;
+    });
+    EXPECT_EQ(ldap_unbind(ld), 0);
+    EXPECT_TRUE(answer.load()) << "unbind returned before the answer came";
+    waiter.join();
+    answerer.join();
+    EXPECT_EQ(result.load(), kDelResp);
+}
+
+} // namespace
