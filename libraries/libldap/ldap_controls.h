@@ -6,7 +6,6 @@
 #ifndef ZLDAP_LDAP_CONTROLS_H
 #define ZLDAP_LDAP_CONTROLS_H
 
-#include "lber.h"
 #include "zor8ldap.h"
 
 // Lists. A list is a NULL-terminated array of control pointers; NULL and an
