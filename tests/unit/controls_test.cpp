@@ -369,6 +369,7 @@ TEST(GetControls, TracesEachControl)
     LDAPControl **out = nullptr;
     ASSERT_EQ(Get(Controls({Control({Oid("1.2.3"), Boolean(true), Value("abc")}), Control({Oid("1.4")})}), &out),
               0);
+    ldap_controls_free(out);
     int bad = Get(Controls({Control({Boolean(true)})}), &out);
     EXPECT_EQ(bad, LDAP_DECODING_ERROR);
     std::string text = capture.text();
@@ -742,6 +743,23 @@ TEST_F(BindControls, RefusesBadArguments)
     EXPECT_EQ(ldap_get_bind_controls(ld, &out), LDAP_PARAM_ERROR);
     ld->ld_unbind_started = 0;
     EXPECT_EQ(ld->ld_op_count, 0u) << "operations are counted out again";
+}
+
+TEST_F(BindControls, AFailedStoreLeavesNoControlsOfAnEarlierBind)
+{
+    OwnedList first, second;
+    first.Add("1.1");
+    second.Add("1.2");
+    ASSERT_EQ(ldap_store_bind_controls(ld, first.list), LDAP_SUCCESS);
+    zldap::mem_tracking_start(1);
+    int rc = ldap_store_bind_controls(ld, second.list);
+    zldap::AllocCounters counters = zldap::mem_tracking_stop();
+    EXPECT_EQ(rc, LDAP_NO_MEMORY);
+    EXPECT_EQ(counters.live, -3) << "the earlier list (array, control, OID) is released, nothing else";
+    EXPECT_EQ(ld->ld_defconn->lconn_ctrls, nullptr);
+    LDAPControl **out = first.list;
+    ASSERT_EQ(ldap_get_bind_controls(ld, &out), LDAP_SUCCESS);
+    EXPECT_EQ(out, nullptr);
 }
 
 TEST_F(BindControls, StoringAndReadingSurviveEveryAllocationFailure)
