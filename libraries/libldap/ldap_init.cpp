@@ -14,6 +14,7 @@
 #include "ldap_unbind.h"
 #include "memory.h"
 #include "trace.h"
+#include "url.h"
 
 #include <cctype>
 #include <cstring>
@@ -38,9 +39,33 @@ void ensure_ulxdir()
     zldap::mem_free(home);
 }
 
-// The host string the handle will use: the caller's host list unchanged, or
-// the local host name for NULL. NULL on failure, with the reason traced.
-char *resolve_host_string(const char *host)
+// The host list an LDAP URL names, and its port when it gives one (1 or
+// more). A URL that names no host would need server location, which this
+// library does not do yet. NULL on failure, with the reason traced.
+char *host_from_url(const char *url, int *port)
+{
+    LDAPURLDesc *desc = nullptr;
+    if (ldap_url_parse(url, &desc) != LDAP_SUCCESS)
+        return nullptr;
+    char *host = nullptr;
+    if (desc->lud_host && *desc->lud_host) {
+        LDAP_TRACE(TRC_API, "ldap_init: Found host (%s) in URL\n", desc->lud_host);
+        host = zldap::mem_strdup(desc->lud_host);
+        if (desc->lud_port >= 1)
+            *port = desc->lud_port;
+    } else if (desc->lud_dn) {
+        LDAP_TRACE(TRC_API, "ldap_init: Found DN (%s) in URL\n", desc->lud_dn);
+    }
+    ldap_free_urldesc(desc);
+    if (!host)
+        LDAP_TRACE(TRC_ERROR, "ldap_init: failed to get hostname\n");
+    return host;
+}
+
+// The host string the handle will use: the caller's host list unchanged,
+// the host of an LDAP URL, or the local host name for NULL. NULL on
+// failure, with the reason traced.
+char *resolve_host_string(const char *host, int *port)
 {
     if (host) {
         LDAP_TRACE(TRC_API, "ldap_init: parsing the passing hostname\n");
@@ -49,12 +74,8 @@ char *resolve_host_string(const char *host)
         for (size_t i = 0; i < n; i++)
             lower[i] = static_cast<char>(std::tolower(static_cast<unsigned char>(host[i])));
         lower[n] = '\0';
-        if (std::strstr(lower, "ldap://") || std::strstr(lower, "ldaps://")) {
-            // URL host arguments need the URL parser, which is not part of
-            // this library yet.
-            LDAP_TRACE(TRC_ERROR, "ldap_init: failed to get hostname\n");
-            return nullptr;
-        }
+        if (std::strstr(lower, "ldap://") || std::strstr(lower, "ldaps://"))
+            return host_from_url(host, port);
         char *copy = zldap::mem_strdup(host);
         if (!copy)
             LDAP_TRACE(TRC_ERROR, "ldap_init: failed to get hostname\n");
@@ -140,7 +161,7 @@ LDAP *ldap_init(const char *host, int port)
         port = kDefaultPort;
     ensure_ulxdir();
 
-    char *hosts = resolve_host_string(host);
+    char *hosts = resolve_host_string(host, &port);
     if (!hosts)
         return nullptr;
     if (*hosts == '\0') {

@@ -56,7 +56,7 @@ int ldap_search_ext_direct(LDAP *ld, const char *base, int scope, const char *fi
                         deref, sizelimit, timelimit, attrsonly) != 0)
             return LDAP_ENCODING_ERROR;
         LDAP_TRACE(TRC_API, "putting filter %s into ber\n", filter);
-        if (put_filter(ber, filter) != 0)
+        if (put_filter(ber, filter, 0) != 0)
             return LDAP_FILTER_ERROR;
         return fber_printf(ber, "{v}}", attrs) == 0 ? LDAP_SUCCESS : LDAP_ENCODING_ERROR;
     };
