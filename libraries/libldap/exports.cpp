@@ -8,7 +8,12 @@
 #include "ldap_error.h"
 #include "ldap_init.h"
 #include "ldap_options.h"
+#include "ldap_bind.h"
 #include "ldap_unbind.h"
+#include "results.h"
+#include "search.h"
+#include "update.h"
+#include "url.h"
 
 #include <cstdlib>
 #include <cstring>
@@ -44,6 +49,8 @@ static_assert(sizeof(zorldap_SCCSInfo) == 885);
 
 ZLDAP_EXPORT LDAP *zor_ldap_init(const char *host, int port) { return ldap_init(host, port); }
 
+ZLDAP_EXPORT int zor_ldap_msgfree(LDAPMessage *res) { return ldap_msgfree(res); }
+
 ZLDAP_EXPORT char *zor_ldap_err2string(int err) { return ldap_err2string(err); }
 
 ZLDAP_EXPORT int zor_ldap_set_option(LDAP *ld, int option, const void *invalue)
@@ -51,9 +58,64 @@ ZLDAP_EXPORT int zor_ldap_set_option(LDAP *ld, int option, const void *invalue)
     return ldap_set_option(ld, option, invalue);
 }
 
+ZLDAP_EXPORT int zor_ldap_simple_bind_s(LDAP *ld, const char *dn, const char *passwd)
+{
+    return ldap_simple_bind_s(ld, dn, passwd);
+}
+
 ZLDAP_EXPORT int zor_ldap_unbind(LDAP *ld) { return ldap_unbind(ld); }
 
+ZLDAP_EXPORT int zor_ldap_search_st(LDAP *ld, const char *base, int scope, const char *filter, char **attrs,
+                                    int attrsonly, struct timeval *timeout, LDAPMessage **res)
+{
+    return ldap_search_st(ld, base, scope, filter, attrs, attrsonly, timeout, res);
+}
+
+ZLDAP_EXPORT int zor_ldap_url_parse(const char *url, LDAPURLDesc **ludpp) { return ldap_url_parse(url, ludpp); }
+
+ZLDAP_EXPORT void zor_ldap_free_urldesc(LDAPURLDesc *ludp) { ldap_free_urldesc(ludp); }
+
+ZLDAP_EXPORT int zor_ldap_count_entries(LDAP *ld, LDAPMessage *res) { return ldap_count_entries(ld, res); }
+
+ZLDAP_EXPORT int zor_ldap_add_s(LDAP *ld, const char *dn, LDAPMod **attrs) { return ldap_add_s(ld, dn, attrs); }
+
+ZLDAP_EXPORT int zor_ldap_delete_s(LDAP *ld, const char *dn) { return ldap_delete_s(ld, dn); }
+
+ZLDAP_EXPORT int zor_ldap_modify_s(LDAP *ld, const char *dn, LDAPMod **mods) { return ldap_modify_s(ld, dn, mods); }
+
+ZLDAP_EXPORT int zor_ldap_modrdn_s(LDAP *ld, const char *dn, const char *newrdn, int deleteoldrdn)
+{
+    return ldap_modrdn_s(ld, dn, newrdn, deleteoldrdn);
+}
+
+ZLDAP_EXPORT LDAPMessage *zor_ldap_first_entry(LDAP *ld, LDAPMessage *res) { return ldap_first_entry(ld, res); }
+
+ZLDAP_EXPORT LDAPMessage *zor_ldap_next_entry(LDAP *ld, LDAPMessage *entry) { return ldap_next_entry(ld, entry); }
+
+ZLDAP_EXPORT char *zor_ldap_get_dn(LDAP *ld, LDAPMessage *entry) { return ldap_get_dn(ld, entry); }
+
+ZLDAP_EXPORT void zor_ldap_memfree(void *p) { ldap_memfree(p); }
+
+ZLDAP_EXPORT char *zor_ldap_first_attribute(LDAP *ld, LDAPMessage *entry, BerElement **ber)
+{
+    return ldap_first_attribute(ld, entry, ber);
+}
+
+ZLDAP_EXPORT char *zor_ldap_next_attribute(LDAP *ld, LDAPMessage *entry, BerElement *ber)
+{
+    return ldap_next_attribute(ld, entry, ber);
+}
+
+ZLDAP_EXPORT struct berval **zor_ldap_get_values_len(LDAP *ld, LDAPMessage *entry, const char *attr)
+{
+    return ldap_get_values_len(ld, entry, attr);
+}
+
+ZLDAP_EXPORT void zor_ldap_value_free_len(struct berval **values) { ldap_value_free_len(values); }
+
 ZLDAP_EXPORT int zor_ldap_get_errno(LDAP *ld) { return ldap_get_errno(ld); }
+
+ZLDAP_EXPORT void zor_ldap_ber_free(BerElement *ber, int freebuf) { ldap_ber_free(ber, freebuf); }
 
 // The canonical name of the file this library was loaded from, in a
 // malloc'ed string the caller releases with free.
