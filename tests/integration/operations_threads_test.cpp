@@ -1,0 +1,106 @@
+// Eight threads share one handle against slapd, each running a bounded
+// number of rounds of mixed operations on entries of its own, with every
+// result checked. Also run under ThreadSanitizer.
+#include "ldap_bind.h"
+#include "ldap_error.h"
+#include "ldap_init.h"
+#include "ldap_unbind.h"
+#include "results.h"
+#include "search.h"
+#include "slapd_fixture.h"
+#include "update.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <string>
+#include <thread>
+#include <vector>
+
+using namespace zldap_test;
+
+namespace {
+
+constexpr int kThreads = 8;
+constexpr int kRounds = 15;
+
+// One round for thread t: add an entry, read it back, change it, compare,
+// rename it and delete it; returns the first step that went wrong.
+std::string Round(LDAP *ld, int t, int round)
+{
+    std::string name = "t" + std::to_string(t) + "r" + std::to_string(round);
+    std::string dn = "cn=" + name + ",ou=scratch,dc=example,dc=com";
+    std::string renamed_rdn = "cn=" + name + "x";
+    std::string renamed = renamed_rdn + ",ou=scratch,dc=example,dc=com";
+    char person[] = "person", surname[] = "Threads";
+    char *oc[] = {person, nullptr}, *sn[] = {surname, nullptr};
+    std::vector<char> cn_value(name.begin(), name.end());
+    cn_value.push_back('\0');
+    char *cn[] = {cn_value.data(), nullptr};
+    LDAPMod m1{LDAP_MOD_ADD, const_cast<char *>("objectClass"), {oc}};
+    LDAPMod m2{LDAP_MOD_ADD, const_cast<char *>("cn"), {cn}};
+    LDAPMod m3{LDAP_MOD_ADD, const_cast<char *>("sn"), {sn}};
+    LDAPMod *attrs[] = {&m1, &m2, &m3, nullptr};
+    if (int rc = ldap_add_s(ld, dn.c_str(), attrs); rc != 0)
+        return "add " + std::to_string(rc);
+
+    LDAPMessage *res = nullptr;
+    std::string filter = "(cn=" + name + ")";
+    int rc = ldap_search_s(ld, "ou=scratch,dc=example,dc=com", LDAP_SCOPE_ONELEVEL, filter.c_str(), nullptr, 0, &res);
+    int found = rc == 0 ? ldap_count_entries(ld, res) : -1;
+    char *got_dn = rc == 0 ? ldap_get_dn(ld, ldap_first_entry(ld, res)) : nullptr;
+    bool same = got_dn && dn == got_dn;
+    ldap_memfree(got_dn);
+    ldap_msgfree(res);
+    if (rc != 0 || found != 1 || !same)
+        return "search " + std::to_string(rc) + " found " + std::to_string(found);
+
+    std::string text = "round " + std::to_string(round);
+    std::vector<char> text_value(text.begin(), text.end());
+    text_value.push_back('\0');
+    char *desc[] = {text_value.data(), nullptr};
+    LDAPMod replace{LDAP_MOD_REPLACE, const_cast<char *>("description"), {desc}};
+    LDAPMod *mods[] = {&replace, nullptr};
+    if (int rc2 = ldap_modify_s(ld, dn.c_str(), mods); rc2 != 0)
+        return "modify " + std::to_string(rc2);
+    if (int rc2 = ldap_compare_s(ld, dn.c_str(), "description", text.c_str()); rc2 != LDAP_COMPARE_TRUE)
+        return "compare " + std::to_string(rc2);
+    if (int rc2 = ldap_modrdn_s(ld, dn.c_str(), renamed_rdn.c_str(), 1); rc2 != 0)
+        return "rename " + std::to_string(rc2);
+    if (int rc2 = ldap_delete_s(ld, renamed.c_str()); rc2 != 0)
+        return "delete " + std::to_string(rc2);
+    if (int rc2 = ldap_delete_s(ld, renamed.c_str()); rc2 != LDAP_NO_SUCH_OBJECT)
+        return "second delete " + std::to_string(rc2);
+    return "";
+}
+
+TEST(OperationsThreads, EightThreadsShareOneHandle)
+{
+    ZLDAP_REQUIRE_SLAPD(SharedSlapd());
+    LDAP *ld = ldap_init(SharedSlapd().host().c_str(), 0);
+    ASSERT_NE(ld, nullptr);
+    ASSERT_EQ(ldap_simple_bind_s(ld, Slapd::kRootDn, Slapd::kRootPassword), 0);
+    std::atomic<int> done{0};
+    std::vector<std::string> failures(kThreads);
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; t++) {
+        threads.emplace_back([&, t] {
+            for (int round = 0; round < kRounds; round++) {
+                std::string failure = Round(ld, t, round);
+                if (!failure.empty()) {
+                    failures[t] = "round " + std::to_string(round) + ": " + failure;
+                    return;
+                }
+                done++;
+            }
+        });
+    }
+    for (std::thread &t : threads)
+        t.join();
+    for (int t = 0; t < kThreads; t++)
+        EXPECT_EQ(failures[t], "") << "thread " << t;
+    EXPECT_EQ(done.load(), kThreads * kRounds);
+    EXPECT_EQ(ldap_unbind(ld), 0);
+}
+
+} // namespace

@@ -1,0 +1,72 @@
+// slapd_fixture.h - a throw-away slapd for the integration tests: its own
+// configuration and data (loaded with slapadd) in a temporary directory, a
+// free loopback port, and a stop by its own pid.
+#ifndef ZLDAP_TEST_SLAPD_FIXTURE_H
+#define ZLDAP_TEST_SLAPD_FIXTURE_H
+
+#include "test_util.h"
+
+#include <string>
+#include <sys/stat.h>
+#include <sys/types.h>
+#include <vector>
+
+namespace zldap_test {
+
+struct SlapdData {
+    int people = 200;      // uid=userNNN,ou=people entries
+    int bulk = 0;          // entries under ou=bulk, for large searches
+};
+
+class Slapd {
+public:
+    static constexpr const char *kBase = "dc=example,dc=com";
+    static constexpr const char *kRootDn = "cn=admin,dc=example,dc=com";
+    static constexpr const char *kRootPassword = "secret";
+    static constexpr const char *kPeople = "ou=people,dc=example,dc=com";
+
+    // Whether this machine has slapd; tests skip without it.
+    static bool Available();
+
+    explicit Slapd(const SlapdData &data = {});
+    ~Slapd();
+    Slapd(const Slapd &) = delete;
+    Slapd &operator=(const Slapd &) = delete;
+
+    bool running() const { return pid_ > 0; }
+    const std::string &error() const { return error_; }
+    int port() const { return port_; }
+    std::string host() const { return "127.0.0.1:" + std::to_string(port_); }
+    std::string url() const { return "ldap://127.0.0.1:" + std::to_string(port_); }
+    const SlapdData &data() const { return data_; }
+    // The data's entries with escaped characters in their DNs.
+    static std::vector<std::string> EscapedDns();
+    // Their cn values, unescaped, in the same order.
+    static std::vector<std::string> EscapedNames();
+
+    void Stop();
+
+private:
+    bool Setup();
+    bool Launch();
+
+    SlapdData data_;
+    TempDir dir_;
+    pid_t pid_ = -1;
+    int port_ = 0;
+    std::string error_;
+};
+
+// One server per test program, started on first use and stopped at exit.
+Slapd &SharedSlapd();
+
+} // namespace zldap_test
+
+#define ZLDAP_REQUIRE_SLAPD(server)                                                                \
+    do {                                                                                           \
+        if (!zldap_test::Slapd::Available())                                                       \
+            GTEST_SKIP() << "slapd is not installed (Debian package slapd)";                       \
+        ASSERT_TRUE((server).running()) << (server).error();                                       \
+    } while (0)
+
+#endif
