@@ -1,0 +1,49 @@
+// ldif.h - LDIF (RFC 2849) for the command-line tools: writing entries
+// with base64 for unsafe values and folded lines, and reading change
+// records.
+#ifndef ZLDAP_TOOLS_LDIF_H
+#define ZLDAP_TOOLS_LDIF_H
+
+#include <cstdio>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace ldif {
+
+using Values = std::vector<std::string>;
+using Attributes = std::vector<std::pair<std::string, Values>>;
+
+// Whether a value can be written as it is ("attr: value") rather than in
+// base64 ("attr:: ...").
+bool is_safe_string(const std::string &value);
+std::string base64_encode(const std::string &bytes);
+// False for text that is not base64.
+bool base64_decode(const std::string &text, std::string *bytes);
+// One "name: value" or "name:: base64" line, folded at 76 columns.
+std::string line(const std::string &name, const std::string &value);
+// An entry: its dn line and attribute lines, then a blank line.
+std::string entry(const std::string &dn, const Attributes &attributes);
+
+struct Modification {
+    std::string op; // "add", "delete" or "replace"
+    std::string type;
+    Values values;
+};
+
+struct ChangeRecord {
+    std::string dn;
+    std::string changetype;       // "add", "delete", "modify" or "modrdn"
+    Attributes attributes;        // add
+    std::vector<Modification> modifications; // modify
+    std::string newrdn;           // modrdn
+    bool deleteoldrdn = false;    // modrdn
+};
+
+// Reads every change record of an LDIF text. False with *error set (and
+// the line number in it) when the text is malformed.
+bool read_changes(const std::string &text, std::vector<ChangeRecord> *records, std::string *error);
+
+} // namespace ldif
+
+#endif
