@@ -4,6 +4,7 @@
 
 #include <csignal>
 #include <cstdio>
+#include <cstdlib>
 
 int main()
 {
@@ -16,7 +17,11 @@ int main()
         std::fprintf(stderr, "slapd_run: slapd is not installed (Debian package slapd)\n");
         return 1;
     }
-    zldap_test::Slapd server;
+    // ZLDAP_SLAPD_BULK adds a subtree of that many entries under ou=bulk.
+    zldap_test::SlapdData data;
+    if (const char *bulk = std::getenv("ZLDAP_SLAPD_BULK"))
+        data.bulk = std::atoi(bulk);
+    zldap_test::Slapd server(data);
     if (!server.running()) {
         std::fprintf(stderr, "slapd_run: %s\n", server.error().c_str());
         return 1;
