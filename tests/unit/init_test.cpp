@@ -63,6 +63,31 @@ TEST(Init, NullHostMeansThisMachine)
 
 TEST(Init, EmptyHostIsRefused) { EXPECT_EQ(ldap_init("", 389), nullptr); }
 
+TEST(Init, UrlHostArgumentsNameTheirHostAndPort)
+{
+    struct {
+        const char *url;
+        int port;
+        const char *host;
+        uint32_t kept_port;
+    } const cases[] = {
+        {"LDAP://server:1389", 0, "server", 1389},
+        {"ldap://server/o=x", 777, "server", 389}, // the URL's default port wins over the argument
+        {"ldaps://secure.example", 0, "secure.example", 636},
+        {"<URL:ldap://[::1]:1390/>", 0, "::1", 1390},
+    };
+    for (const auto &c : cases) {
+        LDAP *ld = ldap_init(c.url, c.port);
+        ASSERT_NE(ld, nullptr) << c.url;
+        EXPECT_STREQ(ld->ld_defhost, c.host) << c.url;
+        EXPECT_EQ(ld->ld_defport, c.kept_port) << c.url;
+        EXPECT_EQ(ldap_unbind(ld), 0);
+    }
+    // Without a host a URL would need server location.
+    EXPECT_EQ(ldap_init("ldap:///o=example", 0), nullptr);
+    EXPECT_EQ(ldap_init("ldap://h:12x/", 0), nullptr) << "an unparsable URL";
+}
+
 TEST(Init, UlxdirIsSetFromTheLibraryHome)
 {
     {
