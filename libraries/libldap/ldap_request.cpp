@@ -171,12 +171,12 @@ int ldap_msg_table_send_message(ldap_msg_table *table, LDAP *ld, LDAPMessage *ms
 
 namespace zldap {
 
-int send_request(LDAP *ld, LDAPConn *lc, const RequestSpec &spec, int *msgid, const struct timeval *timeout)
+int send_request(LDAP *ld, LDAPConn *lc, const RequestPlan &plan, int *msgid, const struct timeval *timeout)
 {
     if (!lc)
         lc = get_default_connection(ld);
     if (!lc || !lc->lconn_msgtable) {
-        LDAP_TRACE(TRC_ERROR, "%s", spec.no_connection);
+        LDAP_TRACE(TRC_ERROR, "%s", plan.no_connection);
         ldap_set_error_direct(ld, LDAP_ENCODING_ERROR, nullptr, nullptr);
         return LDAP_ENCODING_ERROR;
     }
@@ -194,8 +194,8 @@ int send_request(LDAP *ld, LDAPConn *lc, const RequestSpec &spec, int *msgid, co
         rc = LDAP_NO_MEMORY;
     } else if (fber_printf(msg->msg_ber, "{i", id) != 0) {
         rc = LDAP_ENCODING_ERROR;
-    } else if ((rc = spec.encode(msg->msg_ber)) == LDAP_SUCCESS &&
-               (put_ctrls_into_ber(msg->msg_ber, spec.server_controls) != 0 ||
+    } else if ((rc = plan.encode(msg->msg_ber)) == LDAP_SUCCESS &&
+               (put_ctrls_into_ber(msg->msg_ber, plan.server_controls) != 0 ||
                 fber_printf(msg->msg_ber, "}") != 0)) {
         rc = LDAP_ENCODING_ERROR;
     }
@@ -205,7 +205,7 @@ int send_request(LDAP *ld, LDAPConn *lc, const RequestSpec &spec, int *msgid, co
         ldap_set_error_direct(ld, rc, nullptr, nullptr);
         return rc;
     }
-    msg->msg_type = spec.tag;
+    msg->msg_type = plan.tag;
     int stored = 0;
     rc = ldap_msg_table_send_message(lc->lconn_msgtable, ld, msg, &stored, timeout);
     if (rc == LDAP_SUCCESS) {

@@ -27,8 +27,8 @@ namespace zldap {
 // What an operation adds to the skeleton: its trace line for a missing
 // connection, its request tag, the server controls to send, and the encoder of its protocol
 // operation (tag included). The encoder returns 0 or a result code; it is
-// referenced, not copied, so it must outlive the spec (name the lambda).
-struct RequestSpec {
+// referenced, not copied, so it must outlive the plan (name the lambda).
+struct RequestPlan {
     const char *no_connection; // a whole trace line
     int tag;
     LDAPControl **server_controls;
@@ -38,7 +38,7 @@ struct RequestSpec {
 // The request skeleton: connection (lc, or the thread's default), message,
 // id, element, envelope, operation, controls, send; on failure everything
 // made is released and the code is the handle's error. 0 with *msgid set.
-int send_request(LDAP *ld, LDAPConn *lc, const RequestSpec &spec, int *msgid,
+int send_request(LDAP *ld, LDAPConn *lc, const RequestPlan &plan, int *msgid,
                  const struct timeval *timeout = nullptr);
 
 } // namespace zldap

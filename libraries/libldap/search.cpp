@@ -60,8 +60,8 @@ int ldap_search_ext_direct(LDAP *ld, const char *base, int scope, const char *fi
             return LDAP_FILTER_ERROR;
         return fber_printf(ber, "{v}}", attrs) == 0 ? LDAP_SUCCESS : LDAP_ENCODING_ERROR;
     };
-    zldap::RequestSpec spec{"ldap_search_ext_direct: NULL server connection\n", kSearchRequest, serverctrls, encode};
-    return zldap::send_request(ld, lc, spec, msgidp, timeout);
+    zldap::RequestPlan plan{"ldap_search_ext_direct: NULL server connection\n", kSearchRequest, serverctrls, encode};
+    return zldap::send_request(ld, lc, plan, msgidp, timeout);
 }
 
 int ldap_search_ext(LDAP *ld, const char *base, int scope, const char *filter, char **attrs, int attrsonly,

@@ -14,8 +14,8 @@ int SendDelete(LDAP *ld, const std::string &dn, int *id, LDAPControl **controls)
         return fber_printf(ber, "ts", static_cast<ber_tag_t>(0x4A), dn.c_str()) == 0 ? LDAP_SUCCESS
                                                                                    : LDAP_ENCODING_ERROR;
     };
-    zldap::RequestSpec spec{"SendDelete: NULL server connection\n", 0x4A, controls, encode};
-    return zldap::send_request(ld, nullptr, spec, id);
+    zldap::RequestPlan plan{"SendDelete: NULL server connection\n", 0x4A, controls, encode};
+    return zldap::send_request(ld, nullptr, plan, id);
 }
 
 ldap_msg_table *TableOf(LDAP *ld) { return get_default_connection(ld)->lconn_msgtable; }
