@@ -214,21 +214,25 @@ int ldap_msg_table_get_message(LDAP *ld, ldap_msg_table *table, int id, const st
         return saved->msg_type;
     }
 
+    // The row's next message, filing what was read meanwhile first when the
+    // row has nothing; its type, or 0.
+    auto take_next = [&] {
+        LDAPMessage *msg = next_result(table->rows[id]);
+        if (!msg) {
+            flush_queue(table);
+            msg = next_result(table->rows[id]);
+        }
+        if (msg)
+            *out = msg;
+        return msg ? msg->msg_type : 0;
+    };
     struct timeval start {};
     gettimeofday(&start, nullptr);
     int rc = 0;
     for (;;) {
         uint32_t seen = read_count(table);
-        LDAPMessage *msg = next_result(*row);
-        if (!msg) {
-            flush_queue(table);
-            msg = next_result(*row);
-        }
-        if (msg) {
-            *out = msg;
-            rc = msg->msg_type;
+        if ((rc = take_next()) != 0)
             break;
-        }
         guard.unlock();
         int got = get_msg_since(ld, table->connection, timeout, &seen);
         if (got != 1 && got != 0) {
@@ -236,18 +240,13 @@ int ldap_msg_table_get_message(LDAP *ld, ldap_msg_table *table, int id, const st
             ldap_set_error_direct(ld, LDAP_SERVER_DOWN, nullptr, nullptr);
             return -1;
         }
+        // The rows may have moved while unlocked: take_next looks them up again.
         if (!guard.relock()) {
             ldap_set_error_direct(ld, LDAP_LOCK_ERROR, nullptr, nullptr);
             return -1;
         }
-        row = &table->rows[id]; // the rows may have moved while unlocked
         if (timed_out(start, timeout)) {
-            flush_queue(table);
-            msg = next_result(*row);
-            if (msg) {
-                *out = msg;
-                rc = msg->msg_type;
-            }
+            rc = take_next();
             break;
         }
     }

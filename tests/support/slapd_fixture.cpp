@@ -1,6 +1,8 @@
 // slapd_fixture.cpp - configuration, data, start and stop of the test slapd.
 #include "slapd_fixture.h"
 
+#include "ldif.h"
+
 #include <arpa/inet.h>
 #include <cerrno>
 #include <chrono>
@@ -76,30 +78,6 @@ int Run(const std::vector<std::string> &argv, const std::string &log)
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
-// A base64 text for LDIF.
-std::string Base64(const std::string &bytes)
-{
-    static const char kAlphabet[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
-    std::string out;
-    size_t i = 0;
-    for (; i + 2 < bytes.size(); i += 3) {
-        unsigned v = (static_cast<unsigned char>(bytes[i]) << 16) | (static_cast<unsigned char>(bytes[i + 1]) << 8) |
-                     static_cast<unsigned char>(bytes[i + 2]);
-        for (int s = 18; s >= 0; s -= 6)
-            out += kAlphabet[(v >> s) & 63];
-    }
-    if (i < bytes.size()) {
-        unsigned v = static_cast<unsigned char>(bytes[i]) << 16;
-        if (i + 1 < bytes.size())
-            v |= static_cast<unsigned char>(bytes[i + 1]) << 8;
-        out += kAlphabet[(v >> 18) & 63];
-        out += kAlphabet[(v >> 12) & 63];
-        out += i + 1 < bytes.size() ? kAlphabet[(v >> 6) & 63] : '=';
-        out += '=';
-    }
-    return out;
-}
-
 std::string Config(const std::string &dir)
 {
     std::ostringstream c;
@@ -137,7 +115,7 @@ std::string Data(const SlapdData &data)
         if (i % 10 == 0) {
             std::string photo("\x89PNG\0\0\x01\x02", 8);
             photo += std::string(1, static_cast<char>(i % 256)) + std::string("\0end", 4);
-            l << "jpegPhoto:: " << Base64(photo) << "\n";
+            l << "jpegPhoto:: " << ldif::base64_encode(photo) << "\n";
         }
         l << "\n";
     }
@@ -151,7 +129,7 @@ std::string Data(const SlapdData &data)
     std::vector<std::string> names = Slapd::EscapedNames();
     std::vector<std::string> dns = Slapd::EscapedDns();
     for (size_t i = 0; i < dns.size(); i++)
-        l << "dn:: " << Base64(dns[i]) << "\nobjectClass: person\ncn:: " << Base64(names[i]) << "\nsn: special\n\n";
+        l << "dn:: " << ldif::base64_encode(dns[i]) << "\nobjectClass: person\ncn:: " << ldif::base64_encode(names[i]) << "\nsn: special\n\n";
     if (data.bulk > 0) {
         l << "dn: ou=bulk,dc=example,dc=com\nobjectClass: organizationalUnit\nou: bulk\n\n";
         for (int i = 0; i < data.bulk; i++)
