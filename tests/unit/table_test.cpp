@@ -3,6 +3,7 @@
 #include "alloc_faults.h"
 #include "ldap_error.h"
 #include "ldap_init.h"
+#include "ldap_queue.h"
 #include "ldap_table.h"
 #include "ldap_unbind.h"
 #include "memory.h"
@@ -49,23 +50,13 @@ void PutRequest(ldap_msg_table *table, int id)
     table->rows[id].request = request;
 }
 
-// Appends a response of the given type to a row's chain.
+// Files a response of the given type in a row, as the reader does.
 LDAPMessage *FileResponse(ldap_msg_table *table, int id, int type)
 {
     LDAPMessage *msg = ldap_alloc_msg(table->connection);
     msg->msg_id = id;
     msg->msg_type = type;
-    ldap_msg_row &row = table->rows[id];
-    msg->msg_prev = row.last_result;
-    if (row.last_result)
-        row.last_result->msg_next = msg;
-    else
-        row.first_result = msg;
-    row.last_result = msg;
-    if (!row.next_to_return)
-        row.next_to_return = msg;
-    if (is_last_msg(msg))
-        row.flags |= LDAP_ROW_DONE;
+    EXPECT_EQ(put_msg_in_table(table, msg), 0);
     return msg;
 }
 
