@@ -1,7 +1,7 @@
 // bench_ber.cpp - the codec on the two hot paths of a search: encoding the
 // request and decoding the entries that come back.
-#include "lber.h"
-#include "memory.h"
+#include "ber/lber.h"
+#include "base/memory.h"
 
 #include <benchmark/benchmark.h>
 

@@ -2,10 +2,10 @@
 // navigation functions the result walkers call directly. Every octet is
 // checked against ber_end before it is read, and ber_ptr never leaves
 // ber_buf..ber_end, so no input makes the decoder read outside the data.
-#include "ber_internal.h"
+#include "ber/ber_internal.h"
 
-#include "ldap_charset.h"
-#include "trace.h"
+#include "base/trace.h"
+#include "xlate/ldap_charset.h"
 
 #include <cstring>
 #include <limits>

@@ -1,9 +1,9 @@
 // ber_dump.cpp - trace dumps of element contents. Dumps go through a copy
 // in which a userpassword value is blanked out, so that the trace log
 // never shows a password and the element itself is never touched.
-#include "ber_internal.h"
+#include "ber/ber_internal.h"
 
-#include "trace.h"
+#include "base/trace.h"
 
 #include <cctype>
 #include <cstring>

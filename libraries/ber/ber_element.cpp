@@ -1,9 +1,6 @@
 // ber_element.cpp - BER element memory: allocation with the inline buffer,
 // growth, copying in and out, resetting for reading, and freeing.
-#include "ber_internal.h"
-
-#include "ldap_error.h"
-#include "ldap_session.h"
+#include "ber/ber_internal.h"
 
 #include <algorithm>
 #include <cstring>
@@ -45,25 +42,6 @@ BerElement *fber_alloc_t(int size)
 }
 
 BerElement *fber_alloc() { return fber_alloc_t(kFberDefaultSize); }
-
-BerElement *new_ldap_ber(LDAP *ld, int for_reading)
-{
-    if (!ld)
-        return nullptr;
-    BerElement *ber = for_reading ? fber_alloc_t(0) : fber_alloc();
-    if (ber) {
-        ber->ber_no_xlate = static_cast<uint32_t *>(zldap::mem_malloc(sizeof(uint32_t)));
-        ber->ber_version = static_cast<int32_t *>(zldap::mem_malloc(sizeof(int32_t)));
-    }
-    if (!ber || !ber->ber_no_xlate || !ber->ber_version) {
-        fber_free(ber);
-        ldap_set_error_direct(ld, LDAP_NO_MEMORY, nullptr, nullptr);
-        return nullptr;
-    }
-    *ber->ber_no_xlate = ld->ld_no_xlate;
-    *ber->ber_version = ld->ld_version;
-    return ber;
-}
 
 void fber_free(BerElement *ber)
 {

@@ -2,10 +2,10 @@
 // sisters. Every item reserves its room first, so the writers below never
 // check capacity; constructed items get a four-octet length that is
 // patched when they close, so nothing is ever moved.
-#include "ber_internal.h"
+#include "ber/ber_internal.h"
 
-#include "ldap_charset.h"
-#include "trace.h"
+#include "base/trace.h"
+#include "xlate/ldap_charset.h"
 
 #include <cstring>
 

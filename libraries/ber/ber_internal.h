@@ -4,8 +4,8 @@
 #ifndef ZLDAP_BER_INTERNAL_H
 #define ZLDAP_BER_INTERNAL_H
 
-#include "lber.h"
-#include "memory.h"
+#include "base/memory.h"
+#include "ber/lber.h"
 
 #include <memory>
 

@@ -1,9 +1,9 @@
 // ber_legacy.cpp - the process-wide legacy translation switches of the
 // encoder and the decoder.
-#include "ber_internal.h"
+#include "ber/ber_internal.h"
 
-#include "environment.h"
-#include "trace.h"
+#include "base/environment.h"
+#include "base/trace.h"
 
 #include <atomic>
 

@@ -38,7 +38,6 @@ struct berelement {
 // Element memory.
 BerElement *fber_alloc();
 BerElement *fber_alloc_t(int size);
-BerElement *new_ldap_ber(LDAP *ld, int for_reading);
 void fber_free(BerElement *ber);
 // Grows the buffer to the bytes used plus the larger of the bytes used and
 // `needed`; 0, or -1 with the element unchanged.

@@ -2,7 +2,7 @@
 // response's protocol operation. Whatever is read is written again and
 // must read back to the same controls; the position never leaves the data.
 #include "ber_test_support.h"
-#include "ldap_controls.h"
+#include "proto/ldap_controls.h"
 
 #include <cstdint>
 #include <cstring>

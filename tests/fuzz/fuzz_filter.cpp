@@ -1,7 +1,7 @@
 // fuzz_filter.cpp - arbitrary text as a search filter: the encoder either
 // refuses it or writes an element that the decoder can walk to its end.
 #include "ber_test_support.h"
-#include "filter.h"
+#include "proto/filter.h"
 
 #include <cstdint>
 #include <string>

@@ -1,5 +1,5 @@
 // fuzz_url.cpp - arbitrary text as an LDAP URL, through both parsers.
-#include "url.h"
+#include "proto/url.h"
 
 #include <cstdint>
 #include <string>

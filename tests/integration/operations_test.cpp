@@ -1,18 +1,19 @@
 // Operations end to end against a real slapd: binds, searches of every
 // scope and filter kind, size limits, binary values, walking entries, and
 // every update and compare result.
-#include "ldap_bind.h"
-#include "ldap_error.h"
-#include "ldap_init.h"
-#include "ldap_options.h"
-#include "ldap_result.h"
-#include "ldap_table.h"
-#include "ldap_unbind.h"
-#include "memory.h"
-#include "results.h"
-#include "search.h"
+#include "ops/ldap_bind.h"
+#include "core/ldap_error.h"
+#include "core/ldap_init_guard.h"
+#include "session/ldap_init.h"
+#include "session/ldap_options.h"
+#include "engine/ldap_result.h"
+#include "message/ldap_table.h"
+#include "session/ldap_unbind.h"
+#include "base/memory.h"
+#include "results/results.h"
+#include "ops/search.h"
 #include "slapd_fixture.h"
-#include "update.h"
+#include "ops/update.h"
 
 #include <gtest/gtest.h>
 

@@ -1,14 +1,15 @@
 // Eight threads share one handle against slapd, each running a bounded
 // number of rounds of mixed operations on entries of its own, with every
 // result checked. Also run under ThreadSanitizer.
-#include "ldap_bind.h"
-#include "ldap_error.h"
-#include "ldap_init.h"
-#include "ldap_unbind.h"
-#include "results.h"
-#include "search.h"
+#include "ops/ldap_bind.h"
+#include "core/ldap_error.h"
+#include "core/ldap_init_guard.h"
+#include "session/ldap_init.h"
+#include "session/ldap_unbind.h"
+#include "results/results.h"
+#include "ops/search.h"
 #include "slapd_fixture.h"
-#include "update.h"
+#include "ops/update.h"
 
 #include <gtest/gtest.h>
 

@@ -1,7 +1,7 @@
 // alloc_faults.cpp - the allocation-failure walker used by the unit tests.
 #include "alloc_faults.h"
 
-#include "memory.h"
+#include "base/memory.h"
 
 #include <gtest/gtest.h>
 

@@ -6,8 +6,8 @@
 #ifndef ZLDAP_TEST_BER_TEST_SUPPORT_H
 #define ZLDAP_TEST_BER_TEST_SUPPORT_H
 
-#include "lber.h"
-#include "memory.h"
+#include "ber/lber.h"
+#include "base/memory.h"
 
 #include <cstdio>
 #include <functional>

@@ -1,8 +1,9 @@
 // engine_fixture.cpp - helpers for the message engine's tests.
 #include "engine_fixture.h"
 
-#include "ldap_connect.h"
-#include "ldap_init.h"
+#include "conn/ldap_connect.h"
+#include "core/ldap_init_guard.h"
+#include "session/ldap_init.h"
 
 namespace zldap_test {
 

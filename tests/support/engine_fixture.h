@@ -4,8 +4,8 @@
 #ifndef ZLDAP_TEST_ENGINE_FIXTURE_H
 #define ZLDAP_TEST_ENGINE_FIXTURE_H
 
-#include "ldap_request.h"
-#include "ldap_result.h"
+#include "engine/ldap_request.h"
+#include "engine/ldap_result.h"
 #include "script_server.h"
 
 #include <memory>

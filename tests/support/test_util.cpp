@@ -1,7 +1,7 @@
 // test_util.cpp - shared helpers of the unit tests.
 #include "test_util.h"
 
-#include "trace.h"
+#include "base/trace.h"
 
 #include <cstdlib>
 #include <gtest/gtest.h>

@@ -3,9 +3,11 @@
 // and memory exhaustion in every allocating function.
 #include "alloc_faults.h"
 #include "ber_test_support.h"
-#include "ldap_error.h"
-#include "ldap_init.h"
-#include "ldap_unbind.h"
+#include "core/ldap_error.h"
+#include "message/ldap_message.h"
+#include "core/ldap_init_guard.h"
+#include "session/ldap_init.h"
+#include "session/ldap_unbind.h"
 
 #include <gtest/gtest.h>
 

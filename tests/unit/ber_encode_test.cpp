@@ -2,7 +2,7 @@
 // nesting limits, growth with open sequences, when strings are translated,
 // and memory exhaustion.
 #include "alloc_faults.h"
-#include "ber_internal.h"
+#include "ber/ber_internal.h"
 #include "ber_test_support.h"
 #include "fresh_process.h"
 #include "test_util.h"

@@ -2,16 +2,17 @@
 // time-out, host lists and their entry rules, local sockets, descriptors
 // above 1023, finding and adding connections, and ldap_open.
 #include "alloc_faults.h"
-#include "ldap_connect.h"
-#include "ldap_error.h"
-#include "ldap_init.h"
-#include "ldap_options.h"
-#include "ldap_table.h"
-#include "ldap_unbind.h"
+#include "conn/ldap_connect.h"
+#include "core/ldap_error.h"
+#include "core/ldap_init_guard.h"
+#include "session/ldap_init.h"
+#include "session/ldap_options.h"
+#include "message/ldap_table.h"
+#include "session/ldap_unbind.h"
 #include "loopback.h"
-#include "memory.h"
+#include "base/memory.h"
 #include "test_util.h"
-#include "zorlib.h"
+#include "net/zorlib.h"
 
 #include <gtest/gtest.h>
 

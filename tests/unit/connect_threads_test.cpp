@@ -1,9 +1,10 @@
 // Connections shared between threads: concurrent lookups of a missing
 // server open it once, and thread bindings stay per thread while other
 // threads look connections up.
-#include "ldap_connect.h"
-#include "ldap_init.h"
-#include "ldap_unbind.h"
+#include "conn/ldap_connect.h"
+#include "core/ldap_init_guard.h"
+#include "session/ldap_init.h"
+#include "session/ldap_unbind.h"
 #include "loopback.h"
 
 #include <gtest/gtest.h>

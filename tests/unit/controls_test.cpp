@@ -5,15 +5,16 @@
 // with every allocation of the allocating paths failed in turn.
 #include "alloc_faults.h"
 #include "ber_test_support.h"
-#include "ldap_controls.h"
-#include "ldap_error.h"
-#include "ldap_init.h"
-#include "ldap_message.h"
-#include "ldap_options.h"
-#include "ldap_unbind.h"
-#include "memory.h"
+#include "proto/ldap_controls.h"
+#include "core/ldap_error.h"
+#include "core/ldap_init_guard.h"
+#include "session/ldap_init.h"
+#include "message/ldap_message.h"
+#include "session/ldap_options.h"
+#include "session/ldap_unbind.h"
+#include "base/memory.h"
 #include "test_util.h"
-#include "trace.h"
+#include "base/trace.h"
 
 #include <gtest/gtest.h>
 

@@ -4,11 +4,12 @@
 #include "ber_test_support.h"
 #include "engine_fixture.h"
 #include "fresh_process.h"
-#include "ldap_error.h"
-#include "ldap_init.h"
-#include "ldap_queue.h"
-#include "ldap_receive.h"
-#include "ldap_unbind.h"
+#include "core/ldap_error.h"
+#include "core/ldap_init_guard.h"
+#include "session/ldap_init.h"
+#include "message/ldap_queue.h"
+#include "engine/ldap_receive.h"
+#include "session/ldap_unbind.h"
 #include "test_util.h"
 
 #include <gtest/gtest.h>
@@ -270,7 +271,7 @@ TEST(Result, AnOrphanedRowIsReleasedWhenItsResultArrives)
     int orphan = 0, other = 0;
     ASSERT_EQ(SendDelete(h.ld, "cn=orphan", &orphan), 0);
     ASSERT_EQ(SendDelete(h.ld, "cn=other", &other), 0);
-    ldap_msg_table_set_flag(h.ld, orphan, LDAP_ROW_ORPHAN);
+    ldap_msg_table_set_flag(h.ld, TableOf(h.ld), orphan, LDAP_ROW_ORPHAN);
     LDAPMessage *res = nullptr;
     struct timeval tv {10, 0};
     ASSERT_EQ(ldap_result(h.ld, other, LDAP_MSG_ALL, &tv, &res), kDelResp);

@@ -2,9 +2,10 @@
 // for its own ids while the server answers them out of order, and every
 // answer must reach the thread that owns it. Also run under ThreadSanitizer.
 #include "engine_fixture.h"
-#include "ldap_error.h"
-#include "ldap_init.h"
-#include "ldap_unbind.h"
+#include "core/ldap_error.h"
+#include "core/ldap_init_guard.h"
+#include "session/ldap_init.h"
+#include "session/ldap_unbind.h"
 
 #include <gtest/gtest.h>
 

@@ -1,6 +1,6 @@
 // Environment accessors: copies, presence checks and list elements.
-#include "environment.h"
-#include "memory.h"
+#include "base/environment.h"
+#include "base/memory.h"
 #include "test_util.h"
 
 #include <gtest/gtest.h>

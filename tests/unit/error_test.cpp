@@ -1,9 +1,11 @@
 // Result code texts and each thread's own error state on a handle.
 #include "alloc_faults.h"
-#include "ldap_error.h"
-#include "ldap_init.h"
-#include "ldap_unbind.h"
-#include "memory.h"
+#include "core/ldap_error.h"
+#include "results/results.h"
+#include "core/ldap_init_guard.h"
+#include "session/ldap_init.h"
+#include "session/ldap_unbind.h"
+#include "base/memory.h"
 
 #include <gtest/gtest.h>
 

@@ -2,7 +2,7 @@
 // nesting, and one case per kind of malformed filter.
 #include "alloc_faults.h"
 #include "ber_test_support.h"
-#include "filter.h"
+#include "proto/filter.h"
 
 #include <gtest/gtest.h>
 

@@ -1,11 +1,12 @@
 // Session creation, the operation guard and teardown while operations run.
 #include "alloc_faults.h"
-#include "ldap_connect.h"
-#include "ldap_error.h"
-#include "ldap_init.h"
-#include "ldap_options.h"
-#include "ldap_unbind.h"
-#include "memory.h"
+#include "conn/ldap_connect.h"
+#include "core/ldap_error.h"
+#include "core/ldap_init_guard.h"
+#include "session/ldap_init.h"
+#include "session/ldap_options.h"
+#include "session/ldap_unbind.h"
+#include "base/memory.h"
 #include "test_util.h"
 
 #include <gtest/gtest.h>

@@ -4,14 +4,15 @@
 #include "alloc_faults.h"
 #include "ber_test_support.h"
 #include "engine_fixture.h"
-#include "ldap_bind.h"
-#include "ldap_controls.h"
-#include "ldap_error.h"
-#include "ldap_init.h"
-#include "ldap_options.h"
-#include "ldap_unbind.h"
-#include "memory.h"
-#include "update.h"
+#include "ops/ldap_bind.h"
+#include "proto/ldap_controls.h"
+#include "core/ldap_error.h"
+#include "core/ldap_init_guard.h"
+#include "session/ldap_init.h"
+#include "session/ldap_options.h"
+#include "session/ldap_unbind.h"
+#include "base/memory.h"
+#include "ops/update.h"
 
 #include <gtest/gtest.h>
 

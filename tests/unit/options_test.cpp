@@ -1,13 +1,14 @@
 // Session options: defaults, round trips, refusals, the version-dependent
 // passing of values, the global defaults and the records handed out.
 #include "alloc_faults.h"
-#include "ldap_controls.h"
-#include "ldap_error.h"
-#include "ldap_init.h"
-#include "ldap_options.h"
-#include "ldap_unbind.h"
-#include "memory.h"
-#include "trace.h"
+#include "proto/ldap_controls.h"
+#include "core/ldap_error.h"
+#include "core/ldap_init_guard.h"
+#include "session/ldap_init.h"
+#include "session/ldap_options.h"
+#include "session/ldap_unbind.h"
+#include "base/memory.h"
+#include "base/trace.h"
 
 #include <gtest/gtest.h>
 

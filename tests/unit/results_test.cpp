@@ -1,11 +1,12 @@
 // Walking and releasing result chains: counts, entries and references,
 // attribute cursors, values, name lengths, and what freeing releases.
 #include "engine_fixture.h"
-#include "ldap_error.h"
-#include "ldap_init.h"
-#include "ldap_unbind.h"
-#include "memory.h"
-#include "results.h"
+#include "core/ldap_error.h"
+#include "core/ldap_init_guard.h"
+#include "session/ldap_init.h"
+#include "session/ldap_unbind.h"
+#include "base/memory.h"
+#include "results/results.h"
 
 #include <gtest/gtest.h>
 

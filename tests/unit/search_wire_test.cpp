@@ -3,11 +3,13 @@
 // that send nothing, and time-outs that orphan the request.
 #include "ber_test_support.h"
 #include "engine_fixture.h"
-#include "ldap_error.h"
-#include "ldap_init.h"
-#include "ldap_options.h"
-#include "ldap_unbind.h"
-#include "search.h"
+#include "core/ldap_error.h"
+#include "results/results.h"
+#include "core/ldap_init_guard.h"
+#include "session/ldap_init.h"
+#include "session/ldap_options.h"
+#include "session/ldap_unbind.h"
+#include "ops/search.h"
 
 #include <gtest/gtest.h>
 

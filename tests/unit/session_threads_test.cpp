@@ -1,10 +1,11 @@
 // Sessions shared by threads: each thread's own error, per-thread
 // connection bindings, and unbind waiting for operations in flight. These
 // tests also run under ThreadSanitizer.
-#include "ldap_connect.h"
-#include "ldap_error.h"
-#include "ldap_init.h"
-#include "ldap_unbind.h"
+#include "conn/ldap_connect.h"
+#include "core/ldap_error.h"
+#include "core/ldap_init_guard.h"
+#include "session/ldap_init.h"
+#include "session/ldap_unbind.h"
 
 #include <gtest/gtest.h>
 

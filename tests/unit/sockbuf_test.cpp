@@ -2,12 +2,12 @@
 // non-blocking socket, refusing malformed frames, resumed flushes, waits on
 // high descriptors and the secure toolkit's read and write.
 #include "alloc_faults.h"
-#include "lber.h"
-#include "memory.h"
-#include "sockbuf.h"
+#include "ber/lber.h"
+#include "base/memory.h"
+#include "net/sockbuf.h"
 #include "test_util.h"
-#include "trace.h"
-#include "zorlib.h"
+#include "base/trace.h"
+#include "net/zorlib.h"
 
 #include <gtest/gtest.h>
 

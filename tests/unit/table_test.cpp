@@ -1,12 +1,14 @@
 // Message records and the per-connection message table: id assignment,
 // growth, release, ownership, LDAP_RES_ANY and referral child rows.
 #include "alloc_faults.h"
-#include "ldap_error.h"
-#include "ldap_init.h"
-#include "ldap_queue.h"
-#include "ldap_table.h"
-#include "ldap_unbind.h"
-#include "memory.h"
+#include "conn/ldap_connect.h"
+#include "core/ldap_error.h"
+#include "core/ldap_init_guard.h"
+#include "session/ldap_init.h"
+#include "message/ldap_queue.h"
+#include "message/ldap_table.h"
+#include "session/ldap_unbind.h"
+#include "base/memory.h"
 #include "test_util.h"
 
 #include <gtest/gtest.h>
@@ -365,7 +367,7 @@ protected:
 
 TEST_F(ReferralRows, FlagsFollowTheChildChain)
 {
-    ldap_msg_table_set_flag(ld, parent_id, LDAP_ROW_ORPHAN);
+    ldap_msg_table_set_flag(ld, table, parent_id, LDAP_ROW_ORPHAN);
     EXPECT_TRUE(table->rows[parent_id].flags & LDAP_ROW_ORPHAN);
     EXPECT_TRUE(child_table->rows[child_id].flags & LDAP_ROW_ORPHAN);
 }

@@ -2,7 +2,7 @@
 // hex dump layout, byte for byte.
 #include "fresh_process.h"
 #include "test_util.h"
-#include "trace.h"
+#include "base/trace.h"
 
 #include <gtest/gtest.h>
 

@@ -1,6 +1,6 @@
 // LDAP URL parsing with and without defaults, and its refusals.
 #include "alloc_faults.h"
-#include "url.h"
+#include "proto/url.h"
 
 #include <gtest/gtest.h>
 

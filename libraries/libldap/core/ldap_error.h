@@ -1,0 +1,26 @@
+// ldap_error.h - result code texts and the per-thread error state of a handle.
+#ifndef ZLDAP_LDAP_ERROR_H
+#define ZLDAP_LDAP_ERROR_H
+
+#include "core/ldap_session.h"
+
+char *ldap_err2string(int err);
+char *ldap_pwdpolicy_err2string(int err);
+
+int ldap_get_errno(LDAP *ld);
+int ldap_get_error(LDAP *ld, char **matched, char **text);
+int ldap_set_error(LDAP *ld, int code, const char *matched, const char *text);
+int ldap_get_ext_error(LDAP *ld);
+void ldap_perror(LDAP *ld, const char *prefix);
+
+// Unguarded forms for callers already inside an operation.
+int ldap_set_error_direct(LDAP *ld, int code, const char *matched, const char *text);
+int ldap_get_errno_direct(LDAP *ld);
+int ldap_get_error_direct(LDAP *ld, char **matched, char **text);
+int ldap_set_ext_error_direct(LDAP *ld, int reason);
+int ldap_get_ext_error_direct(LDAP *ld);
+
+// Releases a handle's whole list of error records.
+void ldap_free_error_records(LDAP *ld);
+
+#endif

@@ -1,0 +1,43 @@
+// ldap_init_guard.h - the operation guard that every handle-taking public
+// function enters: it refuses an invalid or closing handle and counts the
+// operation in, so that unbind can wait until it has left.
+#ifndef ZLDAP_LDAP_INIT_GUARD_H
+#define ZLDAP_LDAP_INIT_GUARD_H
+
+#include "core/ldap_session.h"
+
+// 0 when the caller may go on; otherwise a code, and the caller returns at
+// once without ending the operation.
+int ldap_start_operation(LDAP *ld);
+void ldap_end_operation(LDAP *ld);
+
+namespace zldap {
+
+// Brackets one public operation on a handle. A record that is never
+// unbound (the global defaults) is admitted without being counted when
+// counted is false.
+class OperationGuard {
+public:
+    explicit OperationGuard(LDAP *ld, bool counted = true)
+        : ld_(counted ? ld : nullptr), rc_(counted ? ldap_start_operation(ld) : 0)
+    {
+    }
+    ~OperationGuard()
+    {
+        if (rc_ == 0 && ld_)
+            ldap_end_operation(ld_);
+    }
+    OperationGuard(const OperationGuard &) = delete;
+    OperationGuard &operator=(const OperationGuard &) = delete;
+
+    bool admitted() const { return rc_ == 0; }
+    int code() const { return rc_; }
+
+private:
+    LDAP *ld_;
+    int rc_;
+};
+
+} // namespace zldap
+
+#endif

@@ -1,0 +1,262 @@
+// ldap_receive.cpp - there is no reader thread: a thread whose row has
+// nothing to hand out reads the socket itself, one message at a time, and
+// every message it reads goes to the queue and from there to its own row,
+// whoever is waiting for it.
+#include "engine/ldap_receive.h"
+
+#include "base/ldap_lock.h"
+#include "base/trace.h"
+#include "core/ldap_error.h"
+#include "message/ldap_queue.h"
+
+#include <cerrno>
+#include <ctime>
+
+#define LDAP_MODULE "libraries/libldap/ldap_receive"
+
+namespace {
+
+uint32_t read_count(const ldap_msg_table *table) { return __atomic_load_n(&table->read_count, __ATOMIC_ACQUIRE); }
+
+// Takes the read lock within the caller's time-out, so that a thread never
+// waits longer than it asked behind another thread's read. 0, ETIMEDOUT or
+// the lock's error.
+int lock_for_reading(LDAPConn *lc, const struct timeval *timeout)
+{
+    if (!timeout)
+        return zldap::mutex_lock(&lc->lconn_read_mutex, LDAP_MODULE, __LINE__);
+    struct timespec deadline {};
+    clock_gettime(CLOCK_REALTIME, &deadline);
+    deadline.tv_sec += timeout->tv_sec + timeout->tv_usec / 1000000;
+    deadline.tv_nsec += (timeout->tv_usec % 1000000) * 1000;
+    if (deadline.tv_nsec >= 1000000000) {
+        deadline.tv_sec++;
+        deadline.tv_nsec -= 1000000000;
+    }
+    int rc = pthread_mutex_timedlock(&lc->lconn_read_mutex, &deadline);
+    if (rc != 0 && rc != ETIMEDOUT)
+        LDAP_TRACE(TRC_ERROR, "Error in pthread_mutex_lock at File %s, Line %d, errno %d\n", LDAP_MODULE,
+                   __LINE__, rc);
+    return rc;
+}
+
+// The message being read: the one left half read by an earlier time-out,
+// or a new one. NULL when memory runs out (the error is set).
+LDAPMessage *partial_message(LDAP *ld, LDAPConn *lc)
+{
+    ldap_msg_table *table = lc->lconn_msgtable;
+    if (table->partial)
+        return table->partial;
+    LDAPMessage *msg = ldap_alloc_msg(lc);
+    if (!msg) {
+        LDAP_TRACE(TRC_ERROR, "ldap_get_msg: Failed with memory error\n");
+        ldap_set_error_direct(ld, LDAP_NO_MEMORY, nullptr, nullptr);
+        return nullptr;
+    }
+    msg->msg_ber = new_ldap_ber(ld, 1);
+    if (!msg->msg_ber) {
+        LDAP_TRACE(TRC_ERROR, "ldap_get_msg: Failed to alloc memory\n");
+        ldap_set_error_direct(ld, LDAP_NO_MEMORY, nullptr, nullptr);
+        free_msg(msg, 0);
+        return nullptr;
+    }
+    table->partial = msg;
+    table->partial_state = 0;
+    return msg;
+}
+
+// Reads one message unless one was queued since `seen` (read_count as the
+// caller last looked at it): then the caller has something to file already.
+int get_msg_since(LDAP *ld, LDAPConn *lc, const struct timeval *timeout, const uint32_t *seen)
+{
+    if (lconn_is_closed(lc)) {
+        LDAP_TRACE(TRC_ERROR, "ldap_get_msg: Socket connection was closed earlier\n");
+        ldap_set_error_direct(ld, LDAP_SERVER_DOWN, nullptr, nullptr);
+        return LDAP_SERVER_DOWN;
+    }
+    if (!lconn_is_connected(lc)) {
+        LDAP_TRACE(TRC_ERROR, "ldap_get_msg: FATAL ERROR - Socket is not yet created\n");
+        ldap_set_error_direct(ld, LDAP_SERVER_DOWN, nullptr, nullptr);
+        return LDAP_SERVER_DOWN;
+    }
+    int lock_rc = lock_for_reading(lc, timeout);
+    if (lock_rc == ETIMEDOUT) {
+        ldap_set_error_direct(ld, LDAP_TIMEOUT, nullptr, nullptr);
+        return 0;
+    }
+    if (lock_rc != 0) {
+        ldap_set_error_direct(ld, LDAP_LOCK_ERROR, nullptr, nullptr);
+        return -1;
+    }
+    ldap_msg_table *table = lc->lconn_msgtable;
+    if (seen && read_count(table) != *seen) {
+        zldap::mutex_unlock(&lc->lconn_read_mutex, LDAP_MODULE, __LINE__);
+        return 1;
+    }
+    int rc = -1;
+    LDAPMessage *msg = partial_message(ld, lc);
+    if (msg) {
+        // A reader that found the connection closed while we waited has
+        // left nothing to read.
+        rc = lconn_is_closed(lc) ? -1 : wait_for_message(lc, msg->msg_ber, &table->partial_state, timeout);
+        if (rc == 1) {
+            int id = -1; // a message without a readable id is thrown away when filed
+            if (fber_get_int(msg->msg_ber, &id) == LBER_DEFAULT)
+                id = -1;
+            msg->msg_id = id;
+            msg->msg_type = static_cast<int32_t>(fber_peek_tag(msg->msg_ber, nullptr));
+            table->partial = nullptr;
+            put_msg_in_queue(table, msg);
+            __atomic_add_fetch(&table->read_count, 1, __ATOMIC_RELEASE);
+        } else if (rc == -1) {
+            table->partial = nullptr;
+            free_msg(msg, 0);
+        }
+    }
+    zldap::mutex_unlock(&lc->lconn_read_mutex, LDAP_MODULE, __LINE__);
+    if (rc == -1) {
+        if (msg) // a read failure ends the connection; a memory failure does not
+            lconn_mark_closed(lc);
+        ldap_set_error_direct(ld, msg ? LDAP_SERVER_DOWN : LDAP_NO_MEMORY, nullptr, nullptr);
+        return -1;
+    }
+    if (rc == -2) {
+        ldap_set_error_direct(ld, LDAP_TIMEOUT, nullptr, nullptr);
+        return 0;
+    }
+    return 1;
+}
+
+// The row's next message to hand out, advancing along the chain.
+LDAPMessage *next_result(ldap_msg_row &row)
+{
+    LDAPMessage *msg = row.next_to_return;
+    if (msg)
+        row.next_to_return = msg->msg_next;
+    return msg;
+}
+
+// Whether more than `limit` has passed since `start`, compared as a pair of
+// seconds and microseconds.
+bool timed_out(const struct timeval &start, const struct timeval *limit)
+{
+    if (!limit)
+        return false;
+    struct timeval now {};
+    gettimeofday(&now, nullptr);
+    long seconds = now.tv_sec - start.tv_sec;
+    long micros = now.tv_usec - start.tv_usec;
+    if (micros < 0) { // borrow, so that the pair compares as a time
+        seconds--;
+        micros += 1000000;
+    }
+    return seconds > limit->tv_sec || (seconds == limit->tv_sec && micros > limit->tv_usec);
+}
+
+} // namespace
+
+int ldap_get_msg(LDAP *ld, LDAPConn *lc, const struct timeval *timeout)
+{
+    return get_msg_since(ld, lc, timeout, nullptr);
+}
+
+int wait_for_message(LDAPConn *lc, BerElement *ber, int *state, const struct timeval *timeout)
+{
+    for (;;) {
+        ber_tag_t tag = fber_get_next_nb(&lc->lconn_sb, ber, state);
+        if (tag != static_cast<ber_tag_t>(LBER_WOULD_BLOCK))
+            return tag == LBER_DEFAULT ? -1 : 1;
+        if (timeout && timeout->tv_usec > 999999)
+            LDAP_TRACE(TRC_ERROR, "wait_for_message: BAD TIMEOUT value received. tv_sec=%ld  tv_usec=%ld \n",
+                       static_cast<long>(timeout->tv_sec), static_cast<long>(timeout->tv_usec));
+        int rc = fber_select(&lc->lconn_sb, timeout);
+        if (rc < 0) {
+            LDAP_TRACE(TRC_ERROR, "wait_for_message: select 2 failed with socket error: rc=%d, errno=%d\n", rc,
+                       errno);
+            return -1;
+        }
+        if (rc == 0)
+            return -2;
+    }
+}
+
+int ldap_msg_table_get_message(LDAP *ld, ldap_msg_table *table, int id, const struct timeval *timeout,
+                               LDAPMessage **out)
+{
+    LDAP_TRACE(TRC_API, "ldap_msg_table_get_message entered: %p %lu %p\n", static_cast<void *>(table),
+               static_cast<unsigned long>(id), static_cast<void *>(out));
+    if (!table || !out || id < 0) {
+        ldap_set_error_direct(ld, LDAP_PARAM_ERROR, nullptr, nullptr);
+        return -1;
+    }
+    ldap_set_error_direct(ld, LDAP_SUCCESS, nullptr, nullptr);
+    LDAP_MUTEX_GUARD(guard, &table->lock);
+    if (!guard.locked()) {
+        ldap_set_error_direct(ld, LDAP_LOCK_ERROR, nullptr, nullptr);
+        return -1;
+    }
+    if (static_cast<uint32_t>(id) >= table->row_count) {
+        ldap_set_error_direct(ld, LDAP_PARAM_ERROR, nullptr, nullptr);
+        return -1;
+    }
+    ldap_msg_row *row = &table->rows[id];
+    if ((row->flags & LDAP_ROW_DONE) && !row->next_to_return) {
+        if (row->parent || !row->saved_result) {
+            ldap_set_error_direct(ld, LDAP_PARAM_ERROR, nullptr, nullptr);
+            return -1;
+        }
+        // The result set aside while referrals were chased is all that is left.
+        LDAPMessage *saved = row->saved_result;
+        row->saved_result = nullptr;
+        saved->msg_next = saved->msg_prev = nullptr;
+        row->first_result = row->last_result = saved;
+        *out = saved;
+        return saved->msg_type;
+    }
+
+    // The row's next message, filing what was read meanwhile first when the
+    // row has nothing; its type, or 0.
+    auto take_next = [&] {
+        LDAPMessage *msg = next_result(table->rows[id]);
+        if (!msg) {
+            flush_queue(table);
+            msg = next_result(table->rows[id]);
+        }
+        if (msg)
+            *out = msg;
+        return msg ? msg->msg_type : 0;
+    };
+    struct timeval start {};
+    gettimeofday(&start, nullptr);
+    int rc = 0;
+    for (;;) {
+        uint32_t seen = read_count(table);
+        if ((rc = take_next()) != 0)
+            break;
+        guard.unlock();
+        int got = get_msg_since(ld, table->connection, timeout, &seen);
+        if (got != 1 && got != 0) {
+            LDAP_TRACE(TRC_ERROR, "ldap_msg_table_get_message: soc_err=%d\n", got);
+            ldap_set_error_direct(ld, LDAP_SERVER_DOWN, nullptr, nullptr);
+            return -1;
+        }
+        // The rows may have moved while unlocked: take_next looks them up again.
+        if (!guard.relock()) {
+            ldap_set_error_direct(ld, LDAP_LOCK_ERROR, nullptr, nullptr);
+            return -1;
+        }
+        if (timed_out(start, timeout)) {
+            rc = take_next();
+            break;
+        }
+    }
+    guard.unlock();
+    LDAP_TRACE(TRC_API, "ldap_msg_table_get_message: returning rc=%d\n", rc);
+    return rc;
+}
+
+int ldap_get_result(LDAP *ld, int id, const struct timeval *timeout, LDAPMessage **out, ldap_msg_table *table)
+{
+    LDAP_TRACE(TRC_API, "ldap_get_result: entered with msgid(%d), all(%d)\n", id, LDAP_MSG_ONE);
+    return ldap_msg_table_get_message(ld, table, id, timeout, out);
+}

@@ -1,0 +1,224 @@
+// ldap_result.cpp - ldap_result and the two ways of handing out results:
+// one message at a time, or a complete request's whole chain.
+#include "engine/ldap_result.h"
+
+#include "base/ldap_lock.h"
+#include "base/trace.h"
+#include "conn/ldap_connect.h"
+#include "core/ldap_error.h"
+#include "core/ldap_init_guard.h"
+#include "engine/ldap_receive.h"
+#include "session/ldap_options.h"
+
+#define LDAP_MODULE "libraries/libldap/ldap_result"
+
+namespace {
+
+// Captures the row's referral settings on the first ldap_result for it, so
+// that later option changes do not alter how its results are treated.
+bool referral_settings(LDAP *ld, ldap_msg_table *table, int id, int *chase, int *hop_limit)
+{
+    int referrals = 0;
+    int hops = 0;
+    if (ldap_get_option(ld, LDAP_OPT_REFERRALS, &referrals) != 0 ||
+        ldap_get_option(ld, LDAP_OPT_HOP_LIMIT, &hops) != 0)
+        return false;
+    LDAP_MUTEX_GUARD(guard, &table->lock);
+    if (!guard.locked()) {
+        ldap_set_error_direct(ld, LDAP_LOCK_ERROR, nullptr, nullptr);
+        return false;
+    }
+    ldap_msg_row &row = table->rows[id];
+    if (!(row.flags & LDAP_ROW_REFOPTS)) {
+        if (referrals) {
+            row.flags |= LDAP_ROW_CHASE;
+            row.hop_limit = hops;
+        } else {
+            row.flags &= ~LDAP_ROW_CHASE;
+        }
+        row.flags |= LDAP_ROW_REFOPTS;
+    }
+    *chase = (row.flags & LDAP_ROW_CHASE) ? 1 : 0;
+    *hop_limit = row.hop_limit;
+    return true;
+}
+
+struct timeval elapsed_since(const struct timeval &start, const struct timeval &now)
+{
+    struct timeval d {now.tv_sec - start.tv_sec, now.tv_usec - start.tv_usec};
+    if (d.tv_usec < 0) {
+        d.tv_sec--;
+        d.tv_usec += 1000000;
+    }
+    return d;
+}
+
+} // namespace
+
+int look_for_referrals(LDAP *, LDAPMessage *msg, LDAPMessage **out, const struct timeval *, int *error, int)
+{
+    *out = msg;
+    *error = 0;
+    return msg->msg_type;
+}
+
+int ldap_return_one_msg(LDAP *ld, int id, const struct timeval *timeout, LDAPMessage **out,
+                        ldap_msg_table *table, int *error, int chase, int hop_limit)
+{
+    *out = nullptr;
+    LDAP_TRACE(TRC_API, "ldap_return_one_msg: entered\n");
+    LDAP_TRACE(TRC_API, "XX04720: msgid=%d, refhoplimit=%d\n", id, hop_limit);
+    int rc;
+    for (;;) {
+        LDAPMessage *msg = nullptr;
+        rc = ldap_get_result(ld, id, timeout, &msg, table);
+        if (rc == -1) {
+            if (ldap_get_errno_direct(ld) == LDAP_PARAM_ERROR)
+                cleanup_table_and_references(ld, table, id);
+            break;
+        }
+        if (rc == 0)
+            break;
+        if (msg->msg_type == LDAP_RES_SEARCH_ENTRY || msg->msg_type == LDAP_RES_BIND || chase != 1) {
+            *out = msg;
+            break;
+        }
+        rc = look_for_referrals(ld, msg, out, timeout, error, hop_limit);
+        if (rc != -1)
+            break;
+        LDAP_TRACE(TRC_API, "ldap_return_one_msg: error at referral chasing. Continue with next referral (if any)\n");
+    }
+    LDAP_TRACE(TRC_API, "ldap_return_one_msg: rc=%d\n", rc);
+    return rc;
+}
+
+int ldap_return_all_msgs(LDAP *ld, int id, const struct timeval *timeout, LDAPMessage **out,
+                         ldap_msg_table *table, int *error, int chase, int hop_limit)
+{
+    LDAP_TRACE(TRC_API, "ldap_return_all_msgs: entered\n");
+    struct timeval start {};
+    struct timeval remaining {};
+    if (timeout) {
+        gettimeofday(&start, nullptr);
+        remaining = *timeout;
+    }
+    LDAPMessage *first_handed = nullptr;
+    int rc;
+    for (;;) {
+        LDAPMessage *msg = nullptr;
+        rc = ldap_return_one_msg(ld, id, timeout ? &remaining : nullptr, &msg, table, error, chase, hop_limit);
+        if (rc == -1) {
+            cleanup_table_and_references(ld, table, id);
+            *out = nullptr;
+            break;
+        }
+        if (rc != 0 && !first_handed)
+            first_handed = msg;
+        if (rc != 0 && is_last_msg(msg)) {
+            LDAP_MUTEX_GUARD(guard, &table->lock);
+            if (!guard.locked()) {
+                ldap_set_error_direct(ld, LDAP_LOCK_ERROR, nullptr, nullptr);
+                cleanup_table_and_references(ld, table, id);
+                *out = nullptr;
+                rc = -1;
+                break;
+            }
+            LDAPMessage *head = table->rows[id].first_result;
+            LDAPMessage *last = head;
+            while (last && last->msg_next)
+                last = last->msg_next;
+            *out = head;
+            rc = last ? last->msg_type : rc;
+            break;
+        }
+        bool expired = rc == 0;
+        if (!expired && timeout) {
+            struct timeval now {};
+            gettimeofday(&now, nullptr);
+            if (now.tv_sec < start.tv_sec || (now.tv_sec == start.tv_sec && now.tv_usec < start.tv_usec)) {
+                LDAP_TRACE(TRC_ERROR,
+                           "Error - gettimeofday() system call returned an incorrect value. The current time "
+                           "(%ld.%06ld) is less than the start time (%ld.%06ld)\n",
+                           static_cast<long>(now.tv_sec), static_cast<long>(now.tv_usec),
+                           static_cast<long>(start.tv_sec), static_cast<long>(start.tv_usec));
+            } else {
+                struct timeval spent = elapsed_since(start, now);
+                remaining.tv_sec -= spent.tv_sec;
+                remaining.tv_usec -= spent.tv_usec;
+                if (remaining.tv_usec < 0) {
+                    remaining.tv_sec--;
+                    remaining.tv_usec += 1000000;
+                }
+                expired = remaining.tv_sec < 0;
+            }
+            start = now;
+        }
+        if (expired) {
+            // What this call took out of the row is handed out again by the next one.
+            if (first_handed) {
+                LDAP_MUTEX_GUARD(guard, &table->lock);
+                if (guard.locked())
+                    table->rows[id].next_to_return = first_handed;
+            }
+            *out = nullptr;
+            rc = 0;
+            break;
+        }
+    }
+    LDAP_TRACE(TRC_API, "ldap_return_all_msgs: rc=%d\n", rc);
+    return rc;
+}
+
+int ldap_result_int(LDAP *ld, int msgid, int all, const struct timeval *timeout, LDAPMessage **result)
+{
+    LDAP_TRACE(TRC_API, "ldap_result_int\n");
+    ldap_set_error_direct(ld, LDAP_PARAM_ERROR, nullptr, nullptr);
+    if (msgid < -1 || !ld || !result || !ld->ld_servers) {
+        LDAP_TRACE(TRC_ERROR,
+                   "ldap_result: Invalid parameter - msgid(%d), ld(%p), result(%p), ld->ld_servers(%p)\n", msgid,
+                   static_cast<void *>(ld), static_cast<void *>(result),
+                   ld ? static_cast<void *>(ld->ld_servers) : nullptr);
+        return -1;
+    }
+    *result = nullptr;
+    LDAPConn *lc = get_default_connection(ld);
+    ldap_msg_table *table = lc ? lc->lconn_msgtable : nullptr;
+    if (!table)
+        return -1;
+    int id = msgid;
+    if (verify_msgid_n_acquire_row(ld, table, &id, all) != 0)
+        return -1;
+    ldap_set_error_direct(ld, LDAP_SUCCESS, nullptr, nullptr);
+    int chase = 0;
+    int hop_limit = 0;
+    if (!referral_settings(ld, table, id, &chase, &hop_limit))
+        return -1;
+    int error = 0;
+    if (all == LDAP_MSG_ONE) {
+        int rc = ldap_return_one_msg(ld, id, timeout, result, table, &error, chase, hop_limit);
+        if (*result)
+            (*result)->msg_flags |= LDAP_MSGFLAG_ALONE;
+        return rc;
+    }
+    return ldap_return_all_msgs(ld, id, timeout, result, table, &error, chase, hop_limit);
+}
+
+int ldap_result(LDAP *ld, int msgid, int all, struct timeval *timeout, LDAPMessage **result)
+{
+    if (timeout)
+        LDAP_TRACE(TRC_API,
+                   "ldap_result entered ld(%p), msgid(%d), all (%d), timeout(tv_sec=%d, tv_usec=%d), result(%p)\n",
+                   static_cast<void *>(ld), msgid, all, static_cast<int>(timeout->tv_sec),
+                   static_cast<int>(timeout->tv_usec), static_cast<void *>(result));
+    else
+        LDAP_TRACE(TRC_API, "ldap_result entered ld(%p), msgid(%d), all(%d), timeout(NULL), result(%p)\n",
+                   static_cast<void *>(ld), msgid, all, static_cast<void *>(result));
+    zldap::OperationGuard op(ld);
+    if (!op.admitted())
+        return -1;
+    int rc = ldap_result_int(ld, msgid, all, timeout, result);
+    if (rc == 0)
+        ldap_set_error_direct(ld, LDAP_TIMEOUT, nullptr, nullptr);
+    LDAP_TRACE(TRC_API, "ldap_result returning resulttype=%d\n", rc);
+    return rc;
+}

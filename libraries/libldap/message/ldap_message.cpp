@@ -1,0 +1,71 @@
+// ldap_message.cpp - creation and release of LDAPMessage records, the
+// elements they carry, and the test for a response that ends its request.
+#include "message/ldap_message.h"
+
+#include "base/memory.h"
+#include "base/trace.h"
+#include "core/ldap_error.h"
+
+#define LDAP_MODULE "libraries/libldap/ldap_message"
+
+LDAPMessage *ldap_alloc_msg(LDAPConn *conn)
+{
+    auto *msg = static_cast<LDAPMessage *>(zldap::mem_calloc(1, sizeof(LDAPMessage)));
+    if (msg) {
+        msg->msg_type = 0x30;
+        msg->msg_conn = conn;
+    }
+    return msg;
+}
+
+BerElement *new_ldap_ber(LDAP *ld, int for_reading)
+{
+    if (!ld)
+        return nullptr;
+    BerElement *ber = for_reading ? fber_alloc_t(0) : fber_alloc();
+    if (ber) {
+        ber->ber_no_xlate = static_cast<uint32_t *>(zldap::mem_malloc(sizeof(uint32_t)));
+        ber->ber_version = static_cast<int32_t *>(zldap::mem_malloc(sizeof(int32_t)));
+    }
+    if (!ber || !ber->ber_no_xlate || !ber->ber_version) {
+        fber_free(ber);
+        ldap_set_error_direct(ld, LDAP_NO_MEMORY, nullptr, nullptr);
+        return nullptr;
+    }
+    *ber->ber_no_xlate = ld->ld_no_xlate;
+    *ber->ber_version = ld->ld_version;
+    return ber;
+}
+
+void free_msg(LDAPMessage *msg, int all)
+{
+    LDAP_TRACE(TRC_API, "free_msg: msg(%p), all(%d)\n", static_cast<void *>(msg), all);
+    while (msg) {
+        LDAPMessage *next = msg->msg_next;
+        fber_free(msg->msg_ber);
+        zldap::mem_free(msg);
+        msg = (all == 1) ? next : nullptr;
+    }
+}
+
+int ldap_msgid(LDAPMessage *msg)
+{
+    LDAP_TRACE(TRC_API, "ldap_msgid: msg(%p)\n", static_cast<void *>(msg));
+    return msg ? msg->msg_id : -1;
+}
+
+int ldap_msgtype(LDAPMessage *msg) { return msg ? msg->msg_type : 0; }
+
+int is_last_msg(LDAPMessage *msg)
+{
+    if (!msg)
+        return 0;
+    int type = msg->msg_type;
+    // Each pair of request kinds shares a tag but for one bit: bind/search
+    // done, add/delete, modify/compare; modify DN and extended stand alone.
+    bool last = (type & ~0x04) == 0x61 || (type & ~0x02) == 0x69 || (type & ~0x08) == 0x67 ||
+                type == 0x6D || type == 0x78;
+    LDAP_TRACE(TRC_API, last ? "is_last_msg: returning TRUE, msgid=%d\n" : "is_last_msg: returning FALSE, msgid=%d\n",
+               msg->msg_id);
+    return last ? 1 : 0;
+}

@@ -1,0 +1,35 @@
+// ldap_message.h - the LDAPMessage record: one request or response, and
+// the links of a result chain.
+#ifndef ZLDAP_LDAP_MESSAGE_H
+#define ZLDAP_LDAP_MESSAGE_H
+
+#include "ber/lber.h"
+#include "core/ldap_session.h"
+
+// msg_flags bit: handed out alone by LDAP_MSG_ONE; counts as a chain of one.
+inline constexpr uint32_t LDAP_MSGFLAG_ALONE = 0x02;
+
+struct ldapmsg {
+    int32_t msg_id;      // 0 in a new message
+    int32_t msg_type;    // request or response tag; 0x30 in a new message
+    uint32_t msg_flags;
+    BerElement *msg_ber; // owned; positioned at the protocol operation
+    LDAPConn *msg_conn;  // its lconn_ld owns the message, its lconn_msgtable files it
+    LDAPMessage *msg_next;
+    LDAPMessage *msg_prev;
+};
+
+LDAPMessage *ldap_alloc_msg(LDAPConn *conn);
+// A new element carrying the handle's translation setting and protocol
+// version, for writing a request or (for_reading 1) reading a response.
+// NULL with 90 as the thread's error when memory runs out.
+BerElement *new_ldap_ber(LDAP *ld, int for_reading);
+// Releases msg and its element; with all = 1 also every message after it.
+void free_msg(LDAPMessage *msg, int all);
+int ldap_msgid(LDAPMessage *msg);
+int ldap_msgtype(LDAPMessage *msg);
+// 1 for the types that end a request (bind, search done, modify, add,
+// delete, modify DN, compare, extended), else 0.
+int is_last_msg(LDAPMessage *msg);
+
+#endif

@@ -1,0 +1,231 @@
+// entries.cpp - reading a search entry: its DN, its attribute names through
+// a cursor, its values as strings or as bervals, and releasing all of it.
+// Every read works on a private copy of the entry's element record, so the
+// entry itself never moves.
+#include "results/results.h"
+
+#include "base/memory.h"
+#include "base/trace.h"
+#include "ber/lber.h"
+#include "core/ldap_error.h"
+#include "core/ldap_init_guard.h"
+#include "message/ldap_message.h"
+
+#include <strings.h>
+
+#define LDAP_MODULE "libraries/libldap/entries"
+
+namespace {
+
+// Attribute descriptions longer than this are refused.
+constexpr ber_len_t kNameBuffer = 401;
+constexpr ber_tag_t kControlsTag = 0xA0;
+
+bool at_end_of_attributes(BerElement *ber)
+{
+    ber_len_t len = 0;
+    return ber->ber_ptr >= ber->ber_end || fber_peek_tag(ber, &len) == kControlsTag;
+}
+
+// Sets the thread's error and returns NULL, for the walk's failure paths.
+template <class T> T *fail(LDAP *ld, int code)
+{
+    ldap_set_error_direct(ld, code, nullptr, nullptr);
+    return nullptr;
+}
+
+// The next attribute name at the cursor, in a new buffer; NULL with error
+// 0 at the end of the attributes.
+char *read_attribute_name(LDAP *ld, BerElement *cursor)
+{
+    if (at_end_of_attributes(cursor))
+        return nullptr;
+    char *name = static_cast<char *>(zldap::mem_malloc(kNameBuffer));
+    if (!name)
+        return fail<char>(ld, LDAP_NO_MEMORY);
+    ber_len_t size = kNameBuffer;
+    if (fber_scanf(cursor, "{sx}", name, &size) == LBER_DEFAULT) {
+        zldap::mem_free(name);
+        return fail<char>(ld, LDAP_DECODING_ERROR);
+    }
+    return name;
+}
+
+// Moves a copy of the entry's element to the values of `attr`; false (with
+// error 84) when the entry has no such attribute or cannot be read.
+bool find_attribute(LDAP *ld, BerElement *reader, const char *attr)
+{
+    char type[kNameBuffer];
+    ber_len_t size = sizeof type;
+    ber_tag_t tag = fber_scanf(reader, "{x{{s", type, &size);
+    while (tag != LBER_DEFAULT && strcasecmp(type, attr) != 0) {
+        size = sizeof type;
+        tag = fber_scanf(reader, "x}{s", type, &size);
+    }
+    if (tag == LBER_DEFAULT) {
+        ldap_set_error_direct(ld, LDAP_DECODING_ERROR, nullptr, nullptr);
+        return false;
+    }
+    return true;
+}
+
+// The values of `attr` read with `format` ("[v]" or "[V]") into *out.
+template <class T> T **get_values(LDAP *ld, LDAPMessage *entry, const char *attr, const char *format)
+{
+    zldap::OperationGuard op(ld);
+    if (!op.admitted())
+        return nullptr;
+    ldap_set_error_direct(ld, LDAP_SUCCESS, nullptr, nullptr);
+    if (!entry || !attr || !entry->msg_ber)
+        return fail<T *>(ld, LDAP_PARAM_ERROR);
+    BerElement reader = *entry->msg_ber;
+    if (!find_attribute(ld, &reader, attr))
+        return nullptr;
+    T **values = nullptr;
+    if (fber_scanf(&reader, format, &values) == LBER_DEFAULT)
+        return fail<T *>(ld, LDAP_DECODING_ERROR);
+    return values;
+}
+
+} // namespace
+
+char *ldap_get_dn(LDAP *ld, LDAPMessage *entry)
+{
+    LDAP_TRACE(TRC_API, "ldap_get_dn\n");
+    zldap::OperationGuard op(ld);
+    if (!op.admitted())
+        return nullptr;
+    if (!entry || !entry->msg_ber)
+        return fail<char>(ld, LDAP_PARAM_ERROR);
+    BerElement reader = *entry->msg_ber;
+    char *dn = nullptr;
+    if (fber_scanf(&reader, "{a", &dn) == LBER_DEFAULT) {
+        LDAP_TRACE(TRC_ERROR, "ldap_get_dn: fber_scanf failed\n");
+        return fail<char>(ld, LDAP_DECODING_ERROR);
+    }
+    return dn;
+}
+
+char *ldap_first_attribute(LDAP *ld, LDAPMessage *entry, BerElement **ber)
+{
+    LDAP_TRACE(TRC_API, "ldap_first_attribute: ld(%p) entry(%p) ber(%p)\n", static_cast<void *>(ld),
+               static_cast<void *>(entry), static_cast<void *>(ber));
+    zldap::OperationGuard op(ld);
+    if (!op.admitted())
+        return nullptr;
+    ldap_set_error_direct(ld, LDAP_SUCCESS, nullptr, nullptr);
+    if (!entry || !ber || !entry->msg_ber)
+        return fail<char>(ld, LDAP_PARAM_ERROR);
+    // The cursor shares the entry's buffer and never owns it.
+    auto *cursor = static_cast<BerElement *>(zldap::mem_malloc(sizeof(BerElement)));
+    *ber = cursor;
+    if (!cursor)
+        return fail<char>(ld, LDAP_NO_MEMORY);
+    *cursor = *entry->msg_ber;
+    char *name = nullptr;
+    if (fber_scanf(cursor, "{x{") == LBER_DEFAULT) {
+        ldap_set_error_direct(ld, LDAP_DECODING_ERROR, nullptr, nullptr);
+    } else {
+        name = read_attribute_name(ld, cursor);
+    }
+    // An entry without attributes keeps its cursor: the caller releases it.
+    if (!name && ldap_get_errno_direct(ld) != LDAP_SUCCESS) {
+        zldap::mem_free(cursor);
+        *ber = nullptr;
+    }
+    LDAP_TRACE(TRC_API, "ldap_first_attribute: returning (%s)\n", trace_str(name, "NULL"));
+    return name;
+}
+
+char *ldap_next_attribute(LDAP *ld, LDAPMessage *entry, BerElement *ber)
+{
+    LDAP_TRACE(TRC_API, "ldap_next_attribute: ld(%p) entry(%p) ber(%p)\n", static_cast<void *>(ld),
+               static_cast<void *>(entry), static_cast<void *>(ber));
+    zldap::OperationGuard op(ld);
+    if (!op.admitted())
+        return nullptr;
+    ldap_set_error_direct(ld, LDAP_SUCCESS, nullptr, nullptr);
+    if (!entry || !ber)
+        return fail<char>(ld, LDAP_PARAM_ERROR);
+    return read_attribute_name(ld, ber);
+}
+
+int ldap_count_attributes(LDAP *ld, LDAPMessage *entry)
+{
+    LDAP_TRACE(TRC_API, "ldap_count_attributes, ld(%p), entry(%p)\n", static_cast<void *>(ld),
+               static_cast<void *>(entry));
+    zldap::OperationGuard op(ld);
+    if (!op.admitted())
+        return -1;
+    ldap_set_error_direct(ld, LDAP_SUCCESS, nullptr, nullptr);
+    if (!entry || !entry->msg_ber) {
+        ldap_set_error_direct(ld, LDAP_PARAM_ERROR, nullptr, nullptr);
+        return 0;
+    }
+    BerElement reader = *entry->msg_ber;
+    if (fber_scanf(&reader, "{x{") == LBER_DEFAULT) {
+        ldap_set_error_direct(ld, LDAP_DECODING_ERROR, nullptr, nullptr);
+        return 0;
+    }
+    int n = 0;
+    while (!at_end_of_attributes(&reader) && fber_skip_element(&reader) == 0)
+        n++;
+    LDAP_TRACE(TRC_API, "ldap_count_attributes: returning (%d)\n", n);
+    return n;
+}
+
+char **ldap_get_values(LDAP *ld, LDAPMessage *entry, const char *attr)
+{
+    LDAP_TRACE(TRC_API, "ldap_get_values\n");
+    return get_values<char>(ld, entry, attr, "[v]");
+}
+
+struct berval **ldap_get_values_len(LDAP *ld, LDAPMessage *entry, const char *attr)
+{
+    LDAP_TRACE(TRC_API, "ldap_get_values_len\n");
+    return get_values<struct berval>(ld, entry, attr, "[V]");
+}
+
+int ldap_count_values(char **values)
+{
+    int n = 0;
+    while (values && values[n])
+        n++;
+    return n;
+}
+
+int ldap_count_values_len(struct berval **values)
+{
+    int n = 0;
+    while (values && values[n])
+        n++;
+    return n;
+}
+
+void ldap_value_free(char **values)
+{
+    for (char **v = values; v && *v; v++)
+        zldap::mem_free(*v);
+    zldap::mem_free(values);
+}
+
+void ldap_value_free_len(struct berval **values) { ber_bvecfree(values); }
+
+void ldap_memfree(void *p) { zldap::mem_free(p); }
+
+void ldap_ber_free(BerElement *ber, int) { zldap::mem_free(ber); }
+
+void ldap_mods_free(LDAPMod **mods, int freemods)
+{
+    for (LDAPMod **m = mods; m && *m; m++) {
+        LDAPMod *mod = *m;
+        zldap::mem_free(mod->mod_type);
+        if (mod->mod_op & LDAP_MOD_BVALUES)
+            ldap_value_free_len(mod->mod_bvalues);
+        else
+            ldap_value_free(mod->mod_values);
+        zldap::mem_free(mod);
+    }
+    if (freemods)
+        zldap::mem_free(mods);
+}

@@ -1,0 +1,34 @@
+// ldap_options.h - session options, the global-defaults record and the
+// library version record.
+#ifndef ZLDAP_LDAP_OPTIONS_H
+#define ZLDAP_LDAP_OPTIONS_H
+
+#include "core/ldap_session.h"
+
+int ldap_set_option(LDAP *ld, int option, const void *invalue);
+int ldap_get_option(LDAP *ld, int option, void *outvalue);
+
+// Unlocked forms for callers that hold ld_mutex. The set form takes the
+// value itself: a pointer for strings, arrays, records and functions, the
+// pointer-sized number for integers and on/off values.
+int ldap_set_option_direct(LDAP *ld, int option, const void *value);
+int ldap_get_option_direct(LDAP *ld, int option, void *outvalue);
+
+// The process-wide record that options set or read without a handle use;
+// NULL when it cannot be made.
+LDAP *ldap_global_defaults();
+
+// The library's version record.
+inline constexpr int LDAP_LIBRARY_VERSION = 631;
+struct ldap_version_record {
+    int32_t sdk_version;      // 631
+    int32_t protocol_version; // 300
+    int32_t ssl_version;      // 300
+    int32_t security_level;   // 128
+    char build_id[65];
+    const char *build_date;
+};
+// Fills the record when one is given; returns 631.
+int ldap_get_version(ldap_version_record *record);
+
+#endif

@@ -1,0 +1,52 @@
+// ldap_unbind.cpp - ldap_unbind and its aliases: mark the handle closing,
+// wait for every operation inside the guard to leave, then release it. No
+// unbind request is sent; closing the socket ends the session.
+#include "session/ldap_unbind.h"
+
+#include "base/ldap_lock.h"
+#include "base/trace.h"
+#include "core/ldap_error.h"
+#include "session/ldap_free.h"
+
+#define LDAP_MODULE "libraries/libldap/ldap_unbind"
+
+int ldap_unbind(LDAP *ld)
+{
+    LDAP_TRACE(TRC_API, "ldap_unbind: ld(%p)\n", static_cast<void *>(ld));
+    if (!ldap_handle_is_valid(ld))
+        return LDAP_PARAM_ERROR;
+    if (LDAP_MUTEX_LOCK(&ld->ld_mutex) != 0) {
+        ldap_set_error_direct(ld, LDAP_LOCK_ERROR, nullptr, nullptr);
+        return LDAP_LOCK_ERROR;
+    }
+    if (ld->ld_unbind_started == 1) {
+        // Another unbind owns the teardown.
+        LDAP_MUTEX_UNLOCK(&ld->ld_mutex);
+        return LDAP_PARAM_ERROR;
+    }
+    ld->ld_unbind_started = 1;
+    while (ld->ld_op_count > 0) {
+        int rc = pthread_cond_wait(&ld->ld_op_cond, &ld->ld_mutex);
+        if (rc != 0) {
+            // The handle stays closing and allocated: every later call is refused.
+            LDAP_TRACE(TRC_ERROR, "ldap_unbind: pthread_cond_wait failed. errno %d\n", rc);
+            LDAP_MUTEX_UNLOCK(&ld->ld_mutex);
+            return LDAP_LOCK_ERROR;
+        }
+    }
+    LDAP_MUTEX_UNLOCK(&ld->ld_mutex);
+    ldap_ld_free(ld);
+    return LDAP_SUCCESS;
+}
+
+int ldap_unbind_s(LDAP *ld)
+{
+    LDAP_TRACE(TRC_API, "ldap_unbind_s\n");
+    return ldap_unbind(ld);
+}
+
+int ldap_unbind_ext(LDAP *ld, LDAPControl **, LDAPControl **)
+{
+    LDAP_TRACE(TRC_API, "ldap_unbind_ext\n");
+    return ldap_unbind(ld);
+}
