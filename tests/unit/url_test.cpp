@@ -1,13 +1,10 @@
 // LDAP URL parsing with and without defaults, and its refusals.
-#include "alloc_faults.h"
 #include "proto/url.h"
 
 #include <gtest/gtest.h>
 
 #include <string>
 #include <vector>
-
-using namespace zldap_test;
 
 namespace {
 
@@ -124,17 +121,6 @@ TEST(UrlParse, IsLdapUrl)
     EXPECT_EQ(ldap_is_ldap_url("ldapx://x"), 0);
     EXPECT_EQ(ldap_is_ldap_url(nullptr), 0);
     ldap_free_urldesc(nullptr);
-}
-
-TEST(UrlParse, MemoryFailuresAre99AndLeakNothing)
-{
-    ExpectEachAllocationFailure({[] {
-                                     LDAPURLDesc *d = nullptr;
-                                     int rc = ldap_url_parse("ldap://h:1/o=x?a,b,c?sub?(cn=y)", &d);
-                                     ldap_free_urldesc(d);
-                                     return rc;
-                                 },
-                                 LDAP_URL_NO_MEMORY, nullptr});
 }
 
 } // namespace
