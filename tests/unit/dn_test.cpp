@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -66,6 +67,8 @@ const WellFormed kWellFormed[] = {
     {"cn=x,", {"cn=x"}, {"x"}, "x", "cn=x"},
 };
 
+void PrintTo(const WellFormed &row, std::ostream *os) { *os << row.dn; }
+
 class DnWellFormed : public testing::TestWithParam<WellFormed> {};
 
 TEST_P(DnWellFormed, EveryForm)
@@ -96,38 +99,48 @@ struct Malformed {
 };
 
 const Malformed kMalformed[] = {
-    {"cn,o=x", 1},                 // no equals sign
-    {"=x", 1},                     // no type
-    {"c n=x", 1},                  // a character after the type
-    {"cn:=x", 1},                  //
-    {"cn=x,,o=y", 1},              // an empty RDN
-    {"cn=x, ", 1},                 //
-    {"cn=a+", 1},                  // an empty pair
-    {"2.5.4.=x", 7},               // an empty OID component
-    {"OID.cn=x", 7},               //
-    {"2.5..4=x", 7},               //
-    {"cn=", -1},                   // empty values
-    {"cn=  ", -1},                 //
-    {"cn=,o=x", 6},                // a separator where the value starts
-    {"cn=a=b", 6},                 // unescaped specials
-    {"cn=a<b", 6},                 //
-    {"cn=a\"b", 6},                //
-    {"cn=\\q", 2},                 // bad escapes
-    {"cn=\\4g", 3},                //
-    {"cn=#04zz", 4},               // not hexadecimal
-    {"cn=#0403 61", 9},            // a hex value is cut at a blank
-    {"cn=\"a\"b", 9},              // after the closing quote
-    {"cn=#0C03616263", 1},         // not an OCTET STRING
-    {"cn=#", 1},                   //
-    {"cn=#040", 1},                // no whole length octet
-    {"cn=#04036", 1},              // an odd number of digits
-    {"cn=#0489010203040506070809", 1}, // nine further length octets
-    {"cn=#0482", 1},               // announced length octets missing
-    {"cn=\"abc", 1},               // unclosed quote
-    {"cn=\"a\\\"", 1},             //
-    {"cn=a\\ b", 1},               // an escaped space in the middle
-    {"cn=a\\", 1},                 // a backslash at the end
+    // Types: no equals sign, no type, something after the type, empty RDNs and pairs.
+    {"cn,o=x", 1},
+    {"=x", 1},
+    {"c n=x", 1},
+    {"cn:=x", 1},
+    {"cn=x,,o=y", 1},
+    {"cn=x, ", 1},
+    {"cn=a+", 1},
+    // Numeric OIDs with an empty or non-numeric component.
+    {"2.5.4.=x", 7},
+    {"OID.cn=x", 7},
+    {"2.5..4=x", 7},
+    // Empty values; a separator where the value should start.
+    {"cn=", -1},
+    {"cn=  ", -1},
+    {"cn=,o=x", 6},
+    // Unescaped specials, bad escapes, bad hexadecimal values.
+    {"cn=a=b", 6},
+    {"cn=a<b", 6},
+    {"cn=a\"b", 6},
+    {"cn=\\q", 2},
+    {"cn=\\4g", 3},
+    {"cn=#04zz", 4},
+    // A hex value is cut at a blank; nothing but blanks after a closing quote.
+    {"cn=#0403 61", 9},
+    {"cn=\"a\"b", 9},
+    // BER values: another tag, the number sign alone, a short length octet,
+    // an odd digit, nine further length octets, announced octets missing.
+    {"cn=#0C03616263", 1},
+    {"cn=#", 1},
+    {"cn=#040", 1},
+    {"cn=#04036", 1},
+    {"cn=#0489010203040506070809", 1},
+    {"cn=#0482", 1},
+    // Unclosed quotes, an escaped space in the middle, a backslash at the end.
+    {"cn=\"abc", 1},
+    {"cn=\"a\\\"", 1},
+    {"cn=a\\ b", 1},
+    {"cn=a\\", 1},
 };
+
+void PrintTo(const Malformed &row, std::ostream *os) { *os << row.dn << " -> " << row.error; }
 
 class DnMalformed : public testing::TestWithParam<Malformed> {};
 
