@@ -104,7 +104,7 @@ const char *scan_dn_type(const char *text, std::string_view *type, int *error)
                 return p;
             }
             if (!is_letter(c) && !is_digit(c) && c != '-') {
-                // The same text as from INDIGITS: readers of old logs grep for it.
+                // The line names INDIGITS here too: log texts stay as they have always read.
                 LDAP_TRACE(TRC_DN, "State tx INDIGITS -> AFTERTYPE.\n");
                 *type = std::string_view(start, p - start);
                 if (after_type(p, &state, error))
