@@ -2,7 +2,9 @@
 // makes, failing that allocation: the documented code comes back, nothing
 // leaks, and whatever the row calls usable still works afterwards.
 #include "alloc_faults.h"
+#include "proto/dn.h"
 #include "proto/url.h"
+#include "results/results.h"
 
 #include <gtest/gtest.h>
 
@@ -34,6 +36,56 @@ void UrlParse(const std::function<void(const AllocFaultScenario &)> &sweep)
            LDAP_URL_NO_MEMORY});
 }
 
+// A DN with every kind of value, so that each allocation path runs.
+constexpr const char *kSweepDn = "cn=a\\,b+sn=\"q\"+OID.1.2=#0403616263,o=Example;c=US";
+
+void DnParse(const std::function<void(const AllocFaultScenario &)> &sweep)
+{
+    sweep({[] {
+               int error = 0;
+               zldap::release_parsed_dn(zldap::parse_dn(kSweepDn, &error));
+               return error;
+           },
+           LDAP_NO_MEMORY});
+}
+
+// The explode functions and dn2ufn have no code: NULL (or, for
+// ldap_explode_dn, an array cut short) stands for 90.
+int NoMemoryUnless(size_t expected, char **array)
+{
+    size_t n = 0;
+    while (array && array[n])
+        n++;
+    ldap_value_free(array);
+    return n == expected ? LDAP_SUCCESS : LDAP_NO_MEMORY;
+}
+
+void DnExplode(const std::function<void(const AllocFaultScenario &)> &sweep)
+{
+    sweep({[] { return NoMemoryUnless(3, ldap_explode_dn(kSweepDn, 0)); }, LDAP_NO_MEMORY});
+}
+
+void DnExplodeRdn(const std::function<void(const AllocFaultScenario &)> &sweep)
+{
+    sweep({[] { return NoMemoryUnless(3, ldap_explode_rdn(kSweepDn, 1)); }, LDAP_NO_MEMORY});
+}
+
+void DnSplitDnsName(const std::function<void(const AllocFaultScenario &)> &sweep)
+{
+    sweep({[] { return NoMemoryUnless(10, ldap_split_dns_name("a@b.c.d.e.f.g.h.i.j")); }, LDAP_NO_MEMORY});
+}
+
+void DnToUfn(const std::function<void(const AllocFaultScenario &)> &sweep)
+{
+    sweep({[] {
+               char *ufn = ldap_dn2ufn(kSweepDn);
+               int rc = ufn ? LDAP_SUCCESS : LDAP_NO_MEMORY;
+               ldap_memfree(ufn);
+               return rc;
+           },
+           LDAP_NO_MEMORY});
+}
+
 // ---- session and connections ------------------------------------------
 
 // ---- engine and operations --------------------------------------------
@@ -41,6 +93,11 @@ void UrlParse(const std::function<void(const AllocFaultScenario &)> &sweep)
 const SweepRow kRows[] = {
     // ---- codec and protocol pieces rows ----
     {"UrlParse", UrlParse},
+    {"DnParse", DnParse},
+    {"DnExplode", DnExplode},
+    {"DnExplodeRdn", DnExplodeRdn},
+    {"DnSplitDnsName", DnSplitDnsName},
+    {"DnToUfn", DnToUfn},
 
     // ---- session and connections rows ----
 
