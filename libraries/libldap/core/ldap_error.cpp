@@ -221,6 +221,12 @@ int ldap_set_error_direct(LDAP *ld, int code, const char *matched, const char *t
     return LDAP_SUCCESS;
 }
 
+int ldap_fail(LDAP *ld, int code)
+{
+    ldap_set_error_direct(ld, code, nullptr, nullptr);
+    return code;
+}
+
 int ldap_set_ext_error_direct(LDAP *ld, int reason)
 {
     if (!ld)

@@ -24,10 +24,8 @@ bool referral_settings(LDAP *ld, ldap_msg_table *table, int id, int *chase, int 
         ldap_get_option(ld, LDAP_OPT_HOP_LIMIT, &hops) != 0)
         return false;
     LDAP_MUTEX_GUARD(guard, &table->lock);
-    if (!guard.locked()) {
-        ldap_set_error_direct(ld, LDAP_LOCK_ERROR, nullptr, nullptr);
-        return false;
-    }
+    if (!guard.locked())
+        return ldap_fail_returning(ld, LDAP_LOCK_ERROR, false);
     ldap_msg_row &row = table->rows[id];
     if (!(row.flags & LDAP_ROW_REFOPTS)) {
         if (referrals) {

@@ -29,8 +29,7 @@ BerElement *new_ldap_ber(LDAP *ld, int for_reading)
     }
     if (!ber || !ber->ber_no_xlate || !ber->ber_version) {
         fber_free(ber);
-        ldap_set_error_direct(ld, LDAP_NO_MEMORY, nullptr, nullptr);
-        return nullptr;
+        return ldap_fail_returning(ld, LDAP_NO_MEMORY, nullptr);
     }
     *ber->ber_no_xlate = ld->ld_no_xlate;
     *ber->ber_version = ld->ld_version;

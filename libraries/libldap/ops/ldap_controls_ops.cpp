@@ -42,8 +42,7 @@ int ldap_check_client_controls(LDAP *ld, LDAPControl ***serverctrls, LDAPControl
     // honoured and the operation must not go ahead.
     if (any_critical(clientctrls)) {
         LDAP_TRACE(TRC_ERROR, "Critical client controls not supported\n");
-        ldap_set_error_direct(ld, LDAP_UNAVAILABLE_CRITICAL_EXTENSION, nullptr, nullptr);
-        return LDAP_UNAVAILABLE_CRITICAL_EXTENSION;
+        return ldap_fail(ld, LDAP_UNAVAILABLE_CRITICAL_EXTENSION);
     }
     if (*serverctrls)
         return LDAP_SUCCESS;

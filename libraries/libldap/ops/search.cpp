@@ -101,8 +101,7 @@ int ldap_search(LDAP *ld, const char *base, int scope, const char *filter, char 
     auto *timeout = static_cast<struct timeval *>(zldap::mem_calloc(1, sizeof(struct timeval)));
     if (!timeout) {
         LDAP_TRACE(TRC_ERROR, "ldapsearch: Insufficient memory to alloc timeval structure\n");
-        ldap_set_error_direct(ld, LDAP_NO_MEMORY, nullptr, nullptr);
-        return -1;
+        return ldap_fail_returning(ld, LDAP_NO_MEMORY, -1);
     }
     int timelimit = 0;
     int msgid = -1;

@@ -27,13 +27,6 @@ bool at_end_of_attributes(BerElement *ber)
     return ber->ber_ptr >= ber->ber_end || fber_peek_tag(ber, &len) == kControlsTag;
 }
 
-// Sets the thread's error and returns NULL, for the walk's failure paths.
-template <class T> T *fail(LDAP *ld, int code)
-{
-    ldap_set_error_direct(ld, code, nullptr, nullptr);
-    return nullptr;
-}
-
 // The next attribute name at the cursor, in a new buffer; NULL with error
 // 0 at the end of the attributes.
 char *read_attribute_name(LDAP *ld, BerElement *cursor)
@@ -42,11 +35,11 @@ char *read_attribute_name(LDAP *ld, BerElement *cursor)
         return nullptr;
     char *name = static_cast<char *>(zldap::mem_malloc(kNameBuffer));
     if (!name)
-        return fail<char>(ld, LDAP_NO_MEMORY);
+        return ldap_fail_returning(ld, LDAP_NO_MEMORY, nullptr);
     ber_len_t size = kNameBuffer;
     if (fber_scanf(cursor, "{sx}", name, &size) == LBER_DEFAULT) {
         zldap::mem_free(name);
-        return fail<char>(ld, LDAP_DECODING_ERROR);
+        return ldap_fail_returning(ld, LDAP_DECODING_ERROR, nullptr);
     }
     return name;
 }
@@ -62,10 +55,8 @@ bool find_attribute(LDAP *ld, BerElement *reader, const char *attr)
         size = sizeof type;
         tag = fber_scanf(reader, "x}{s", type, &size);
     }
-    if (tag == LBER_DEFAULT) {
-        ldap_set_error_direct(ld, LDAP_DECODING_ERROR, nullptr, nullptr);
-        return false;
-    }
+    if (tag == LBER_DEFAULT)
+        return ldap_fail_returning(ld, LDAP_DECODING_ERROR, false);
     return true;
 }
 
@@ -77,13 +68,13 @@ template <class T> T **get_values(LDAP *ld, LDAPMessage *entry, const char *attr
         return nullptr;
     ldap_set_error_direct(ld, LDAP_SUCCESS, nullptr, nullptr);
     if (!entry || !attr || !entry->msg_ber)
-        return fail<T *>(ld, LDAP_PARAM_ERROR);
+        return ldap_fail_returning(ld, LDAP_PARAM_ERROR, nullptr);
     BerElement reader = *entry->msg_ber;
     if (!find_attribute(ld, &reader, attr))
         return nullptr;
     T **values = nullptr;
     if (fber_scanf(&reader, format, &values) == LBER_DEFAULT)
-        return fail<T *>(ld, LDAP_DECODING_ERROR);
+        return ldap_fail_returning(ld, LDAP_DECODING_ERROR, nullptr);
     return values;
 }
 
@@ -96,12 +87,12 @@ char *ldap_get_dn(LDAP *ld, LDAPMessage *entry)
     if (!op.admitted())
         return nullptr;
     if (!entry || !entry->msg_ber)
-        return fail<char>(ld, LDAP_PARAM_ERROR);
+        return ldap_fail_returning(ld, LDAP_PARAM_ERROR, nullptr);
     BerElement reader = *entry->msg_ber;
     char *dn = nullptr;
     if (fber_scanf(&reader, "{a", &dn) == LBER_DEFAULT) {
         LDAP_TRACE(TRC_ERROR, "ldap_get_dn: fber_scanf failed\n");
-        return fail<char>(ld, LDAP_DECODING_ERROR);
+        return ldap_fail_returning(ld, LDAP_DECODING_ERROR, nullptr);
     }
     return dn;
 }
@@ -115,12 +106,12 @@ char *ldap_first_attribute(LDAP *ld, LDAPMessage *entry, BerElement **ber)
         return nullptr;
     ldap_set_error_direct(ld, LDAP_SUCCESS, nullptr, nullptr);
     if (!entry || !ber || !entry->msg_ber)
-        return fail<char>(ld, LDAP_PARAM_ERROR);
+        return ldap_fail_returning(ld, LDAP_PARAM_ERROR, nullptr);
     // The cursor shares the entry's buffer and never owns it.
     auto *cursor = static_cast<BerElement *>(zldap::mem_malloc(sizeof(BerElement)));
     *ber = cursor;
     if (!cursor)
-        return fail<char>(ld, LDAP_NO_MEMORY);
+        return ldap_fail_returning(ld, LDAP_NO_MEMORY, nullptr);
     *cursor = *entry->msg_ber;
     char *name = nullptr;
     if (fber_scanf(cursor, "{x{") == LBER_DEFAULT) {
@@ -146,7 +137,7 @@ char *ldap_next_attribute(LDAP *ld, LDAPMessage *entry, BerElement *ber)
         return nullptr;
     ldap_set_error_direct(ld, LDAP_SUCCESS, nullptr, nullptr);
     if (!entry || !ber)
-        return fail<char>(ld, LDAP_PARAM_ERROR);
+        return ldap_fail_returning(ld, LDAP_PARAM_ERROR, nullptr);
     return read_attribute_name(ld, ber);
 }
 
@@ -158,15 +149,11 @@ int ldap_count_attributes(LDAP *ld, LDAPMessage *entry)
     if (!op.admitted())
         return -1;
     ldap_set_error_direct(ld, LDAP_SUCCESS, nullptr, nullptr);
-    if (!entry || !entry->msg_ber) {
-        ldap_set_error_direct(ld, LDAP_PARAM_ERROR, nullptr, nullptr);
-        return 0;
-    }
+    if (!entry || !entry->msg_ber)
+        return ldap_fail_returning(ld, LDAP_PARAM_ERROR, 0);
     BerElement reader = *entry->msg_ber;
-    if (fber_scanf(&reader, "{x{") == LBER_DEFAULT) {
-        ldap_set_error_direct(ld, LDAP_DECODING_ERROR, nullptr, nullptr);
-        return 0;
-    }
+    if (fber_scanf(&reader, "{x{") == LBER_DEFAULT)
+        return ldap_fail_returning(ld, LDAP_DECODING_ERROR, 0);
     int n = 0;
     while (!at_end_of_attributes(&reader) && fber_skip_element(&reader) == 0)
         n++;

@@ -28,10 +28,8 @@ int read_result_code(LDAP *ld, const BerElement *ber)
 {
     BerElement reader = *ber;
     int code = 0;
-    if (fber_scanf(&reader, "{i", &code) == LBER_DEFAULT) {
-        ldap_set_error_direct(ld, LDAP_DECODING_ERROR, nullptr, nullptr);
-        return LDAP_DECODING_ERROR;
-    }
+    if (fber_scanf(&reader, "{i", &code) == LBER_DEFAULT)
+        return ldap_fail(ld, LDAP_DECODING_ERROR);
     char *texts[2] = {nullptr, nullptr};
     int rc = code;
     for (char *&text : texts) {
