@@ -211,7 +211,7 @@ int ldap_result(LDAP *ld, int msgid, int all, struct timeval *timeout, LDAPMessa
     else
         LDAP_TRACE(TRC_API, "ldap_result entered ld(%p), msgid(%d), all(%d), timeout(NULL), result(%p)\n",
                    static_cast<void *>(ld), msgid, all, static_cast<void *>(result));
-    zldap::OperationGuard op(ld);
+    zldap::OperationGuard op(ld, zldap::OnEntry::keep_error);
     if (!op.admitted())
         return -1;
     int rc = ldap_result_int(ld, msgid, all, timeout, result);

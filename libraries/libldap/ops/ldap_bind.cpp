@@ -143,7 +143,7 @@ int ldap_simple_bind(LDAP *ld, const char *dn, const char *passwd)
 {
     LDAP_TRACE(TRC_API, "ldap_simple_bind: entering with ld(%x) dn(%s) pw(***)\n",
                static_cast<unsigned>(reinterpret_cast<uintptr_t>(ld)), trace_str(dn, "<NULL>"));
-    zldap::OperationGuard op(ld);
+    zldap::OperationGuard op(ld, zldap::OnEntry::keep_error);
     if (!op.admitted())
         return -1;
     int msgid = -1;
@@ -158,7 +158,7 @@ int ldap_simple_bind(LDAP *ld, const char *dn, const char *passwd)
 int ldap_simple_bind_s(LDAP *ld, const char *dn, const char *passwd)
 {
     LDAP_TRACE(TRC_API, "ldap_simple_bind_s: \n");
-    zldap::OperationGuard op(ld);
+    zldap::OperationGuard op(ld, zldap::OnEntry::keep_error);
     if (!op.admitted())
         return LDAP_PARAM_ERROR;
     int msgid = -1;
@@ -283,7 +283,7 @@ int ldap_sasl_bind(LDAP *ld, const char *dn, const char *mechanism, const struct
                    LDAPControl **serverctrls, LDAPControl **clientctrls, int *msgidp)
 {
     LDAP_TRACE(TRC_API, "ldap_sasl_bind \n");
-    zldap::OperationGuard op(ld);
+    zldap::OperationGuard op(ld, zldap::OnEntry::keep_error);
     if (!op.admitted())
         return LDAP_PARAM_ERROR;
     if (!msgidp) {
@@ -302,7 +302,7 @@ int ldap_sasl_bind_s(LDAP *ld, const char *dn, const char *mechanism, const stru
                      LDAPControl **serverctrls, LDAPControl **clientctrls, struct berval **servercredp)
 {
     LDAP_TRACE(TRC_API, "ldap_sasl_bind_s: entered\n");
-    zldap::OperationGuard op(ld);
+    zldap::OperationGuard op(ld, zldap::OnEntry::keep_error);
     if (!op.admitted())
         return LDAP_PARAM_ERROR;
     int rc = ldap_sasl_bind_int(ld, dn, mechanism, cred, serverctrls, clientctrls, servercredp, 0, nullptr);

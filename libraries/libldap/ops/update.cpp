@@ -53,7 +53,7 @@ int validated_send(LDAP *ld, int *msgidp, LDAPControl **serverctrls, LDAPControl
 
 int guarded(LDAP *ld, zldap::FunctionRef<int()> run)
 {
-    zldap::OperationGuard op(ld);
+    zldap::OperationGuard op(ld, zldap::OnEntry::keep_error);
     if (!op.admitted())
         return op.code();
     return run();
@@ -71,7 +71,7 @@ struct SyncTraces {
 // return the response's result code with the chain released.
 int synchronous(LDAP *ld, const SyncTraces &traces, zldap::FunctionRef<int(int *)> send)
 {
-    zldap::OperationGuard op(ld);
+    zldap::OperationGuard op(ld, zldap::OnEntry::keep_error);
     if (!op.admitted())
         return op.code();
     int msgid = -1;
@@ -355,7 +355,7 @@ int ldap_rename_s(LDAP *ld, const char *dn, const char *newrdn, const char *news
                   LDAPControl **serverctrls, LDAPControl **clientctrls)
 {
     LDAP_TRACE(TRC_API, "ldap_rename_s\n");
-    zldap::OperationGuard op(ld);
+    zldap::OperationGuard op(ld, zldap::OnEntry::keep_error);
     if (!op.admitted())
         return op.code();
     int msgid = -1;

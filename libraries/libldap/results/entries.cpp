@@ -63,10 +63,9 @@ bool find_attribute(LDAP *ld, BerElement *reader, const char *attr)
 // The values of `attr` read with `format` ("[v]" or "[V]") into *out.
 template <class T> T **get_values(LDAP *ld, LDAPMessage *entry, const char *attr, const char *format)
 {
-    zldap::OperationGuard op(ld);
+    zldap::OperationGuard op(ld, zldap::OnEntry::reset_error);
     if (!op.admitted())
         return nullptr;
-    ldap_set_error_direct(ld, LDAP_SUCCESS, nullptr, nullptr);
     if (!entry || !attr || !entry->msg_ber)
         return ldap_fail_returning(ld, LDAP_PARAM_ERROR, nullptr);
     BerElement reader = *entry->msg_ber;
@@ -83,7 +82,7 @@ template <class T> T **get_values(LDAP *ld, LDAPMessage *entry, const char *attr
 char *ldap_get_dn(LDAP *ld, LDAPMessage *entry)
 {
     LDAP_TRACE(TRC_API, "ldap_get_dn\n");
-    zldap::OperationGuard op(ld);
+    zldap::OperationGuard op(ld, zldap::OnEntry::keep_error);
     if (!op.admitted())
         return nullptr;
     if (!entry || !entry->msg_ber)
@@ -101,10 +100,9 @@ char *ldap_first_attribute(LDAP *ld, LDAPMessage *entry, BerElement **ber)
 {
     LDAP_TRACE(TRC_API, "ldap_first_attribute: ld(%p) entry(%p) ber(%p)\n", static_cast<void *>(ld),
                static_cast<void *>(entry), static_cast<void *>(ber));
-    zldap::OperationGuard op(ld);
+    zldap::OperationGuard op(ld, zldap::OnEntry::reset_error);
     if (!op.admitted())
         return nullptr;
-    ldap_set_error_direct(ld, LDAP_SUCCESS, nullptr, nullptr);
     if (!entry || !ber || !entry->msg_ber)
         return ldap_fail_returning(ld, LDAP_PARAM_ERROR, nullptr);
     // The cursor shares the entry's buffer and never owns it.
@@ -132,10 +130,9 @@ char *ldap_next_attribute(LDAP *ld, LDAPMessage *entry, BerElement *ber)
 {
     LDAP_TRACE(TRC_API, "ldap_next_attribute: ld(%p) entry(%p) ber(%p)\n", static_cast<void *>(ld),
                static_cast<void *>(entry), static_cast<void *>(ber));
-    zldap::OperationGuard op(ld);
+    zldap::OperationGuard op(ld, zldap::OnEntry::reset_error);
     if (!op.admitted())
         return nullptr;
-    ldap_set_error_direct(ld, LDAP_SUCCESS, nullptr, nullptr);
     if (!entry || !ber)
         return ldap_fail_returning(ld, LDAP_PARAM_ERROR, nullptr);
     return read_attribute_name(ld, ber);
@@ -145,10 +142,9 @@ int ldap_count_attributes(LDAP *ld, LDAPMessage *entry)
 {
     LDAP_TRACE(TRC_API, "ldap_count_attributes, ld(%p), entry(%p)\n", static_cast<void *>(ld),
                static_cast<void *>(entry));
-    zldap::OperationGuard op(ld);
+    zldap::OperationGuard op(ld, zldap::OnEntry::reset_error);
     if (!op.admitted())
         return -1;
-    ldap_set_error_direct(ld, LDAP_SUCCESS, nullptr, nullptr);
     if (!entry || !entry->msg_ber)
         return ldap_fail_returning(ld, LDAP_PARAM_ERROR, 0);
     BerElement reader = *entry->msg_ber;

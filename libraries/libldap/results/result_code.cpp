@@ -78,7 +78,7 @@ int ldap_result2error(LDAP *ld, LDAPMessage *res, int freeit)
         LDAP_TRACE(TRC_API, "ldap_result2error:  errno=%d\n", code);
         return code == 0 ? LDAP_PARAM_ERROR : code;
     }
-    zldap::OperationGuard op(ld);
+    zldap::OperationGuard op(ld, zldap::OnEntry::keep_error);
     if (!op.admitted())
         return LDAP_PARAM_ERROR;
     return ldap_result2error_direct(ld, res, freeit);

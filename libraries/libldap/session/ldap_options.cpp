@@ -417,7 +417,7 @@ int with_option_lock(LDAP *ld, zldap::FunctionRef<int(LDAP *)> call)
     }
     // A real handle is held inside the guard so that an unbind cannot
     // release it under the call.
-    zldap::OperationGuard hold(ld, ld != &g_defaults);
+    zldap::OperationGuard hold(ld, zldap::OnEntry::keep_error, ld != &g_defaults);
     if (!hold.admitted())
         return hold.code();
     LDAP_MUTEX_GUARD(guard, &ld->ld_mutex);
