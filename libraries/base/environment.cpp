@@ -5,6 +5,7 @@
 
 #include "base/memory.h"
 #include "base/trace.h"
+#include "zor8ldap.h"
 
 #include <atomic>
 #include <cctype>
@@ -157,7 +158,7 @@ int ldap_change_env_var(int mode, const char *name, char separator, const char *
 {
     LDAP_TRACE(TRC_API, "ldap_change_env_var: env=%s\n", trace_str(name, "NULL"));
     if (!name || !*name || !value || !*value)
-        return 89;
+        return LDAP_PARAM_ERROR;
 
     char *current = ldap_getenv(name);
     if (current && ldap_env_list_contains(current, value, separator)) {
@@ -169,7 +170,7 @@ int ldap_change_env_var(int mode, const char *name, char separator, const char *
     auto *kept = static_cast<KeptText *>(zldap::mem_malloc(offsetof(KeptText, text) + size));
     if (!kept) {
         zldap::mem_free(current);
-        return 90;
+        return LDAP_NO_MEMORY;
     }
     char *text = kept->text;
     if (!has_current)
@@ -181,7 +182,7 @@ int ldap_change_env_var(int mode, const char *name, char separator, const char *
     zldap::mem_free(current);
     if (ldap_putenv(text) != 0) {
         zldap::mem_free(kept);
-        return 89;
+        return LDAP_PARAM_ERROR;
     }
     keep_for_process(kept);
     return 0;

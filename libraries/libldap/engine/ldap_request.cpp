@@ -56,7 +56,7 @@ int flush_element(LDAP *ld, LDAPConn *lc, BerElement *ber, const struct timeval 
         int rc = fber_flush_nb(&lc->lconn_sb, ber);
         if (rc == 0)
             return LDAP_SUCCESS;
-        if (rc != -11)
+        if (rc != -LBER_WOULD_BLOCK)
             return fail_server_down(ld, lc);
     }
 }

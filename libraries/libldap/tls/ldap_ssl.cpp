@@ -5,6 +5,7 @@
 #include "base/memory.h"
 #include "base/trace.h"
 #include "core/ldap_error.h"
+#include "net/zorlib.h"
 
 #include <cstring>
 
@@ -58,7 +59,7 @@ int set_ssl_cipher(LDAP *ld, const char *text)
     }
     if (checkCiphers(candidate) != LDAP_SUCCESS) {
         ldap_set_error_direct(ld, LDAP_SECURE_BAD_PARAM, nullptr, nullptr);
-        ldap_set_ext_error_direct(ld, 422);
+        ldap_set_ext_error_direct(ld, ZOR_ERR_BAD_V3_CIPHER);
         return LDAP_SECURE_BAD_PARAM;
     }
     return text ? replace_text(ld, &ld->ld_ssl_cipher, text) : LDAP_SUCCESS;
