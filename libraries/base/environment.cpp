@@ -15,7 +15,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <pthread.h>
-#include <string>
 
 #define LDAP_MODULE "libraries/libldap/environment"
 
@@ -32,12 +31,15 @@ void make_syscall_mutex()
 }
 
 // Upper case, backslashes as slashes: the form both sides are compared in.
-std::string fold_element_text(const char *text)
+char fold(char c) { return (c == '\\') ? '/' : static_cast<char>(std::toupper(static_cast<unsigned char>(c))); }
+
+// Whether text starts with word, both compared folded.
+bool starts_with_folded(const char *text, const char *word)
 {
-    std::string folded(text);
-    for (char &c : folded)
-        c = (c == '\\') ? '/' : static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
-    return folded;
+    for (; *word; text++, word++)
+        if (*text == '\0' || fold(*text) != fold(*word))
+            return false;
+    return true;
 }
 
 // Texts handed to putenv belong to the environment for the rest of the
@@ -140,15 +142,16 @@ bool ldap_env_list_contains(const char *list, const char *value, char separator)
 {
     if (!list || !value || !*value)
         return false;
-    std::string haystack = fold_element_text(list);
-    std::string needle = fold_element_text(value);
-    char sep = (separator == '\\') ? '/' : static_cast<char>(std::toupper(static_cast<unsigned char>(separator)));
-    for (size_t at = haystack.find(needle); at != std::string::npos; at = haystack.find(needle, at + 1)) {
-        size_t after = at + needle.size();
-        char next = after < haystack.size() ? haystack[after] : '\0';
+    // Compared in place, character by character: no copy, so nothing to fail.
+    size_t length = std::strlen(value);
+    char sep = fold(separator);
+    for (const char *at = list; *at; at++) {
+        if (!starts_with_folded(at, value))
+            continue;
+        char next = fold(at[length]);
         if (next != '\0' && next != sep && !std::isspace(static_cast<unsigned char>(next)))
             return false; // the first occurrence that runs on decides: absent
-        if (at == 0 || haystack[at - 1] == sep)
+        if (at == list || fold(at[-1]) == sep)
             return true;
     }
     return false;
