@@ -8,6 +8,7 @@
 #include "core/ldap_error.h"
 #include "core/ldap_init_guard.h"
 #include "engine/ldap_receive.h"
+#include "engine/ldap_referrals.h"
 #include "session/ldap_options.h"
 
 #define LDAP_MODULE "libraries/libldap/ldap_result"
@@ -52,13 +53,6 @@ struct timeval elapsed_since(const struct timeval &start, const struct timeval &
 }
 
 } // namespace
-
-int look_for_referrals(LDAP *, LDAPMessage *msg, LDAPMessage **out, const struct timeval *, int *error, int)
-{
-    *out = msg;
-    *error = 0;
-    return msg->msg_type;
-}
 
 int ldap_return_one_msg(LDAP *ld, int id, const struct timeval *timeout, LDAPMessage **out,
                         ldap_msg_table *table, int *error, int chase, int hop_limit)
