@@ -15,6 +15,16 @@ void ldap_perror(LDAP *ld, const char *prefix);
 
 // Unguarded forms for callers already inside an operation.
 int ldap_set_error_direct(LDAP *ld, int code, const char *matched, const char *text);
+// Records code, with no texts, as the thread's error and returns it: the
+// failure paths that return the code they record.
+int ldap_fail(LDAP *ld, int code);
+// Records code the same way and returns result, for the failure paths that
+// return -1, NULL or false and leave the reason in the thread's error.
+template <class T> T ldap_fail_returning(LDAP *ld, int code, T result)
+{
+    ldap_fail(ld, code);
+    return result;
+}
 int ldap_get_errno_direct(LDAP *ld);
 int ldap_get_error_direct(LDAP *ld, char **matched, char **text);
 int ldap_set_ext_error_direct(LDAP *ld, int reason);

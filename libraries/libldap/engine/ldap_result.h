@@ -18,9 +18,4 @@ int ldap_return_one_msg(LDAP *ld, int id, const struct timeval *timeout, LDAPMes
 int ldap_return_all_msgs(LDAP *ld, int id, const struct timeval *timeout, LDAPMessage **out,
                          ldap_msg_table *table, int *error, int chase, int hop_limit);
 
-// Follows the referrals a message carries; hands the message back as it is
-// when it carries none. Type of *out, or -1 when following failed.
-int look_for_referrals(LDAP *ld, LDAPMessage *msg, LDAPMessage **out, const struct timeval *timeout,
-                       int *error, int hop_limit);
-
 #endif
