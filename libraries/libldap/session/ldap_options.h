@@ -4,9 +4,7 @@
 #define ZLDAP_LDAP_OPTIONS_H
 
 #include "core/ldap_session.h"
-
-int ldap_set_option(LDAP *ld, int option, const void *invalue);
-int ldap_get_option(LDAP *ld, int option, void *outvalue);
+#include "zor8ldap_api.h"
 
 // Unlocked forms for callers that hold ld_mutex. The set form takes the
 // value itself: a pointer for strings, arrays, records and functions, the
