@@ -3,15 +3,7 @@
 #define ZLDAP_LDAP_ERROR_H
 
 #include "core/ldap_session.h"
-
-char *ldap_err2string(int err);
-char *ldap_pwdpolicy_err2string(int err);
-
-int ldap_get_errno(LDAP *ld);
-int ldap_get_error(LDAP *ld, char **matched, char **text);
-int ldap_set_error(LDAP *ld, int code, const char *matched, const char *text);
-int ldap_get_ext_error(LDAP *ld);
-void ldap_perror(LDAP *ld, const char *prefix);
+#include "zor8ldap_api.h"
 
 // Unguarded forms for callers already inside an operation.
 int ldap_set_error_direct(LDAP *ld, int code, const char *matched, const char *text);

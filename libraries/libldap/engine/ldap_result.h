@@ -4,11 +4,12 @@
 #define ZLDAP_LDAP_RESULT_H
 
 #include "message/ldap_table.h"
+#include "zor8ldap_api.h"
 
 #include <sys/time.h>
 
-// Type of the (last) message handed out, 0 on time-out, -1 on error.
-int ldap_result(LDAP *ld, int msgid, int all, struct timeval *timeout, LDAPMessage **result);
+// ldap_result (declared in zor8ldap_api.h) without the operation guard,
+// for callers already inside it; a time-out is not recorded as the error.
 int ldap_result_int(LDAP *ld, int msgid, int all, const struct timeval *timeout, LDAPMessage **result);
 
 // `error` is the slot referral chasing reports in; `chase` and `hop_limit`

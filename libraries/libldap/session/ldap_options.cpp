@@ -458,8 +458,10 @@ int ldap_get_version(ldap_version_record *record)
         record->protocol_version = 300;
         record->ssl_version = 300;
         record->security_level = 128;
-        std::strncpy(record->build_id, "zor8ldap 6.3.1 (C++20, Linux x86_64)", sizeof record->build_id - 1);
-        record->build_date = __DATE__;
+        std::strncpy(record->build_id, "zor8ldap " ZLDAP_VERSION_TEXT " (C++20, Linux x86_64)",
+                     sizeof record->build_id - 1);
+        // No date, so that two builds of the same sources are the same bytes.
+        record->build_date = "";
     }
     return LDAP_LIBRARY_VERSION;
 }
