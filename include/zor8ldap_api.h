@@ -208,6 +208,22 @@ void ldap_free_urldesc(LDAPURLDesc *ludp);
 /* 1 when the string starts like an LDAP URL, else 0. */
 int ldap_is_ldap_url(const char *url);
 
+/* ------------------------------------------------------------------ */
+/* Distinguished names (release arrays with ldap_value_free, strings  */
+/* with ldap_memfree)                                                  */
+/* ------------------------------------------------------------------ */
+
+/* The escaped values only, RDNs joined by commas; a text without "=" and
+ * "," comes back as a copy. NULL for NULL, a malformed or an empty DN. */
+char *ldap_dn2ufn(const char *dn);
+/* One string per RDN (values escaped); a text without "=" and "," is split
+ * as a DNS or mail name. NULL for a malformed or empty DN. */
+char **ldap_explode_dn(const char *dn, int notypes);
+/* One string per pair of the first RDN, values as parsed (not escaped). */
+char **ldap_explode_rdn(const char *dn, int notypes);
+/* The pieces between "@" and "." characters, empty ones dropped. */
+char **ldap_split_dns_name(const char *name);
+
 #ifdef __cplusplus
 }
 #endif
