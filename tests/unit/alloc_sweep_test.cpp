@@ -71,43 +71,13 @@ void PageControlBuild(const std::function<void(const AllocFaultScenario &)> &swe
     }, LDAP_NO_MEMORY);
 }
 
-void VlvControlBuild(const std::function<void(const AllocFaultScenario &)> &sweep)
-{
-    WithHandle(sweep, [](LDAP *ld) {
-        struct berval context = {2, const_cast<char *>("c1")};
-        LDAPVLVInfo info = {1, 0, 9, 1, 0, nullptr, &context};
-        return BuildAndFree([&](LDAPControl **c) { return ldap_create_vlv_control(ld, &info, c); });
-    }, LDAP_NO_MEMORY, {LDAP_ENCODING_ERROR});
-}
-
 // The filter encoder reports its own lack of memory as a bad filter.
 void AssertionControlBuild(const std::function<void(const AllocFaultScenario &)> &sweep)
 {
     WithHandle(sweep, [](LDAP *ld) {
-        return BuildAndFree([&](LDAPControl **c) { return ldap_create_assertion_control(ld, "(&(cn=a*b)(sn=x))", 1, c); });
+        return BuildAndFree(
+            [&](LDAPControl **c) { return ldap_create_assertion_control(ld, "(&(cn=a*b)(sn=x))", 1, c); });
     }, LDAP_NO_MEMORY, {LDAP_FILTER_ERROR, LDAP_ENCODING_ERROR});
-}
-
-void GroupControlFromList(const std::function<void(const AllocFaultScenario &)> &sweep)
-{
-    sweep({[] {
-               char *groups[] = {const_cast<char *>("cn=g1"), const_cast<char *>("cn=g2"), nullptr};
-               return BuildAndFree([&](LDAPControl **c) {
-                   *c = ldap_create_group_control_from_list(groups, 1);
-                   return *c ? LDAP_SUCCESS : LDAP_NO_MEMORY;
-               });
-           },
-           LDAP_NO_MEMORY});
-}
-
-void EndTransactionValue(const std::function<void(const AllocFaultScenario &)> &sweep)
-{
-    sweep({[] {
-               struct berval *value = ldap_create_end_transaction_request("t1", 1);
-               ber_bvfree(value);
-               return value ? LDAP_SUCCESS : LDAP_NO_MEMORY;
-           },
-           LDAP_NO_MEMORY});
 }
 
 // A response list holding one control of oid with these value bytes.
@@ -135,8 +105,9 @@ void PageControlParse(const std::function<void(const AllocFaultScenario &)> &swe
 // The decoder reports its own lack of memory as a decoding failure.
 void LimitNumValuesParse(const std::function<void(const AllocFaultScenario &)> &sweep)
 {
-    LDAPControl **list = ResponseList(
-        "1.3.18.0.2.10.30", "30 1C 04 04 63 6E 3D 65 30 09 04 01 61 02 01 03 02 01 05 30 09 04 01 62 02 01 01 02 01 02");
+    LDAPControl **list = ResponseList("1.3.18.0.2.10.30", "30 1C 04 04 63 6E 3D 65 "
+                                                          "30 09 04 01 61 02 01 03 02 01 05 "
+                                                          "30 09 04 01 62 02 01 01 02 01 02");
     WithHandle(sweep, [list](LDAP *ld) {
         LDAPLimitNumValuesResponse *response = nullptr;
         int rc = ldap_parse_limit_num_values_response(ld, list, &response);
@@ -169,10 +140,7 @@ const SweepRow kRows[] = {
     // ---- codec and protocol pieces rows ----
     {"UrlParse", UrlParse},
     {"PageControlBuild", PageControlBuild},
-    {"VlvControlBuild", VlvControlBuild},
     {"AssertionControlBuild", AssertionControlBuild},
-    {"GroupControlFromList", GroupControlFromList},
-    {"EndTransactionValue", EndTransactionValue},
     {"PageControlParse", PageControlParse},
     {"LimitNumValuesParse", LimitNumValuesParse},
     {"EffectivePwdPolicyParse", EffectivePwdPolicyParse},

@@ -39,8 +39,6 @@ bool keys_have_types(LDAPsortkey **keys)
 
 int build_sort_control(LDAPsortkey **keys, char iscritical, LDAPControl **ctrlp)
 {
-    if (ctrlp)
-        *ctrlp = nullptr;
     if (!keys || !ctrlp || !keys_have_types(keys))
         return LDAP_PARAM_ERROR;
     zldap::BerOwner ber(fber_alloc());
@@ -101,6 +99,8 @@ int parse_sort_control(LDAPControl **ctrls, unsigned long *result, char **attrib
 
 int ldap_create_sort_control(LDAP *ld, LDAPsortkey **keys, char iscritical, LDAPControl **ctrlp)
 {
+    if (ctrlp)
+        *ctrlp = nullptr;
     zldap::OperationGuard op(ld);
     if (!op.admitted())
         return op.code();

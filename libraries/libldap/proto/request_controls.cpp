@@ -106,7 +106,8 @@ int ldap_create_vlv_control(LDAP *ld, LDAPVLVInfo *vlvinfop, LDAPControl **ctrlp
     if (fber_printf(ber.get(), "{ii", vlvinfop->ldvlv_before_count, vlvinfop->ldvlv_after_count) != 0)
         return vlv_failed(1);
     if (target) {
-        if (!fits_int(target) || fber_printf(ber.get(), "to", ber_tag_t{0x81}, bytes_of(target), length_of(target)) != 0)
+        if (!fits_int(target) ||
+            fber_printf(ber.get(), "to", ber_tag_t{0x81}, bytes_of(target), length_of(target)) != 0)
             return vlv_failed(2);
     } else if (fber_printf(ber.get(), "t{ii}", ber_tag_t{0xA0}, vlvinfop->ldvlv_offset, vlvinfop->ldvlv_count) != 0) {
         return vlv_failed(3);

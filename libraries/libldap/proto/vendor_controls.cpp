@@ -9,6 +9,7 @@
 #include "proto/control_codec.h"
 #include "proto/ldap_controls.h"
 
+#include <cstdarg>
 #include <cstring>
 
 namespace {
