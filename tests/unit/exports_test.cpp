@@ -41,17 +41,6 @@ const std::set<std::string> kExported = {
     "zor_ldap_ber_free", "zorldap_loaded_from", "zorldap_Copyright", "zorldap_SCCSInfo",
 };
 
-class SharedObject : public testing::Test {
-protected:
-    void SetUp() override
-    {
-        handle = dlopen(kLibrary, RTLD_NOW | RTLD_LOCAL);
-        ASSERT_NE(handle, nullptr) << dlerror();
-    }
-    void TearDown() override { dlclose(handle); }
-    void *handle = nullptr;
-};
-
 TEST(SymbolTable, ExactlyTheFamilyIsDefinedAtVersionZor8)
 {
     std::string table = CommandOutput(std::string("readelf -W --dyn-syms ") + kLibrary);
@@ -90,8 +79,10 @@ TEST(SymbolTable, SonameRunpathAndVersionNodes)
     EXPECT_TRUE(std::regex_search(versions, std::regex(R"(Index: 2\s+Cnt: 1\s+Name: zor8)")));
 }
 
-TEST_F(SharedObject, OnlyTheZor8VersionsResolveAndReachTheLibrary)
+TEST(SharedObject, OnlyTheZor8VersionsResolveAndReachTheLibrary)
 {
+    void *handle = dlopen(kLibrary, RTLD_NOW | RTLD_LOCAL);
+    ASSERT_NE(handle, nullptr) << dlerror();
     EXPECT_EQ(dlvsym(handle, "zor_ldap_init", "zor7"), nullptr);
     EXPECT_EQ(dlvsym(handle, "zor_ldap_init", "libzor8ldap_64.so"), nullptr);
     EXPECT_NE(dlsym(handle, "zor_ldap_init"), nullptr) << "the default version is zor8";
@@ -115,6 +106,7 @@ TEST_F(SharedObject, OnlyTheZor8VersionsResolveAndReachTheLibrary)
     EXPECT_EQ(set_option(ld, LDAP_OPT_PROTOCOL_VERSION, &four), LDAP_PARAM_ERROR);
     EXPECT_EQ(get_errno(ld), LDAP_PARAM_ERROR);
     EXPECT_EQ(unbind(ld), 0);
+    dlclose(handle);
 }
 
 TEST(LoadedFrom, ReportsTheResolvedFileBehindALink)
