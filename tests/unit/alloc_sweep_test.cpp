@@ -11,10 +11,12 @@
 #include "session/ldap_init.h"
 #include "session/ldap_options.h"
 #include "session/ldap_unbind.h"
+#include "test_util.h"
 
 #include <gtest/gtest.h>
 
 #include <functional>
+#include <optional>
 #include <string>
 
 namespace {
@@ -54,8 +56,11 @@ void InitAndOpen(const Sweep &sweep)
         sweep({[host] { LDAP *ld = ldap_init(host, 0); return ld ? Unbound(ld, 0) : LDAP_NO_MEMORY; }, LDAP_NO_MEMORY});
     zldap_test::LoopbackListener listener(AF_INET, 256);
     auto drain = [&] { listener.Drain(); };
-    sweep({[&] { LDAP *ld = ldap_open("127.0.0.1", listener.port()); return ld ? Unbound(ld, 0) : LDAP_NO_MEMORY; },
-           LDAP_NO_MEMORY, drain});
+    for (const char *version : {"3", static_cast<const char *>(nullptr)}) {
+        zldap_test::ScopedEnv env("LDAP_VERSION", version ? std::optional<std::string>(version) : std::nullopt);
+        sweep({[&] { LDAP *ld = ldap_open("127.0.0.1", listener.port()); return ld ? Unbound(ld, 0) : LDAP_NO_MEMORY; },
+               LDAP_NO_MEMORY, drain});
+    }
     // A connection comes with 0, and only then.
     sweep({[&] {
                LDAP *ld = ldap_init("127.0.0.1", 389);
@@ -92,6 +97,16 @@ void OptionCopies(const Sweep &sweep)
                // a text that can't be copied out is refused with 89
                [option](int rc) { return option == LDAP_OPT_CIPHER_SPECS_TLS12 && rc == LDAP_PARAM_ERROR; }});
     }
+    sweep({[ld] {
+               LDAPAPIInfo info{1};
+               int rc = ldap_get_option(ld, LDAP_OPT_API_INFO, &info);
+               EXPECT_EQ(rc == 0, info.ldapai_vendor_name != nullptr);
+               zldap::mem_free(info.ldapai_extensions ? info.ldapai_extensions[0] : nullptr);
+               zldap::mem_free(info.ldapai_extensions);
+               zldap::mem_free(info.ldapai_vendor_name);
+               return rc;
+           },
+           LDAP_NO_MEMORY, usable});
     ldap_unbind(ld);
 }
 

@@ -26,6 +26,8 @@ TEST(Environment, CopiesAndPresence)
     EXPECT_EQ(ldap_getenv("ZLDAP_TEST_VAR"), nullptr);
     EXPECT_EQ(ldap_chkenv("ZLDAP_TEST_VAR"), 0);
     EXPECT_EQ(ldap_getenv(""), nullptr);
+    EXPECT_EQ(ldap_getenv(nullptr), nullptr);
+    EXPECT_EQ(ldap_chkenv(nullptr), 0);
     EXPECT_EQ(ldap_putenv(nullptr), 0);
 }
 

@@ -16,6 +16,7 @@
 #include "session/ldap_init.h"
 #include "session/ldap_options.h"
 #include "session/ldap_unbind.h"
+#include "test_util.h"
 
 #include <gtest/gtest.h>
 
@@ -140,8 +141,11 @@ long Expected(const Row &row, bool null_handle)
     return null_handle && row.for_null != Row::kSameAnswer ? row.for_null : row.refused;
 }
 
+// Every test runs with every trace line on: formatting a refused call's
+// trace lines must not touch the handle either.
 TEST(GuardSweep, NullHandle)
 {
+    zldap_test::TraceCapture trace(0xFFFF);
     EntryMessage entry(nullptr);
     for (const Row &row : kRows)
         EXPECT_EQ(row.run(nullptr, &entry.msg), Expected(row, true)) << row.call;
@@ -154,6 +158,7 @@ TEST(GuardSweep, ForeignMemory)
     std::memcpy(foreign, "LDAP HDl", 8);
     unsigned char before[sizeof foreign];
     std::memcpy(before, foreign, sizeof foreign);
+    zldap_test::TraceCapture trace(0xFFFF);
     LDAP *ld = reinterpret_cast<LDAP *>(foreign);
     EntryMessage entry(ld);
     for (const Row &row : kRows) {
@@ -170,6 +175,7 @@ TEST(GuardSweep, HandleWhoseUnbindHasStarted)
     zldap_test::RefusedPort refused;
     LDAP *ld = ldap_init("127.0.0.1", refused.port());
     EntryMessage entry(ld);
+    zldap_test::TraceCapture trace(0xFFFF);
     auto set_closing = [ld](uint32_t closing) {
         pthread_mutex_lock(&ld->ld_mutex);
         ld->ld_unbind_started = closing;

@@ -7,6 +7,7 @@
 #include "session/ldap_unbind.h"
 #include "base/memory.h"
 #include "base/trace.h"
+#include "test_util.h"
 
 #include <gtest/gtest.h>
 
@@ -19,6 +20,7 @@ void *AsValue(intptr_t n) { return reinterpret_cast<void *>(n); }
 class Options : public testing::Test {
 protected:
     void TearDown() override { EXPECT_EQ(ldap_unbind(ld), 0); }
+    zldap_test::TraceCapture trace{0xFFFF}; // option calls format their trace lines
     int GetInt(int option)
     {
         int value = -12345;
@@ -65,8 +67,9 @@ TEST_F(Options, IntegerOptionsInOrder)
         EXPECT_TRUE(rc != 0 || GetInt(r.option) == r.value);
     }
     uint32_t saved = zldap::trace_level();
-    EXPECT_EQ(SetInt(LDAP_OPT_TRACE_LEVEL, 0xFFFF), 0);
-    EXPECT_EQ(zldap::trace_level(), 0xFFFFu) << "the process's level";
+    EXPECT_EQ(SetInt(LDAP_OPT_TRACE_LEVEL, 0x8001), 0);
+    EXPECT_EQ(zldap::trace_level(), 0x8001u) << "the process's level";
+    EXPECT_EQ(GetInt(LDAP_OPT_TRACE_LEVEL), 0x8001);
     zldap::set_trace_level(saved);
     // Read-only and unknown options, and a missing value or output.
     for (int option : {10, 11, 20, 21, 48, 49, 50, 51, 55, 56, 57, 64, 65, 66, 69, 12, 99, -1, 1000})
@@ -88,6 +91,16 @@ TEST_F(Options, RecordsAndTextsHandedOut)
     ASSERT_EQ(ldap_get_option(ld, LDAP_OPT_HOST_NAME, &text), 0);
     EXPECT_STREQ(text, "alpha beta:1389");
     zldap::mem_free(text);
+    ldap_set_error_direct(ld, LDAP_INSUFFICIENT_ACCESS, nullptr, "no access");
+    ldap_set_ext_error_direct(ld, 422);
+    ASSERT_EQ(ldap_get_option(ld, LDAP_OPT_ERROR_STRING, &text), 0);
+    EXPECT_STREQ(text, "no access");
+    zldap::mem_free(text);
+    EXPECT_EQ(GetInt(LDAP_OPT_SECURE_REASON), 422);
+    LDAP_REBIND_PROC proc = [](LDAP *, char **, char **, int *, int) { return 0; }, out = nullptr;
+    ASSERT_EQ(ldap_set_option(ld, LDAP_OPT_REBIND_PROC, reinterpret_cast<void *>(proc)), 0);
+    ASSERT_EQ(ldap_get_option(ld, LDAP_OPT_REBIND_PROC, &out), 0);
+    EXPECT_EQ(out, proc);
     // The info records need info version 1, which a refusal writes back.
     LDAPAPIInfo info{};
     EXPECT_EQ(ldap_get_option(ld, LDAP_OPT_API_INFO, &info), LDAP_PARAM_ERROR);
@@ -158,6 +171,9 @@ TEST(GlobalDefaults, StayApartFromHandles)
     ldap_unbind(ld);
     EXPECT_EQ(ldap_set_option(nullptr, LDAP_OPT_PROTOCOL_VERSION, &fifty), LDAP_PARAM_ERROR);
     ldap_set_option(nullptr, LDAP_OPT_SIZELIMIT, &zero);
+    ldap_version_record record;
+    EXPECT_EQ(ldap_get_version(&record), 631);
+    EXPECT_EQ(record.sdk_version, 631);
     EXPECT_EQ(ldap_get_version(nullptr), 631);
 }
 

@@ -107,6 +107,10 @@ TEST(Sockbuf, MalformedFramesAreRefused)
         pair.Send(bytes);
         EXPECT_EQ(pair.Next(), LBER_DEFAULT) << what;
     }
+    int state = 0;
+    EXPECT_EQ(fber_get_next_nb(nullptr, nullptr, &state), LBER_DEFAULT);
+    EXPECT_EQ(fber_flush_nb(nullptr, nullptr), -1);
+    EXPECT_EQ(fber_select(nullptr, nullptr), -1);
 }
 
 TEST_F(SocketPair, ALargeFlushResumesAfterTheSocketFills)
@@ -170,6 +174,7 @@ int FakeRead(zor_handle, char *buffer, int, int *count)
     *count = buffer ? 0 : g_held;
     return buffer ? g_rc : 0;
 }
+const char *FakeText(int) { return "fake reason"; }
 int FakeWrite(zor_handle, const char *, int length, int *count)
 {
     *count = g_rc ? 0 : length;
@@ -181,13 +186,16 @@ TEST(Sockbuf, SecureRecordsGoThroughTheToolkit)
     zorlib_entry_points saved = g_zorlib;
     g_zorlib.secure_soc_read = FakeRead;
     g_zorlib.secure_soc_write = FakeWrite;
+    g_zorlib.strerror = FakeText;
+    zldap_test::TraceCapture trace(0xFFFF);
     zor_secure_record record{};
     Sockbuf secure{-1, &record}; // the socket itself is never asked
     char buf[4];
     const struct timeval zero {0, 0};
     const struct {
         int rc, read, would_block, written, held, readable;
-    } rows[] = {{ZOR_WOULD_BLOCK, 0, LBER_WOULD_BLOCK, -11, 0, 0}, {ZOR_ERR_READ_FAILED, -1, 0, -1, 12, 1}, {0, 0, 0, 3, 1, 1}};
+    } rows[] = {{ZOR_WOULD_BLOCK, 0, LBER_WOULD_BLOCK, -11, 0, 0}, {ZOR_ERR_READ_FAILED, -1, 0, -1, 12, 1}, {420, -1, 0, -1, 0, 0},
+                {0, 0, 0, 3, 1, 1}};
     for (const auto &r : rows) {
         g_rc = r.rc;
         g_held = r.held;
