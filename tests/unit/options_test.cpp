@@ -44,7 +44,7 @@ TEST_F(Options, IntegerOptionsInOrder)
     } rows[] = {
         {Get, LDAP_OPT_SIZELIMIT, 0, 0}, {Get, LDAP_OPT_REFERRALS, 1, 0}, {Get, LDAP_OPT_RESTART, 0, 0},
         {Get, LDAP_OPT_HOP_LIMIT, 10, 0}, {Get, LDAP_OPT_PROTOCOL_VERSION, 3, 0}, {Get, LDAP_OPT_NO_TRANSLATION, 1, 0},
-        {Get, LDAP_OPT_GSS_RESULT, 0, 0}, {Get, LDAP_OPT_ERROR_NUMBER, 0, 0},
+        {Get, LDAP_OPT_GSS_RESULT, 0, 0}, {Get, LDAP_OPT_ERROR_NUMBER, 0, 0}, {Get, LDAP_OPT_SECURE_REASON, 0, 0},
         {Ptr, LDAP_OPT_SIZELIMIT, 50, 0}, {Ptr, LDAP_OPT_TIMELIMIT, 30, 0}, {Ptr, LDAP_OPT_DEREF, 3, 0},
         {Ptr, LDAP_OPT_RESTART, 1, 0}, {Ptr, LDAP_OPT_HOP_LIMIT, 0, 0}, {Ptr, LDAP_OPT_HOP_LIMIT_ALT, 7, 0},
         {Get, LDAP_OPT_HOP_LIMIT, 7, 0}, // options 5 and 53 share one field
@@ -82,25 +82,49 @@ TEST_F(Options, IntegerOptionsInOrder)
     EXPECT_EQ(text, nullptr);
 }
 
-TEST_F(Options, RecordsAndTextsHandedOut)
+// Texts are copied in and out; gets that have nothing to copy are refused.
+TEST_F(Options, TextsRecordsAndControlsAreCopies)
 {
-    int value = 77; // a plain connection leaves the caller's integer alone
-    EXPECT_EQ(ldap_get_option(ld, LDAP_OPT_SECURE_IN_USE, &value), 0);
-    EXPECT_EQ(value, 77);
-    char *text = nullptr;
-    ASSERT_EQ(ldap_get_option(ld, LDAP_OPT_HOST_NAME, &text), 0);
-    EXPECT_STREQ(text, "alpha beta:1389");
-    zldap::mem_free(text);
     ldap_set_error_direct(ld, LDAP_INSUFFICIENT_ACCESS, nullptr, "no access");
-    ldap_set_ext_error_direct(ld, 422);
-    ASSERT_EQ(ldap_get_option(ld, LDAP_OPT_ERROR_STRING, &text), 0);
-    EXPECT_STREQ(text, "no access");
-    zldap::mem_free(text);
-    EXPECT_EQ(GetInt(LDAP_OPT_SECURE_REASON), 422);
-    LDAP_REBIND_PROC proc = [](LDAP *, char **, char **, int *, int) { return 0; }, out = nullptr;
+    const char *const kGetOnly = "";
+    const struct {
+        int option;
+        const char *set;
+        int set_rc, get_rc;
+        const char *got;
+    } texts[] = {
+        {LDAP_OPT_HOST_NAME, kGetOnly, 0, 0, "alpha beta:1389"}, {LDAP_OPT_ERROR_STRING, kGetOnly, 0, 0, "no access"},
+        {LDAP_OPT_CIPHER_SPECS, nullptr, LDAP_NO_MEMORY, LDAP_PARAM_ERROR, nullptr}, // no list to re-check
+        {LDAP_OPT_CIPHER_SPECS, "352F0A", 0, 0, "352F0A"},
+        {LDAP_OPT_CIPHER_SPECS, nullptr, 0, 0, "352F0A"}, // re-checks the current list
+        {LDAP_OPT_CIPHER_SPECS_TLS12, "TLS_AES_128_GCM_SHA256", 0, 0, "TLS_AES_128_GCM_SHA256"},
+        {LDAP_OPT_CIPHER_SPECS_TLS12, nullptr, 0, LDAP_PARAM_ERROR, nullptr},
+        {LDAP_OPT_SECURE_PROTOCOLS, "TLSV12", 0, LDAP_PARAM_ERROR, nullptr},
+    };
+    for (const auto &t : texts) {
+        char *text = nullptr;
+        EXPECT_EQ(t.set == kGetOnly ? 0 : ldap_set_option(ld, t.option, t.set), t.set_rc) << t.option;
+        EXPECT_EQ(ldap_get_option(ld, t.option, &text), t.get_rc) << t.option;
+        EXPECT_STREQ(text, t.got);
+        zldap::mem_free(text);
+    }
+    EXPECT_STREQ(ld->ld_ssl_protocols, "TLSV12");
+    struct timeval tv {5, 250000}, *out = nullptr;
+    ASSERT_EQ(ldap_set_option(ld, LDAP_OPT_CONNECT_TIMEOUT, &tv), 0);
+    tv.tv_sec = 99;
+    ASSERT_EQ(ldap_get_option(ld, LDAP_OPT_CONNECT_TIMEOUT, &out), 0);
+    EXPECT_TRUE(out && out->tv_sec == 5 && out->tv_usec == 250000);
+    zldap::mem_free(out);
+    ASSERT_EQ(ldap_set_option(ld, LDAP_OPT_CONNECT_TIMEOUT, nullptr), 0);
+    ASSERT_EQ(ldap_get_option(ld, LDAP_OPT_CONNECT_TIMEOUT, &out), 0);
+    EXPECT_EQ(out, nullptr);
+    LDAP_REBIND_PROC proc = [](LDAP *, char **, char **, int *, int) { return 0; }, got = nullptr;
     ASSERT_EQ(ldap_set_option(ld, LDAP_OPT_REBIND_PROC, reinterpret_cast<void *>(proc)), 0);
-    ASSERT_EQ(ldap_get_option(ld, LDAP_OPT_REBIND_PROC, &out), 0);
-    EXPECT_EQ(out, proc);
+    ASSERT_EQ(ldap_get_option(ld, LDAP_OPT_REBIND_PROC, &got), 0);
+    EXPECT_EQ(got, proc);
+    int untouched = 77; // a plain connection leaves the caller's integer alone
+    EXPECT_EQ(ldap_get_option(ld, LDAP_OPT_SECURE_IN_USE, &untouched), 0);
+    EXPECT_EQ(untouched, 77);
     // The info records need info version 1, which a refusal writes back.
     LDAPAPIInfo info{};
     EXPECT_EQ(ldap_get_option(ld, LDAP_OPT_API_INFO, &info), LDAP_PARAM_ERROR);
@@ -113,32 +137,6 @@ TEST_F(Options, RecordsAndTextsHandedOut)
     EXPECT_EQ(ldap_get_option(ld, LDAP_OPT_API_FEATURE_INFO, &feature), LDAP_PARAM_ERROR);
     ASSERT_EQ(ldap_get_option(ld, LDAP_OPT_API_FEATURE_INFO, &feature), 0);
     EXPECT_EQ(feature.ldapaif_version, 1000);
-}
-
-TEST_F(Options, CopiesAreStoredAndCleared)
-{
-    struct timeval tv {5, 250000}, *out = nullptr;
-    ASSERT_EQ(ldap_set_option(ld, LDAP_OPT_CONNECT_TIMEOUT, &tv), 0);
-    tv.tv_sec = 99;
-    ASSERT_EQ(ldap_get_option(ld, LDAP_OPT_CONNECT_TIMEOUT, &out), 0);
-    EXPECT_TRUE(out && out->tv_sec == 5 && out->tv_usec == 250000);
-    zldap::mem_free(out);
-    ASSERT_EQ(ldap_set_option(ld, LDAP_OPT_CONNECT_TIMEOUT, nullptr), 0);
-    ASSERT_EQ(ldap_get_option(ld, LDAP_OPT_CONNECT_TIMEOUT, &out), 0);
-    EXPECT_EQ(out, nullptr);
-    char *text = nullptr;
-    EXPECT_EQ(ldap_set_option(ld, LDAP_OPT_CIPHER_SPECS, nullptr), LDAP_NO_MEMORY) << "no list to re-check";
-    ASSERT_EQ(ldap_set_option(ld, LDAP_OPT_CIPHER_SPECS, "352F0A"), 0);
-    ASSERT_EQ(ldap_set_option(ld, LDAP_OPT_CIPHER_SPECS, nullptr), 0) << "re-checks the current list";
-    ASSERT_EQ(ldap_get_option(ld, LDAP_OPT_CIPHER_SPECS, &text), 0);
-    EXPECT_STREQ(text, "352F0A");
-    zldap::mem_free(text);
-    ASSERT_EQ(ldap_set_option(ld, LDAP_OPT_CIPHER_SPECS_TLS12, "TLS_AES_128_GCM_SHA256"), 0);
-    ASSERT_EQ(ldap_get_option(ld, LDAP_OPT_CIPHER_SPECS_TLS12, &text), 0);
-    EXPECT_STREQ(text, "TLS_AES_128_GCM_SHA256");
-    zldap::mem_free(text);
-    ASSERT_EQ(ldap_set_option(ld, LDAP_OPT_CIPHER_SPECS_TLS12, nullptr), 0);
-    EXPECT_EQ(ldap_get_option(ld, LDAP_OPT_CIPHER_SPECS_TLS12, &text), LDAP_PARAM_ERROR);
 
     char value[4] = {'a', 'b', '\0', 'c'};
     LDAPControl plain{const_cast<char *>("1.2.3"), {0, nullptr}, 0}, critical{const_cast<char *>("1.2.4"), {4, value}, 1};
