@@ -1,7 +1,7 @@
 // Every public function that takes a handle, called with a NULL handle, with
-// memory that is not a handle, and with a handle whose unbind is waiting for
-// an operation: each gives its documented answer and leaves the handle as it
-// found it (nothing counted in, no error recorded, the handle lock free).
+// memory that is not a handle, and with a handle whose unbind has started:
+// each gives its documented answer and leaves the handle as it found it
+// (nothing counted in, no error recorded, the handle lock free).
 #include "ber/lber.h"
 #include "core/ldap_error.h"
 #include "core/ldap_init_guard.h"
