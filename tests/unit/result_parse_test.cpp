@@ -130,8 +130,6 @@ const ResultRow kResultRows[] = {
      nullptr},
     {"TextPastTheOperation", Hex("65 07 0A 01 00 04 00 04 02 61 62"), LDAP_DECODING_ERROR, 0, nullptr, nullptr,
      {}, nullptr},
-    {"CodeTooLong", Hex("65 0F 0A 09 01 00 00 00 00 00 00 00 00 04 00 04 00"), LDAP_DECODING_ERROR, 0, nullptr,
-     nullptr, {}, nullptr},
     {"ReferralUrlPastItsList", Op(0x65, 10, "", "", Hex("A3 04 04 05 61 62")), LDAP_DECODING_ERROR, 0, nullptr,
      nullptr, {}, nullptr},
     {"CriticalityAfterValue",
@@ -182,38 +180,27 @@ TEST_P(ParseResultRows, HandsOutEveryPartOrNone)
 INSTANTIATE_TEST_SUITE_P(Responses, ParseResultRows, testing::ValuesIn(kResultRows),
                          [](const testing::TestParamInfo<ResultRow> &info) { return std::string(info.param.name); });
 
-TEST_F(Parse, TheResultAfterEntriesIsRead)
+TEST_F(Parse, TheChainIsWalkedToItsResult)
 {
+    TraceCapture trace(0xFFFF);
     Bytes entry = Tlv(0x64, Concat(Octets("cn=a"), Tlv(0x30, {})));
     LDAPMessage *res = File({entry, Tlv(0x73, Octets("ldap://r/")), entry, Op(0x65, 4, "", "limit")});
+    res->msg_flags |= LDAP_MSGFLAG_ALONE; // handed out alone: a chain of one, without a result
+    char *text = reinterpret_cast<char *>(1);
+    EXPECT_EQ(ldap_parse_result(ld, res, nullptr, nullptr, &text, nullptr, nullptr, 0), LDAP_OPERATIONS_ERROR);
+    EXPECT_EQ(text, nullptr);
+    EXPECT_EQ(ldap_parse_result(ld, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, 1), LDAP_OPERATIONS_ERROR);
+    EXPECT_NE(trace.text().find("ldap_parse_result: NULLMSG passed"), std::string::npos);
+    EXPECT_EQ(ldap_parse_result(nullptr, res, nullptr, nullptr, nullptr, nullptr, nullptr, 1), LDAP_PARAM_ERROR)
+        << "a refused parse frees nothing";
+
+    res->msg_flags &= ~LDAP_MSGFLAG_ALONE;
     int code = 0;
-    char *text = nullptr;
     ASSERT_EQ(ldap_parse_result(ld, res, &code, nullptr, &text, nullptr, nullptr, 1), 0);
     EXPECT_EQ(code, LDAP_SIZELIMIT_EXCEEDED);
     EXPECT_STREQ(text, "limit");
     ldap_memfree(text);
     EXPECT_EQ(Outstanding(), 0);
-}
-
-TEST_F(Parse, AChainWithoutAResultIsNoResult)
-{
-    TraceCapture trace(0xFFFF);
-    LDAPMessage *res = File(std::vector<Bytes>{Tlv(0x64, Concat(Octets("cn=a"), Tlv(0x30, {})))});
-    char *matched = reinterpret_cast<char *>(1);
-    EXPECT_EQ(ldap_parse_result(ld, res, nullptr, &matched, nullptr, nullptr, nullptr, 0), LDAP_OPERATIONS_ERROR);
-    EXPECT_EQ(matched, nullptr);
-    EXPECT_EQ(ldap_parse_result(ld, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, 1), LDAP_OPERATIONS_ERROR);
-    EXPECT_NE(trace.text().find("ldap_parse_result: NULLMSG passed"), std::string::npos);
-    EXPECT_EQ(ldap_parse_result(nullptr, res, nullptr, nullptr, nullptr, nullptr, nullptr, 1), LDAP_PARAM_ERROR);
-    EXPECT_EQ(ldap_msgfree(res), LDAP_RES_SEARCH_ENTRY) << "a refused parse frees nothing";
-}
-
-TEST_F(Parse, AnEntryHandedOutAloneIsAChainOfOne)
-{
-    LDAPMessage *res = File({Tlv(0x64, Concat(Octets("cn=a"), Tlv(0x30, {}))), Op(0x65, 0, "", "")});
-    res->msg_flags |= LDAP_MSGFLAG_ALONE;
-    EXPECT_EQ(ldap_parse_result(ld, res, nullptr, nullptr, nullptr, nullptr, nullptr, 0), LDAP_OPERATIONS_ERROR);
-    ldap_msgfree(res);
 }
 
 // ---------------------------------------------------------------------
@@ -239,7 +226,6 @@ const SaslRow kSaslRows[] = {
     {"NoTextWithCodeZero", Tlv(0x61, Concat(wire::Integer(0, 0x0A), Octets(""))), LDAP_DECODING_ERROR, nullptr},
     {"NoTextWithAServerCode", Tlv(0x61, Concat(wire::Integer(49, 0x0A), Octets(""))), LDAP_INVALID_CREDENTIALS,
      nullptr},
-    {"EmptyOperation", Tlv(0x61, {}), LDAP_DECODING_ERROR, nullptr},
 };
 
 class SaslRows : public Parse, public testing::WithParamInterface<SaslRow> {};
@@ -265,16 +251,6 @@ TEST_P(SaslRows, ReturnTheCodeAndHandOutTheCredentials)
 INSTANTIATE_TEST_SUITE_P(Responses, SaslRows, testing::ValuesIn(kSaslRows),
                          [](const testing::TestParamInfo<SaslRow> &info) { return std::string(info.param.name); });
 
-TEST_F(Parse, OnlyABindResponseIsASaslBindResult)
-{
-    LDAPMessage *res = File(Op(0x65, 0, "", ""));
-    EXPECT_EQ(ldap_parse_sasl_bind_result(ld, res, nullptr, 1), LDAP_PARAM_ERROR);
-    EXPECT_EQ(ldap_get_errno(ld), LDAP_PARAM_ERROR);
-    EXPECT_EQ(ldap_parse_sasl_bind_result(ld, nullptr, nullptr, 1), LDAP_PARAM_ERROR);
-    EXPECT_EQ(ldap_parse_sasl_bind_result(nullptr, res, nullptr, 1), LDAP_PARAM_ERROR);
-    EXPECT_EQ(ldap_msgfree(res), LDAP_RES_SEARCH_RESULT) << "the wrong message is not freed";
-}
-
 // ---------------------------------------------------------------------
 // ldap_parse_extended_result and its form with controls
 
@@ -295,7 +271,6 @@ const ExtendedRow kExtendedRows[] = {
     {"NameAndValue", Op(0x78, 0, "", "", Concat(kName, kValue)), 0, "1.3.6.1.4.1.1466.20037", "data", false, 0},
     {"NeitherNameNorValue", Op(0x78, 0, "", ""), 0, nullptr, nullptr, false, 0},
     {"ValueOnly", Op(0x78, 0, "", "", kValue), 0, nullptr, "data", false, 0},
-    {"NameOnly", Op(0x78, 0, "", "", kName), 0, "1.3.6.1.4.1.1466.20037", nullptr, false, 0},
     {"Controls", Concat(Op(0x78, 0, "", "", kName), kControls), 0, "1.3.6.1.4.1.1466.20037", nullptr, true, 0},
     {"ServerCodeHandsOutNothing", Concat(Op(0x78, 53, "", "no", Concat(kName, kValue)), kControls),
      LDAP_UNWILLING_TO_PERFORM, nullptr, nullptr, false, LDAP_UNWILLING_TO_PERFORM},
@@ -351,17 +326,19 @@ TEST_P(ExtendedRows, HandOutNameAndValueOnlyForCodeZero)
 INSTANTIATE_TEST_SUITE_P(Responses, ExtendedRows, testing::ValuesIn(kExtendedRows),
                          [](const testing::TestParamInfo<ExtendedRow> &info) { return std::string(info.param.name); });
 
-TEST_F(Parse, OnlyAnExtendedResponseIsAnExtendedResult)
+TEST_F(Parse, AMessageOfAnotherTypeIsRefusedAndKept)
 {
-    LDAPMessage *res = File(Op(0x61, 0, "", ""));
-    ldap_set_error(ld, LDAP_OTHER, nullptr, nullptr);
+    LDAPMessage *res = File(Op(0x65, 0, "", ""));
+    EXPECT_EQ(ldap_parse_sasl_bind_result(ld, res, nullptr, 1), LDAP_PARAM_ERROR);
+    EXPECT_EQ(ldap_get_errno(ld), LDAP_PARAM_ERROR);
+    EXPECT_EQ(ldap_parse_sasl_bind_result(ld, nullptr, nullptr, 1), LDAP_PARAM_ERROR);
+    EXPECT_EQ(ldap_parse_sasl_bind_result(nullptr, res, nullptr, 1), LDAP_PARAM_ERROR);
     LDAPControl **ctrls = reinterpret_cast<LDAPControl **>(1);
     EXPECT_EQ(ldap_parse_extended_result_ext(ld, res, nullptr, nullptr, &ctrls, 1), LDAP_PARAM_ERROR);
     EXPECT_EQ(ctrls, nullptr);
-    EXPECT_EQ(ldap_get_errno(ld), 0) << "the thread's error is left at 0";
-    EXPECT_EQ(ldap_parse_extended_result(ld, nullptr, nullptr, nullptr, 1), LDAP_PARAM_ERROR);
+    EXPECT_EQ(ldap_get_errno(ld), 0) << "the extended parser leaves the thread's error at 0";
     EXPECT_EQ(ldap_parse_extended_result(nullptr, res, nullptr, nullptr, 1), LDAP_PARAM_ERROR);
-    EXPECT_EQ(ldap_msgfree(res), LDAP_RES_BIND) << "the wrong message is not freed";
+    EXPECT_EQ(ldap_msgfree(res), LDAP_RES_SEARCH_RESULT) << "none of them freed the message";
 }
 
 // ---------------------------------------------------------------------
@@ -383,10 +360,8 @@ const PolicyRow kPolicyRows[] = {
     {"GraceLoginsRemaining", {Hex("30 05 A0 03 81 01 03")}, 0, 0, 2, 3},
     {"WarningAndError", {Hex("30 08 A0 03 80 01 05 81 01 02")}, 0, 5, 1, 5},
     {"ErrorAlone", {Hex("30 03 81 01 02")}, 0, 5, 0, 0},
-    {"PasswordExpired", {Hex("30 03 81 01 00")}, 0, 3, 0, 0},
     {"WrappedError", {Hex("30 05 81 03 0A 01 08")}, 0, 11, 0, 0},
     {"OlderGraceWarning", {Hex("30 07 80 05 81 03 02 01 04")}, 0, 0, 2, 4},
-    {"OlderExpirationWarning", {Hex("30 07 80 05 80 03 02 01 2C")}, 0, 0, 1, 44},
     {"UnknownFirstTag", {Hex("30 03 82 01 00")}, 0, 0, 0, 0},
     {"EachControlAddsWhatItCarries", {Hex("30 03 81 01 01"), Hex("30 05 A0 03 81 01 09")}, 0, 4, 2, 9},
     {"EmptySequence", {Hex("30 00")}, LDAP_DECODING_ERROR, 0, 0, 0},
