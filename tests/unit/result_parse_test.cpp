@@ -6,6 +6,7 @@
 #include "ber_test_support.h"
 #include "core/ldap_error.h"
 #include "message/ldap_queue.h"
+#include "ops/ldap_bind.h"
 #include "proto/ldap_controls.h"
 #include "proto/pwdpolicy_response.h"
 #include "results/parse_result.h"
@@ -250,6 +251,41 @@ TEST_P(SaslRows, ReturnTheCodeAndHandOutTheCredentials)
 
 INSTANTIATE_TEST_SUITE_P(Responses, SaslRows, testing::ValuesIn(kSaslRows),
                          [](const testing::TestParamInfo<SaslRow> &info) { return std::string(info.param.name); });
+
+// A synchronous SASL bind reads its response through the parsers: the
+// controls are kept for ldap_get_bind_controls, the credentials handed out,
+// the text recorded; an answer that is no bind response is refused and
+// released (the sanitizer build checks).
+TEST(SaslBindResponse, IsReadThroughTheParsers)
+{
+    int answer = 0x61;
+    ScriptServer server([&answer](ScriptConnection &c) {
+        while (auto r = c.Read())
+            c.Send(wire::Message(r->id, Op(answer, 14, "", "more", Octets("next", 0x87)), kControls));
+    });
+    LDAP *ld = HandleFor(server);
+    struct berval cred {1, const_cast<char *>("x")};
+    struct berval *creds = nullptr;
+    EXPECT_EQ(ldap_sasl_bind_s(ld, nullptr, "DIGEST-MD5", &cred, nullptr, nullptr, &creds),
+              LDAP_SASL_BIND_IN_PROGRESS);
+    ASSERT_NE(creds, nullptr);
+    EXPECT_EQ(std::string(creds->bv_val, creds->bv_len), "next");
+    ber_bvfree(creds);
+    char *text = nullptr;
+    EXPECT_EQ(ldap_get_error(ld, nullptr, &text), LDAP_SASL_BIND_IN_PROGRESS);
+    EXPECT_STREQ(text, "more");
+    ldap_memfree(text);
+    LDAPControl **ctrls = nullptr;
+    ASSERT_EQ(ldap_get_bind_controls(ld, &ctrls), 0);
+    EXPECT_EQ(ldap_count_controls(ctrls), 1);
+    ldap_controls_free(ctrls);
+
+    answer = 0x65;
+    EXPECT_EQ(ldap_sasl_bind_s(ld, nullptr, "DIGEST-MD5", &cred, nullptr, nullptr, &creds), LDAP_PARAM_ERROR);
+    EXPECT_EQ(creds, nullptr);
+    EXPECT_EQ(ldap_msg_table_outstanding(TableOf(ld)), 0) << "the answer and its row are released";
+    ldap_unbind(ld);
+}
 
 // ---------------------------------------------------------------------
 // ldap_parse_extended_result and its form with controls

@@ -14,6 +14,7 @@
 #include "ops/ldap_operation.h"
 #include "proto/ldap_controls.h"
 #include "results/parse_result.h"
+#include "results/results.h"
 #include "session/ldap_options.h"
 
 #include <cstring>
@@ -95,7 +96,12 @@ int finish_sasl_bind(LDAP *ld, LDAPMessage *res, struct berval **servercredp)
         LDAP_TRACE(TRC_ERROR, "ldap_sasl_bind_s_int: couldn't parse result for controls. rc = %d\n", rc);
     ldap_store_bind_controls(ld, ctrls);
     ldap_controls_free(ctrls);
+    bool bind_response = res->msg_type == LDAP_RES_BIND;
     rc = ldap_parse_sasl_bind_result_direct(ld, res, servercredp, 1);
+    // The parser keeps a message of another type: one a server sent in
+    // answer to the bind is released here.
+    if (!bind_response)
+        ldap_msgfree_direct(res);
     ldap_set_error_direct(ld, rc, matched, text);
     zldap::mem_free(matched);
     zldap::mem_free(text);

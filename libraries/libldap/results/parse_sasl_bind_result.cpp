@@ -44,12 +44,12 @@ int ldap_parse_sasl_bind_result_direct(LDAP *ld, LDAPMessage *res, struct berval
 {
     LDAP_TRACE(TRC_ANY, "ldap_parse_sasl_bind_result_direct \n");
     ldap_set_error_direct(ld, LDAP_SUCCESS, nullptr, nullptr);
+    if (servercredp)
+        *servercredp = nullptr;
     if (!res || res->msg_type != LDAP_RES_BIND) {
         ldap_set_error_direct(ld, LDAP_PARAM_ERROR, nullptr, nullptr);
         return LDAP_PARAM_ERROR;
     }
-    if (servercredp)
-        *servercredp = nullptr;
     int code = 0;
     int rc = decode(res, &code, servercredp);
     if (freeit)
