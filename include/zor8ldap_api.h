@@ -198,6 +198,48 @@ int ldap_get_entry_controls(LDAP *ld, LDAPMessage *entry, LDAPControl ***serverc
 int ldap_get_entry_controls_np(LDAP *ld, LDAPMessage *entry, LDAPControl ***serverctrls);
 
 /* ------------------------------------------------------------------ */
+/* Parsing results (every out-pointer may be NULL; freeit 1 releases  */
+/* the message whatever the outcome)                                   */
+/* ------------------------------------------------------------------ */
+
+/* The result code, matched DN, diagnostic message, referral URLs (code 10 */
+/* only) and controls of the first message of the chain that is neither an */
+/* entry nor a reference. The message is read from a copy of its element, */
+/* so it can be parsed again. 0 with every part handed out; 1 when the chain */
+/* has no such message; 84 when it is malformed; 90; 89 when the operation */
+/* cannot start. On failure the out-pointers are NULL and *errcodep is left */
+/* alone. */
+int ldap_parse_result(LDAP *ld, LDAPMessage *res, int *errcodep, char **matcheddnp, char **errmsgp,
+                      char ***referralsp, LDAPControl ***serverctrlsp, int freeit);
+
+/* The server SASL credentials of a bind response (tag 0x87; NULL when the */
+/* server sent none). The response's result code (14 while the exchange goes */
+/* on), 84 for a malformed response with code 0, 90, or 89 for a message */
+/* that is not a bind response (not released then). */
+int ldap_parse_sasl_bind_result(LDAP *ld, LDAPMessage *res, struct berval **servercredp, int freeit);
+
+/* The response name and value of an extended response, handed out only */
+/* when its result code is 0 (absent parts leave their out-pointers as they */
+/* were). Reads the message's own element, so a second parse of the same */
+/* message fails. The result code; -1 when the LDAPResult cannot be */
+/* decoded; 84 or 90 from the controls; 89 for a message that is not an */
+/* extended response (not released then, the thread's error left 0). */
+int ldap_parse_extended_result(LDAP *ld, LDAPMessage *res, char **resultoidp, struct berval **resultdatap,
+                               int freeit);
+/* The same, handing out the response controls as well. */
+int ldap_parse_extended_result_ext(LDAP *ld, LDAPMessage *res, char **resultoidp, struct berval **resultdatap,
+                                   LDAPControl ***serverctrlsp, int freeit);
+
+/* Reads every password-policy control ("1.3.6.1.4.1.42.2.27.8.5.1") of the */
+/* list into three numbers: *controlerr 0 (none) or the error's value plus 3 */
+/* (the numbering of ldap_pwdpolicy_err2string), *controlwarn the warning */
+/* kind (0 none, 1 time before expiration, 2 grace logins remaining) and */
+/* *controlres the warning's number. 0; 84 for a malformed control, with all */
+/* three outputs 0; 90; 89 when an argument is NULL. */
+int ldap_parse_pwdpolicy_response(LDAPControl **serverControls, int *controlerr, int *controlwarn,
+                                  int *controlres);
+
+/* ------------------------------------------------------------------ */
 /* LDAP URLs                                                           */
 /* ------------------------------------------------------------------ */
 

@@ -13,6 +13,7 @@
 #include "engine/ldap_result.h"
 #include "ops/ldap_operation.h"
 #include "proto/ldap_controls.h"
+#include "results/parse_result.h"
 #include "results/results.h"
 #include "session/ldap_options.h"
 
@@ -26,7 +27,6 @@ namespace {
 constexpr int kBindRequest = 0x60;
 constexpr ber_tag_t kSimpleAuth = 0x80;
 constexpr ber_tag_t kSaslAuth = 0xA3;
-constexpr ber_tag_t kServerSaslCreds = 0x87;
 constexpr int kSaslMethod = 2;
 
 ber_tag_t tag(int t) { return static_cast<ber_tag_t>(t); }
@@ -80,33 +80,29 @@ int record_sasl_bind(LDAP *ld, const char *mechanism, const struct berval *cred,
     return rc;
 }
 
-// Reads a bind response: its result code (matched DN and text become the
-// thread's error), the server's SASL credentials and the response controls.
-int parse_bind_response(LDAP *ld, LDAPMessage *res, struct berval **servercred, LDAPControl ***ctrls)
+// Ends a synchronous SASL bind: keeps the response's controls on the
+// default connection, hands out the server's credentials and returns the
+// result code, with the response's matched DN and text as the thread's
+// error. The response is released.
+int finish_sasl_bind(LDAP *ld, LDAPMessage *res, struct berval **servercredp)
 {
-    BerElement op = *res->msg_ber;
-    int code = 0;
     char *matched = nullptr;
     char *text = nullptr;
-    int rc = LDAP_DECODING_ERROR;
-    if (fber_scanf(&op, "{iaa", &code, &matched, &text) != LBER_DEFAULT) {
-        rc = code;
-        ber_len_t len = 0;
-        for (ber_tag_t t = fber_peek_tag(&op, &len); t != LBER_DEFAULT; t = fber_peek_tag(&op, &len)) {
-            if (t == kServerSaslCreds && servercred && !*servercred) {
-                if (fber_scanf(&op, "O", servercred) == LBER_DEFAULT)
-                    rc = LDAP_DECODING_ERROR;
-            } else if (fber_skip_element(&op) != 0) {
-                break;
-            }
-        }
-    }
+    LDAPControl **ctrls = nullptr;
+    int rc = ldap_parse_result_direct(ld, res, nullptr, &matched, &text, nullptr, &ctrls, 0);
+    if (rc != LDAP_SUCCESS)
+        LDAP_TRACE(TRC_ERROR, "ldap_sasl_bind_s_int: couldn't parse result for controls. rc = %d\n", rc);
+    ldap_store_bind_controls(ld, ctrls);
+    ldap_controls_free(ctrls);
+    bool bind_response = res->msg_type == LDAP_RES_BIND;
+    rc = ldap_parse_sasl_bind_result_direct(ld, res, servercredp, 1);
+    // The parser keeps a message of another type: one a server sent in
+    // answer to the bind is released here.
+    if (!bind_response)
+        ldap_msgfree_direct(res);
     ldap_set_error_direct(ld, rc, matched, text);
     zldap::mem_free(matched);
     zldap::mem_free(text);
-    BerElement after = *res->msg_ber;
-    if (ctrls && fber_skip_element(&after) == 0 && get_ctrls_from_ber(&after, ctrls) != LDAP_SUCCESS)
-        *ctrls = nullptr;
     return rc;
 }
 
@@ -269,14 +265,7 @@ int ldap_sasl_bind_int(LDAP *ld, const char *dn, const char *mechanism, const st
     LDAPMessage *res = nullptr;
     if (ldap_result_int(ld, msgid, LDAP_MSG_ALL, nullptr, &res) == -1 || !res)
         return ldap_get_errno_direct(ld);
-    LDAPControl **ctrls = nullptr;
-    if (servercredp)
-        *servercredp = nullptr;
-    rc = parse_bind_response(ld, res, servercredp, &ctrls);
-    ldap_store_bind_controls(ld, ctrls);
-    ldap_controls_free(ctrls);
-    ldap_msgfree_direct(res);
-    return rc;
+    return finish_sasl_bind(ld, res, servercredp);
 }
 
 int ldap_sasl_bind(LDAP *ld, const char *dn, const char *mechanism, const struct berval *cred,

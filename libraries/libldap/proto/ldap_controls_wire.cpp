@@ -11,6 +11,7 @@
 #include "base/memory.h"
 #include "base/trace.h"
 #include "ber/lber.h"
+#include "proto/element_fits.h"
 
 #include <climits>
 #include <cstring>
@@ -79,22 +80,7 @@ struct ControlsBuilder {
     }
 };
 
-// Whether the element at the current position fits before `end`. The
-// decoder itself would clip a length that runs past the data; here such a
-// length is a malformed (or truncated) response.
-// On success *contents is where the element's contents begin.
-bool element_fits(BerElement *ber, const char *end, ber_tag_t *tag, ber_len_t *len,
-                  const char **contents = nullptr)
-{
-    char *saved = ber->ber_ptr;
-    *tag = fber_get_tag(ber, len);
-    bool fits = *tag != LBER_DEFAULT && ber->ber_ptr <= end &&
-                *len <= static_cast<ber_len_t>(end - ber->ber_ptr);
-    if (contents)
-        *contents = ber->ber_ptr;
-    ber->ber_ptr = saved;
-    return fits;
-}
+using zldap::element_fits;
 
 void trace_control(const LDAPControl *ctrl)
 {

@@ -1,88 +1,162 @@
-// pwdpolicy_response.cpp - the value of an effective password policy
-// response: the policy's attributes with their values, and the DNs of the
-// entries the policy was put together from.
+// pwdpolicy_response.cpp - the password-policy response control. Its value
+// is a SEQUENCE of an optional warning and an optional error, and servers
+// write it in more than one form:
+//
+//   standard  SEQUENCE { warning [0] CHOICE { timeBeforeExpiration [0] INTEGER,
+//                                             graceAuthNsRemaining [1] INTEGER } OPTIONAL,
+//                        error [1] ENUMERATED OPTIONAL }
+//   older     the warning as a primitive-tagged [0] wrapping the tagged choice
+//             and its INTEGER; the error as [1] ENUMERATED directly (as the
+//             standard says) or wrapped once more around the ENUMERATED.
 #include "zor8ldap_api.h"
 
-#include "base/memory.h"
 #include "base/trace.h"
 #include "ber/lber.h"
-#include "proto/control_codec.h"
 
 #include <cstring>
 
 namespace {
 
-// Room for this many attributes; the array has one more slot for its NULL.
-constexpr int kMaxAttrs = 23;
+constexpr const char *kPwdPolicyOid = "1.3.6.1.4.1.42.2.27.8.5.1";
+constexpr uint32_t kOlderWarning = 0x80;
+constexpr uint32_t kStandardWarning = 0xA0;
+constexpr uint32_t kPolicyError = 0x81;
+constexpr uint32_t kTimeBeforeExpiration = 0x80;
+constexpr uint32_t kGraceLoginsRemaining = 0x81;
+// An error of 3 or more needs the two-octet wrapped form to be told from
+// the direct one: fewer bytes than this hold the direct form.
+constexpr long kWrappedErrorSize = 4;
 
-void free_strings(char **values)
+struct PolicyResult {
+    int error = 0;
+    int warn_kind = 0;
+    int warn_value = 0;
+};
+
+void set_warning(PolicyResult &out, uint32_t choice, int value)
 {
-    for (char **v = values; v && *v; v++)
-        zldap::mem_free(*v);
-    zldap::mem_free(values);
+    out.warn_kind = choice == kTimeBeforeExpiration ? 1 : choice == kGraceLoginsRemaining ? 2 : 0;
+    out.warn_value = value;
 }
 
-int fail(int rc, LDAPPwdPolicyAttr **attrs, char **dns, const char *text)
+// Errors are numbered from 3 on in the password-policy texts. The sum wraps
+// rather than overflows for a hostile value.
+int policy_error(int value) { return static_cast<int>(static_cast<unsigned>(value) + 3u); }
+
+bool read_older_warning(BerElement *ber, PolicyResult &out)
 {
-    LDAP_TRACE(TRC_ERROR, "%s", text);
-    ldap_free_effective_pwdpolicy_response(attrs, dns);
-    return rc;
+    LDAP_TRACE(TRC_API, "ldap_parse_pwdpolicy_response: have LDAP_PWDPOLICY_WARNING\n");
+    uint32_t choice = 0;
+    int value = 0;
+    if (fber_scanf(ber, "{") == LBER_DEFAULT || fber_scanf(ber, "t{i", &choice, &value) == LBER_DEFAULT) {
+        LDAP_TRACE(TRC_ERROR, "ldap_parse_pwdpolicy_response: bad fber_scanf(s) for LDAP_PWDPOLICY_WARNING\n");
+        return false;
+    }
+    set_warning(out, choice, value);
+    return true;
+}
+
+// The standard warning, and the error that may follow it.
+bool read_standard_warning(BerElement *ber, PolicyResult &out)
+{
+    LDAP_TRACE(TRC_API, "ldap_parse_pwdpolicy_response: have OPENLDAP_PWDPOLICY_WARNING\n");
+    uint32_t choice = 0;
+    int value = 0;
+    if (fber_scanf(ber, "{") == LBER_DEFAULT || fber_scanf(ber, "ti", &choice, &value) == LBER_DEFAULT) {
+        LDAP_TRACE(TRC_ERROR,
+                   "ldap_parse_pwdpolicy_response: bad fber_scanf(s) for OPENLDAP_PWDPOLICY_WARNING\n");
+        return false;
+    }
+    set_warning(out, choice, value);
+    uint32_t tag = 0;
+    int error = 0;
+    if (fber_scanf(ber, "ti", &tag, &error) != LBER_DEFAULT && tag == kPolicyError)
+        out.error = policy_error(error);
+    return true;
+}
+
+// The error alone, in whichever form the size suggests first.
+bool read_error(BerElement *ber, PolicyResult &out)
+{
+    LDAP_TRACE(TRC_API, "ldap_parse_pwdpolicy_response: have LDAP_PWDPOLICY_ERROR\n");
+    char *start = ber->ber_ptr;
+    int error = 0;
+    auto direct = [&] {
+        ber->ber_ptr = start;
+        return fber_scanf(ber, "e}", &error) != LBER_DEFAULT;
+    };
+    auto wrapped = [&] {
+        ber->ber_ptr = start;
+        return fber_scanf(ber, "{e}}", &error) != LBER_DEFAULT;
+    };
+    bool ok;
+    if (ber->ber_end - start < kWrappedErrorSize) {
+        LDAP_TRACE(TRC_API, "ldap_parse_pwdpolicy_response: LDAP_PWDPOLICY_ERROR (RFC)\n");
+        ok = direct() || wrapped();
+        if (!ok)
+            LDAP_TRACE(TRC_ERROR,
+                       "ldap_parse_pwdpolicy_response: both RFC decoding failed and non RFC decoding failed.\n");
+    } else {
+        LDAP_TRACE(TRC_API, "ldap_parse_pwdpolicy_response: LDAP_PWDPOLICY_ERROR (nonRFC)\n");
+        ok = wrapped() || direct();
+        if (!ok)
+            LDAP_TRACE(TRC_ERROR,
+                       "ldap_parse_pwdpolicy_response: both non RFC decoding failed and RFC decoding failed.\n");
+    }
+    if (ok)
+        out.error = policy_error(error);
+    return ok;
+}
+
+// One control's value. 0, 84 or 90.
+int read_policy_value(const struct berval *value, PolicyResult &out)
+{
+    BerElement *ber = fber_init2(value);
+    if (!ber)
+        return LDAP_NO_MEMORY;
+    bool ok;
+    uint32_t first = 0;
+    if (fber_scanf(ber, "{t", &first) == LBER_DEFAULT) {
+        LDAP_TRACE(TRC_ERROR, "ldap_parse_pwdpolicy_response: Bad fber_scanf for first tag\n");
+        ok = false;
+    } else if (first == kOlderWarning) {
+        ok = read_older_warning(ber, out);
+    } else if (first == kStandardWarning) {
+        ok = read_standard_warning(ber, out);
+    } else if (first == kPolicyError) {
+        ok = read_error(ber, out);
+    } else {
+        ok = true; // nothing this side knows of
+    }
+    fber_free(ber);
+    return ok ? LDAP_SUCCESS : LDAP_DECODING_ERROR;
 }
 
 } // namespace
 
-int ldap_parse_effective_pwdpolicy_response(const char *oidres, struct berval *result, LDAPPwdPolicyAttr ***attrs,
-                                            char ***dns)
+int ldap_parse_pwdpolicy_response(LDAPControl **serverControls, int *controlerr, int *controlwarn, int *controlres)
 {
-    if (attrs)
-        *attrs = nullptr;
-    if (dns)
-        *dns = nullptr;
-    // A response of another name is not one this parser can read.
-    if (!oidres || !result || !result->bv_val || !attrs || !dns ||
-        std::strcmp(oidres, LDAP_EXOP_EFFECTIVE_PWDPOLICY) != 0) {
+    if (!serverControls || !controlerr || !controlwarn || !controlres) {
         LDAP_TRACE(TRC_ERROR,
-                   "ldap_parse_effective_pwdpolicy_response: Param error - oidres(%p), result(%p), attrs(%p), DNs(%p)\n",
-                   static_cast<const void *>(oidres), static_cast<void *>(result), static_cast<void *>(attrs),
-                   static_cast<void *>(dns));
+                   "ldap_parse_pwdpolicy_response: Bad params serverControls(%p), controlerr(%p), controlwarn(%p), "
+                   "controlres(%p)\n",
+                   static_cast<void *>(serverControls), static_cast<void *>(controlerr),
+                   static_cast<void *>(controlwarn), static_cast<void *>(controlres));
         return LDAP_PARAM_ERROR;
     }
-    static constexpr char kMalloc[] = "ldap_parse_effective_pwdpolicy_response: Malloc failed\n";
-    static constexpr char kScanf[] = "ldap_parse_effective_pwdpolicy_response: fber_scanf failed\n";
-    zldap::BerOwner ber(fber_init2(result));
-    auto **list = static_cast<LDAPPwdPolicyAttr **>(zldap::mem_calloc(kMaxAttrs + 1, sizeof(LDAPPwdPolicyAttr *)));
-    if (!ber || !list)
-        return fail(LDAP_NO_MEMORY, list, nullptr, kMalloc);
-    if (fber_scanf(ber.get(), "{") == LBER_DEFAULT)
-        return fail(LDAP_DECODING_ERROR, list, nullptr, kScanf);
-
-    ber_tag_t tag = fber_peek_tag(ber.get(), nullptr);
-    for (int n = 0; tag == 0x30; n++) {
-        if (n == kMaxAttrs)
-            return fail(LDAP_DECODING_ERROR, list, nullptr,
-                        "ldap_parse_effective_pwdpolicy_response: too many attrs received.\n");
-        list[n] = static_cast<LDAPPwdPolicyAttr *>(zldap::mem_calloc(1, sizeof(LDAPPwdPolicyAttr)));
-        if (!list[n])
-            return fail(LDAP_NO_MEMORY, list, nullptr, kMalloc);
-        if (fber_scanf(ber.get(), "{a[v]}", &list[n]->pa_attr, &list[n]->pa_values) == LBER_DEFAULT)
-            return fail(LDAP_DECODING_ERROR, list, nullptr, kScanf);
-        tag = fber_peek_tag(ber.get(), nullptr);
-    }
-    char **sources = nullptr;
-    if (tag == 0x80 && fber_scanf(ber.get(), "[v]", &sources) == LBER_DEFAULT)
-        return fail(LDAP_DECODING_ERROR, list, sources, kScanf);
-    *attrs = list;
-    *dns = sources;
-    return LDAP_SUCCESS;
-}
-
-void ldap_free_effective_pwdpolicy_response(LDAPPwdPolicyAttr **attrs, char **dns)
-{
-    for (LDAPPwdPolicyAttr **a = attrs; a && *a; a++) {
-        zldap::mem_free((*a)->pa_attr);
-        free_strings((*a)->pa_values);
-        zldap::mem_free(*a);
-    }
-    zldap::mem_free(attrs);
-    free_strings(dns);
+    LDAP_TRACE(TRC_API,
+               "ldap_parse_pwdpolicy_response: serverControls(%p) controlerr(%p), controlwarn(%p), controlres(%p)\n",
+               static_cast<void *>(serverControls), static_cast<void *>(controlerr), static_cast<void *>(controlwarn),
+               static_cast<void *>(controlres));
+    PolicyResult out;
+    int rc = LDAP_SUCCESS;
+    for (LDAPControl **c = serverControls; *c && rc == LDAP_SUCCESS; c++)
+        if ((*c)->ldctl_oid && std::strcmp((*c)->ldctl_oid, kPwdPolicyOid) == 0 && (*c)->ldctl_value.bv_val)
+            rc = read_policy_value(&(*c)->ldctl_value, out);
+    if (rc != LDAP_SUCCESS)
+        out = PolicyResult{};
+    *controlerr = out.error;
+    *controlwarn = out.warn_kind;
+    *controlres = out.warn_value;
+    return rc;
 }

@@ -7,6 +7,7 @@
 #include "core/ldap_error.h"
 #include "core/ldap_init_guard.h"
 #include "message/ldap_message.h"
+#include "proto/result_fields.h"
 
 namespace {
 
@@ -19,31 +20,23 @@ LDAPMessage *last_of_chain(LDAPMessage *msg)
     return msg;
 }
 
-// Reads "{iaa}" (code, matched DN, text) from a copy of the element record,
+// Reads the code, matched DN and text from a copy of the element record,
 // so that the message's own read position stays where the caller may
 // still want it, and records them as the thread's error. A text that is
 // present but cannot be copied for want of memory is dropped rather than
-// turning the server's code into a decoding error.
+// turning the server's code into another.
 int read_result_code(LDAP *ld, const BerElement *ber)
 {
     BerElement reader = *ber;
     int code = 0;
-    if (fber_scanf(&reader, "{i", &code) == LBER_DEFAULT)
-        return ldap_fail(ld, LDAP_DECODING_ERROR);
-    char *texts[2] = {nullptr, nullptr};
-    int rc = code;
-    for (char *&text : texts) {
-        ber_len_t len = 0;
-        bool present = fber_peek_tag(&reader, &len) == 0x04;
-        if (fber_scanf(&reader, "a", &text) == LBER_DEFAULT) {
-            if (!present)
-                rc = LDAP_DECODING_ERROR;
-            break;
-        }
-    }
-    ldap_set_error_direct(ld, rc, texts[0], texts[1]);
-    zldap::mem_free(texts[0]);
-    zldap::mem_free(texts[1]);
+    char *matched = nullptr;
+    char *text = nullptr;
+    int rc = zldap::ResultReader(&reader).head(&code, &matched, &text);
+    if (rc != LDAP_DECODING_ERROR)
+        rc = code;
+    ldap_set_error_direct(ld, rc, matched, text);
+    zldap::mem_free(matched);
+    zldap::mem_free(text);
     return rc;
 }
 
