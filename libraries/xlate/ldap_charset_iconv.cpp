@@ -149,8 +149,10 @@ int ldap_init_iconv(Converter **slot, const char *other, int direction, bool *re
 {
     if (*slot && !*reopen)
         return LDAP_SUCCESS;
-    if (!locale_name()) {
-        if (set_locale_direct("") != LDAP_SUCCESS || set_codepage_direct(nullptr) != LDAP_SUCCESS)
+    // A code page that failed to settle (memory ran out) is settled again
+    // rather than leaving every later translation without one.
+    if (!locale_name() || !local_codepage()) {
+        if ((!locale_name() && set_locale_direct("") != LDAP_SUCCESS) || set_codepage_direct(nullptr) != LDAP_SUCCESS)
             return LDAP_LOCAL_ERROR;
         LDAP_TRACE(TRC_XLATE, "ldap_init_iconv: codepage = %s, locale = %s\n", trace_str(local_codepage()),
                    trace_str(locale_name()));
