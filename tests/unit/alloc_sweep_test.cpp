@@ -2,12 +2,15 @@
 // makes, failing that allocation: the documented code comes back, nothing
 // leaks, and whatever the row calls usable still works afterwards.
 #include "alloc_faults.h"
+#include "base/memory.h"
 #include "proto/dn.h"
 #include "proto/url.h"
 #include "results/results.h"
+#include "xlate/ldap_charset.h"
 
 #include <gtest/gtest.h>
 
+#include <cstring>
 #include <functional>
 #include <string>
 
@@ -86,6 +89,43 @@ void DnToUfn(const std::function<void(const AllocFaultScenario &)> &sweep)
            LDAP_NO_MEMORY});
 }
 
+// Translation replaces the caller's buffer only when it succeeds; the
+// failed attempt leaves it for the caller to free.
+int TranslateCopy(int (*xlate)(char **, ber_len_t *, int), const char *text)
+{
+    char *buf = zldap::mem_strdup(text);
+    if (!buf)
+        return LDAP_NO_MEMORY;
+    ber_len_t len = std::strlen(text);
+    int rc = xlate(&buf, &len, 1);
+    zldap::mem_free(buf);
+    return rc;
+}
+
+void XlateToUtf8(const std::function<void(const AllocFaultScenario &)> &sweep)
+{
+    ASSERT_EQ(ldap_set_iconv_local_codepage("ISO8859-1"), 0);
+    sweep({[] { return TranslateCopy(xlate_local_to_utf8, "M\xFCller"); }, LDAP_NO_MEMORY});
+}
+
+void XlateToLocal(const std::function<void(const AllocFaultScenario &)> &sweep)
+{
+    ASSERT_EQ(ldap_set_iconv_local_codepage("ISO8859-1"), 0);
+    sweep({[] { return TranslateCopy(xlate_utf8_to_local, "M\xC3\xBCller"); }, LDAP_NO_MEMORY});
+}
+
+void XlateWrapper(const std::function<void(const AllocFaultScenario &)> &sweep)
+{
+    ASSERT_EQ(ldap_set_iconv_local_codepage("ISO8859-1"), 0);
+    sweep({[] {
+               char *out = nullptr;
+               int rc = ldap_xlate_local_to_utf8_wrp("M\xFCller", &out);
+               zldap::mem_free(out);
+               return rc;
+           },
+           LDAP_NO_MEMORY});
+}
+
 // ---- session and connections ------------------------------------------
 
 // ---- engine and operations --------------------------------------------
@@ -98,6 +138,9 @@ const SweepRow kRows[] = {
     {"DnExplodeRdn", DnExplodeRdn},
     {"DnSplitDnsName", DnSplitDnsName},
     {"DnToUfn", DnToUfn},
+    {"XlateToUtf8", XlateToUtf8},
+    {"XlateToLocal", XlateToLocal},
+    {"XlateWrapper", XlateWrapper},
 
     // ---- session and connections rows ----
 
