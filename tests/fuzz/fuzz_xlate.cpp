@@ -7,6 +7,7 @@
 #include "xlate/ldap_charset_internal.h"
 
 #include <cstdint>
+#include <cstring>
 #include <string>
 
 namespace {
@@ -26,10 +27,14 @@ bool IsTranslationCode(int rc)
 
 void TranslateCopy(int (*xlate)(char **, ber_len_t *, int), const std::string &in)
 {
-    char *buf = zldap::mem_strndup(in.data(), in.size());
+    auto *buf = static_cast<char *>(zldap::mem_malloc(in.size() + 1));
+    if (!buf)
+        return;
+    std::memcpy(buf, in.data(), in.size());
+    buf[in.size()] = '\0';
     ber_len_t len = in.size();
     int rc = xlate(&buf, &len, 1);
-    Check(IsTranslationCode(rc) && len <= 3 * in.size() && buf[len] == '\0');
+    Check(IsTranslationCode(rc) && len <= 3 * in.size() && (rc != 0 || buf[len] == '\0'));
     zldap::mem_free(buf);
 }
 
