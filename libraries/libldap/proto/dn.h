@@ -4,6 +4,8 @@
 #ifndef ZLDAP_DN_H
 #define ZLDAP_DN_H
 
+#include "zor8ldap_api.h"
+
 #include <cstddef>
 #include <cstdint>
 
@@ -61,18 +63,5 @@ enum class DnPairForm { TypeAndValue, ValueOnly };
 char *build_dn_string(const ParsedDn *dn, DnPairForm form);
 
 } // namespace zldap
-
-extern "C" {
-// The escaped values only, RDNs joined by commas; a text without "=" and
-// "," comes back as a copy. NULL for NULL, a malformed or an empty DN.
-char *ldap_dn2ufn(const char *dn);
-// One string per RDN (values escaped); a text without "=" and "," is split
-// as a DNS or mail name. NULL for a malformed or empty DN.
-char **ldap_explode_dn(const char *dn, int notypes);
-// One string per pair of the first RDN, values as parsed (not escaped).
-char **ldap_explode_rdn(const char *dn, int notypes);
-// The pieces between "@" and "." characters, empty ones dropped.
-char **ldap_split_dns_name(const char *name);
-}
 
 #endif
