@@ -198,29 +198,17 @@ void EffectivePwdPolicyParse(const std::function<void(const AllocFaultScenario &
 int TranslateCopy(int (*xlate)(char **, ber_len_t *, int), const char *text)
 {
     char *buf = zldap::mem_strdup(text);
-    if (!buf)
-        return LDAP_NO_MEMORY;
     ber_len_t len = std::strlen(text);
-    int rc = xlate(&buf, &len, 1);
+    int rc = buf ? xlate(&buf, &len, 1) : LDAP_NO_MEMORY;
     zldap::mem_free(buf);
     return rc;
 }
 
-void XlateToUtf8(const std::function<void(const AllocFaultScenario &)> &sweep)
+void Xlate(const std::function<void(const AllocFaultScenario &)> &sweep)
 {
     ASSERT_EQ(ldap_set_iconv_local_codepage("ISO8859-1"), 0);
     sweep({[] { return TranslateCopy(xlate_local_to_utf8, "M\xFCller"); }, LDAP_NO_MEMORY});
-}
-
-void XlateToLocal(const std::function<void(const AllocFaultScenario &)> &sweep)
-{
-    ASSERT_EQ(ldap_set_iconv_local_codepage("ISO8859-1"), 0);
     sweep({[] { return TranslateCopy(xlate_utf8_to_local, "M\xC3\xBCller"); }, LDAP_NO_MEMORY});
-}
-
-void XlateWrapper(const std::function<void(const AllocFaultScenario &)> &sweep)
-{
-    ASSERT_EQ(ldap_set_iconv_local_codepage("ISO8859-1"), 0);
     sweep({[] {
                char *out = nullptr;
                int rc = ldap_xlate_local_to_utf8_wrp("M\xFCller", &out);
@@ -330,9 +318,7 @@ const SweepRow kRows[] = {
     {"PageControlParse", PageControlParse},
     {"LimitNumValuesParse", LimitNumValuesParse},
     {"EffectivePwdPolicyParse", EffectivePwdPolicyParse},
-    {"XlateToUtf8", XlateToUtf8},
-    {"XlateToLocal", XlateToLocal},
-    {"XlateWrapper", XlateWrapper},
+    {"Xlate", Xlate},
 
     // ---- session and connections rows ----
     {"InitAndOpen", InitAndOpen},
