@@ -18,11 +18,13 @@
 #include "session/ldap_options.h"
 #include "session/ldap_unbind.h"
 #include "test_util.h"
+#include "xlate/ldap_charset.h"
 #include "zor8ldap_api.h"
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cstring>
 #include <functional>
 #include <optional>
 #include <string>
@@ -192,6 +194,31 @@ void EffectivePwdPolicyParse(const std::function<void(const AllocFaultScenario &
                return rc;
            },
            LDAP_NO_MEMORY, nullptr, [](int rc) { return rc == LDAP_DECODING_ERROR; }});
+}
+
+// Translation replaces the caller's buffer only when it succeeds; the
+// failed attempt leaves it for the caller to free.
+int TranslateCopy(int (*xlate)(char **, ber_len_t *, int), const char *text)
+{
+    char *buf = zldap::mem_strdup(text);
+    ber_len_t len = std::strlen(text);
+    int rc = buf ? xlate(&buf, &len, 1) : LDAP_NO_MEMORY;
+    zldap::mem_free(buf);
+    return rc;
+}
+
+void Xlate(const std::function<void(const AllocFaultScenario &)> &sweep)
+{
+    ASSERT_EQ(ldap_set_iconv_local_codepage("ISO8859-1"), 0);
+    sweep({[] { return TranslateCopy(xlate_local_to_utf8, "M\xFCller"); }, LDAP_NO_MEMORY});
+    sweep({[] { return TranslateCopy(xlate_utf8_to_local, "M\xC3\xBCller"); }, LDAP_NO_MEMORY});
+    sweep({[] {
+               char *out = nullptr;
+               int rc = ldap_xlate_local_to_utf8_wrp("M\xFCller", &out);
+               zldap::mem_free(out);
+               return rc;
+           },
+           LDAP_NO_MEMORY});
 }
 
 // ---- session and connections ------------------------------------------
@@ -377,6 +404,7 @@ const SweepRow kRows[] = {
     {"PageControlParse", PageControlParse},
     {"LimitNumValuesParse", LimitNumValuesParse},
     {"EffectivePwdPolicyParse", EffectivePwdPolicyParse},
+    {"Xlate", Xlate},
 
     // ---- session and connections rows ----
     {"InitAndOpen", InitAndOpen},

@@ -520,9 +520,8 @@ TEST(DecoderPrefixes, EveryPrefixFailsTheNavigationReaders)
     }
 }
 
-// Decoding allocates one buffer per value; with the pass-through
-// translation a converted value costs one more, which shows where the
-// decoder translates.
+// Decoding allocates one buffer per value; once the converter is open a
+// translated value costs one more, which shows where the decoder translates.
 long AllocationsToDecode(BerElement *ber, const char *fmt)
 {
     ScanOutputs out;
@@ -556,6 +555,9 @@ TEST(DecoderTranslation, ConvertsNonEmptyValuesOfVersion3ElementsExceptRawOctets
     Bytes bytes = Hex("04 02 61 62 04 02 63 64 04 02 65 66 04 02 67 68 31 05 04 01 78 04 00 31 03 04 01 79");
     const char *fmt = "aOosvV";
     const uint32_t off = 0, on = 1;
+    // The process's first translation opens the converter.
+    ScanOutputs first;
+    EXPECT_NE(ScanByItems(ReaderWithSettings(Hex("04 01 78"), 3, nullptr).get(), "a", first), LBER_DEFAULT);
     // Without conversion: a 1, O 2, o 1, s 0, v 2 members + the array and
     // its growth for the terminator, V array + berval + bytes: 11.
     BerPtr plain = ReaderWithSettings(bytes, 2, nullptr);

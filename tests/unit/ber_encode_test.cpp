@@ -286,10 +286,14 @@ int PrintfWithMode(BerElement *ber, int mode, const char *fmt, ...)
     return rc;
 }
 
-// The pass-through translation allocates exactly one buffer per string it
-// converts, so the allocation count shows where conversion happened.
+// Once its converter is open (by the process's first translation), the
+// translation allocates exactly one buffer per string it converts, so the
+// allocation count shows where conversion happened.
 long AllocationsToEncode(int32_t version, const uint32_t *no_xlate, const std::function<int(BerElement *)> &encode)
 {
+    BerPtr first(fber_alloc());
+    EXPECT_TRUE(SetStringSettings(first.get(), 3, nullptr));
+    EXPECT_EQ(fber_printf(first.get(), "s", "x"), 0);
     BerPtr ber(fber_alloc());
     EXPECT_TRUE(SetStringSettings(ber.get(), version, no_xlate));
     zldap::mem_tracking_start(0);
