@@ -58,8 +58,9 @@ Out Replace(int (*xlate)(char **, ber_len_t *, int), const std::string &in)
 // A charset name of the library's table, or else a code page name.
 void Use(const char *name)
 {
-    if (ldap_set_iconv_local_charset(name) != 0)
+    if (ldap_set_iconv_local_charset(name) != 0) {
         ASSERT_EQ(ldap_set_iconv_local_codepage(name), 0) << name;
+    }
 }
 
 struct RoundTrip {
@@ -128,8 +129,9 @@ TEST(Translation, UnusableInputMissingCharactersAndFullOutputs)
         Use(row.codepage);
         Out out = Buffers(row.xlate, row.in, row.room);
         EXPECT_EQ(out.rc, row.rc);
-        if (row.written)
+        if (row.written) {
             EXPECT_EQ(out.bytes, row.written);
+        }
     }
     Use("ISO8859-1");
     EXPECT_EQ(Replace(xlate_utf8_to_local, "\xE6\x97\xA5").rc, LDAP_XLATE_NO_MAPPING);
@@ -221,8 +223,9 @@ TEST(CodePage, EnvironmentChoosesCodePageAndRoute)
                 Use(row.codepage);
             Out out = Replace(row.xlate, row.in);
             EXPECT_EQ(out.rc, row.rc);
-            if (row.rc == 0)
+            if (row.rc == 0) {
                 EXPECT_EQ(out.bytes, row.out);
+            }
         });
     }
 }
