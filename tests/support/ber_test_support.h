@@ -90,15 +90,13 @@ inline BerPtr ExactReader(const Bytes &bytes) { return ExactReader(bytes.data(),
 inline bool SetStringSettings(BerElement *ber, int32_t version, const uint32_t *no_xlate)
 {
     ber->ber_version = static_cast<int32_t *>(zldap::mem_malloc(sizeof(int32_t)));
-    if (!ber->ber_version)
+    ber->ber_no_xlate = no_xlate ? static_cast<uint32_t *>(zldap::mem_malloc(sizeof(uint32_t))) : nullptr;
+    if (!ber->ber_version || (no_xlate && !ber->ber_no_xlate))
         return false;
     *ber->ber_version = version;
-    if (!no_xlate)
-        return true;
-    ber->ber_no_xlate = static_cast<uint32_t *>(zldap::mem_malloc(sizeof(uint32_t)));
-    if (ber->ber_no_xlate)
+    if (no_xlate)
         *ber->ber_no_xlate = *no_xlate;
-    return ber->ber_no_xlate != nullptr;
+    return true;
 }
 
 // Copies of the values a walk decoded, released on destruction.
@@ -125,30 +123,31 @@ inline ber_tag_t ScanByItems(BerElement *ber, const std::string &fmt, ScanOutput
             if (tag != LBER_DEFAULT)
                 out.numbers.push_back(static_cast<long>(value));
         };
-        auto keep = [&](const char *bytes, size_t len) {
+        // Copies a value the codec stored and releases it.
+        auto keep = [&](char *bytes, size_t len) {
             if (bytes)
                 out.strings.emplace_back(bytes, len);
+            zldap::mem_free(bytes);
         };
         switch (item[0]) {
         case 'a': {
             char *s = nullptr;
             tag = fber_scanf(ber, item, &s);
             keep(s, s ? std::strlen(s) : 0);
-            zldap::mem_free(s);
             break;
         }
         case 's': {
             char buf[256];
             ber_len_t size = sizeof buf;
             tag = fber_scanf(ber, item, buf, &size);
-            keep(tag != LBER_DEFAULT ? buf : nullptr, size);
+            if (tag != LBER_DEFAULT)
+                out.strings.emplace_back(buf, size);
             break;
         }
         case 'o': {
             struct berval bv = {0, nullptr};
             tag = fber_scanf(ber, item, &bv);
             keep(bv.bv_val, bv.bv_len);
-            zldap::mem_free(bv.bv_val);
             break;
         }
         case 'O': {
@@ -156,7 +155,7 @@ inline ber_tag_t ScanByItems(BerElement *ber, const std::string &fmt, ScanOutput
             tag = fber_scanf(ber, item, &bv);
             if (bv)
                 keep(bv->bv_val, bv->bv_len);
-            ber_bvfree(bv);
+            zldap::mem_free(bv);
             break;
         }
         case 'B': {
@@ -165,8 +164,7 @@ inline ber_tag_t ScanByItems(BerElement *ber, const std::string &fmt, ScanOutput
             tag = fber_scanf(ber, item, &bits, &count);
             if (tag != LBER_DEFAULT)
                 out.numbers.push_back(static_cast<long>(count));
-            keep(count ? bits : nullptr, (count + 7) / 8);
-            zldap::mem_free(bits);
+            keep(bits, (count + 7) / 8);
             break;
         }
         case 'b':

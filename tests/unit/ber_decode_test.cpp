@@ -52,13 +52,11 @@ struct DecodeCase {
     size_t left = 0; // octets a successful walk leaves unread
 };
 
-void PrintTo(const DecodeCase &c, std::ostream *os) { *os << c.name; }
-
 const DecodeCase kReads[] = {
     {"TwoLengthOctets", "04 82 01 00", "l", "256", 0x04, 4},
     {"FourLengthOctets", "04 84 00 00 01 00", "l", "256", 0x04, 6},
     {"EightLengthOctets", "04 88 00 00 00 00 00 00 01 00", "l", "256", 0x04, 10},
-    {"LongFormString", "04 84 00 00 00 03 61 62 63", "a", "\"abc\"", 0x04},
+    {"LongFormStringAndIntoABuffer", "04 84 00 00 00 03 61 62 63 04 03 61 62 63", "as", "\"abc\" \"abc\"", 0x04},
     {"IndefiniteLengthReadsAsZero", "04 80 05 00", "an", "\"\"", 0x05},
     {"ShortIntegers", "02 00 02 02 00 80 02 02 FF 7F 02 01 FF 02 01 7F", "iiiii", "0 128 -129 -1 127", 0x02},
     {"IntegersAtTheLimits", "02 04 80 00 00 00 02 04 7F FF FF FF", "ii", "-2147483648 2147483647", 0x02},
@@ -72,17 +70,18 @@ const DecodeCase kReads[] = {
      "30 09 04 02 63 6E 31 03 04 01 61 30 0C 04 02 73 6E 31 06 04 01 62 04 01 63", "{sx}{a[v]}",
      "\"cn\" \"sn\" {b,c}", 0x04},
     {"ValuesKeepZeroOctets", "04 03 61 00 62 80 02 78 79 04 00", "Ooa", "\"a\\00b\" \"xy\" \"\"", 0x04},
-    {"StringIntoBuffer", "04 03 61 62 63", "s", "\"abc\"", 0x04},
-    {"BitStrings", "03 03 04 AB C0 03 01 00", "BB", "\"\\AB\\C0\" 12 0", 0x03},
+    {"BitStrings", "03 03 04 AB C0 03 01 00", "BB", "\"\\AB\\C0\" \"\" 12 0", 0x03},
     {"EmptySetThenInteger", "31 00 02 01 05", "{v}i", "5 {}", 0x02},
     {"EmptySetKeepsThePreviousTag", "04 01 61 31 00", "aV", "\"a\" {}", 0x04},
     {"SetCountBoundedByTheData", "31 84 FF FF FF FF 04 01 61", "v", "{a}", 0x04},
-    {"SetOfBervals", "31 06 04 01 61 04 01 62", "V", "{a,b}", 0x04},
 };
 
 const DecodeCase kMalformed[] = {
     {"Empty", "", "a", ""},
+    {"EmptyPeek", "", "t", ""},
     {"OnlyATag", "04", "a", ""},
+    {"OnlyATagSkip", "30", "x", ""},
+    {"TruncatedMessageId", "02 01", "i", ""},
     {"TruncatedString", "04 05 61 62", "a", ""},
     {"TruncatedStringIntoBuffer", "04 05 61 62", "s", ""},
     {"TruncatedRawOctets", "04 05 61 62", "o", ""},
@@ -130,8 +129,7 @@ TEST_P(DecoderInputs, YieldTheirValuesOrFailCleanly)
     zldap::mem_tracking_start(0);
     EXPECT_EQ(ScanByItems(ber.get(), c.format, out), c.tag);
     EXPECT_EQ(zldap::mem_tracking_stop().live, 0);
-    EXPECT_GE(ber->ber_ptr, ber->ber_buf);
-    EXPECT_LE(ber->ber_ptr, ber->ber_end);
+    EXPECT_TRUE(ber->ber_ptr >= ber->ber_buf && ber->ber_ptr <= ber->ber_end) << "the position left the data";
     EXPECT_EQ(Describe(out), c.outputs);
     if (c.tag != LBER_DEFAULT) {
         EXPECT_EQ(static_cast<size_t>(ber->ber_end - ber->ber_ptr), c.left);
@@ -142,28 +140,21 @@ auto CaseName = [](const testing::TestParamInfo<DecodeCase> &info) { return std:
 INSTANTIATE_TEST_SUITE_P(Reads, DecoderInputs, testing::ValuesIn(kReads), CaseName);
 INSTANTIATE_TEST_SUITE_P(Malformed, DecoderInputs, testing::ValuesIn(kMalformed), CaseName);
 
-// The end of a SET that claims more than the data is the end of the data;
-// an empty SET has no first member.
-TEST(DecoderReads, FirstElementEndsASetWithinTheData)
+// Five thousand members grow the array past its 1024-slot steps. The SET
+// claims more than the data; the end of the data is then its end.
+TEST(DecoderReads, LargeSetsGrowTheirArrayWithinTheData)
 {
+    Bytes many = Hex("31 84 7F FF FF FF");
+    for (int i = 0; i < 5000; i++)
+        many.insert(many.end(), {0x04, 0x00});
+    ScanOutputs out;
+    ASSERT_EQ(ScanByItems(ExactReader(many).get(), "V", out), 0x04u);
+    EXPECT_EQ(out.sets[0].size(), 5000u);
+    BerPtr ber = ExactReader(many);
     ber_len_t len = 0;
     char *last = nullptr;
-    BerPtr ber = ExactReader(Hex("31 84 7F FF FF FF 04 01 61"));
     ASSERT_EQ(fber_first_element(ber.get(), &len, &last), 0x04u);
     EXPECT_EQ(last, ber->ber_end);
-    EXPECT_EQ(fber_first_element(ExactReader(Hex("31 00 02 01 01")).get(), &len, &last), LBER_DEFAULT);
-}
-
-// Five thousand members grow the array past its 1024-slot steps.
-TEST(DecoderReads, LargeSetsGrowTheirArray)
-{
-    Bytes many = Hex("31 84 00 00 27 10");
-    for (int i = 0; i < 5000; i++)
-        many = Join({many, Hex("04 00")});
-    BerPtr ber = ExactReader(many);
-    ScanOutputs out;
-    ASSERT_EQ(ScanByItems(ber.get(), "V", out), 0x04u);
-    EXPECT_EQ(out.sets[0].size(), 5000u);
 }
 
 // Every sample decodes completely with its contents format; every proper
@@ -172,55 +163,33 @@ TEST(DecoderReads, LargeSetsGrowTheirArray)
 TEST(DecoderPrefixes, EveryPrefixOfEveryMessageFailsCleanly)
 {
     for (const SampleMessage &sample : SampleMessages()) {
-        SCOPED_TRACE(sample.name);
-        ASSERT_FALSE(sample.bytes.empty());
         // The contents, as the framing reader leaves them: past the outer
         // SEQUENCE header, which the encoder writes in six octets.
         const Bytes contents(sample.bytes.begin() + 6, sample.bytes.end());
-        ScanOutputs whole;
-        {
-            BerPtr ber = ExactReader(contents);
-            ASSERT_NE(ScanByItems(ber.get(), sample.contents_format, whole), LBER_DEFAULT);
-            EXPECT_EQ(ber->ber_ptr, ber->ber_end) << "the format does not read the whole message";
-        }
-        // The framed contents, and the whole message as fber_init2 gives it.
         const std::string full_format = "{" + sample.contents_format + "}";
+        ScanOutputs whole;
+        BerPtr ber = ExactReader(contents);
+        ASSERT_NE(ScanByItems(ber.get(), sample.contents_format, whole), LBER_DEFAULT) << sample.name;
+        ASSERT_EQ(ber->ber_ptr, ber->ber_end) << sample.name << ": the format does not read the whole message";
+        // The framed contents, and the whole message as fber_init2 gives it.
         for (const auto &[data, fmt] : {std::pair{&contents, &sample.contents_format},
                                         std::pair{&sample.bytes, &full_format}}) {
             for (size_t cut = 0; cut < data->size(); cut++) {
-                SCOPED_TRACE(testing::Message() << *fmt << " cut at " << cut);
-                BerPtr ber = ExactReader(data->data(), cut);
+                SCOPED_TRACE(testing::Message() << sample.name << " " << *fmt << " cut at " << cut);
+                ber = ExactReader(data->data(), cut);
                 ScanOutputs part;
                 zldap::mem_tracking_start(0);
                 ber_tag_t rc = ScanByItems(ber.get(), *fmt, part);
-                EXPECT_EQ(zldap::mem_tracking_stop().live, 0);
-                if (rc == LBER_DEFAULT)
-                    continue;
-                // Only a cut between the members of a SET OF may pass.
-                ASSERT_EQ(part.strings, whole.strings);
-                ASSERT_EQ(part.sets.size(), whole.sets.size());
-                EXPECT_LT(part.sets.back().size(), whole.sets.back().size());
+                ASSERT_EQ(zldap::mem_tracking_stop().live, 0);
+                // Only a cut between the members of a final SET OF may pass.
+                if (rc != LBER_DEFAULT) {
+                    ASSERT_EQ(part.strings, whole.strings);
+                    ASSERT_EQ(part.sets.size(), whole.sets.size());
+                    ASSERT_LT(part.sets.back().size(), whole.sets.back().size());
+                }
             }
         }
     }
-}
-
-TEST(DecoderPrefixes, EveryPrefixFailsTheNavigationReaders)
-{
-    const Bytes entry = SampleMessages()[1].bytes;
-    ber_len_t len = 0;
-    char *last = nullptr;
-    int n = 0;
-    for (size_t cut = 0; cut < 2; cut++) {
-        BerPtr ber = ExactReader(entry.data(), cut);
-        EXPECT_EQ(fber_get_tag(ber.get(), &len), LBER_DEFAULT);
-        EXPECT_EQ(fber_peek_tag(ber.get(), &len), LBER_DEFAULT);
-        EXPECT_EQ(fber_skip_element(ber.get()), -1);
-        EXPECT_EQ(fber_first_element(ber.get(), &len, &last), LBER_DEFAULT);
-    }
-    // The message id 02 01 07 past the outer header.
-    for (size_t cut = 0; cut < 3; cut++)
-        EXPECT_EQ(fber_get_int(ExactReader(entry.data() + 6, cut).get(), &n), LBER_DEFAULT) << cut;
 }
 
 // Decoding allocates one buffer per value; with the pass-through
@@ -240,15 +209,14 @@ TEST(DecoderTranslation, ConvertsNonEmptyValuesOfVersion3ElementsExceptRawOctets
 {
     // a "ab", O "cd", o "ef", s "gh", v {"x", ""}, V {"y"}
     Bytes bytes = Hex("04 02 61 62 04 02 63 64 04 02 65 66 04 02 67 68 31 05 04 01 78 04 00 31 03 04 01 79");
-    const char *fmt = "aOosvV";
     const uint32_t off = 0, on = 1;
     // Without conversion: a 1, O 2, o 1, s 0, v 2 members + the array and
     // its growth for the terminator, V array + berval + bytes: 11.
-    EXPECT_EQ(AllocationsToDecode(bytes, fmt, 2, nullptr), 11);
-    EXPECT_EQ(AllocationsToDecode(bytes, fmt, 3, &on), 11);
+    EXPECT_EQ(AllocationsToDecode(bytes, "aOosvV", 2, nullptr), 11);
+    EXPECT_EQ(AllocationsToDecode(bytes, "aOosvV", 3, &on), 11);
     // Converted: a, O, s, the non-empty member of v and the member of V.
-    EXPECT_EQ(AllocationsToDecode(bytes, fmt, 3, &off), 11 + 5);
-    EXPECT_EQ(AllocationsToDecode(bytes, fmt, 3, nullptr), 11 + 5);
+    EXPECT_EQ(AllocationsToDecode(bytes, "aOosvV", 3, &off), 11 + 5);
+    EXPECT_EQ(AllocationsToDecode(bytes, "aOosvV", 3, nullptr), 11 + 5);
 }
 
 // The legacy switch is read once per side, on that side's first use: the
@@ -258,10 +226,9 @@ TEST(DecoderTranslation, LegacyModeIsReadOnceBySideAndStopsConversion)
 {
     ZLDAP_IN_FRESH_PROCESS({
         setenv("LDAP_LEGACY_UTF8_XLATE_MODE", "", 1);
-        Bytes bytes = Hex("04 02 61 62");
-        EXPECT_EQ(AllocationsToDecode(bytes, "a", 3, nullptr), 1);
+        EXPECT_EQ(AllocationsToDecode(Hex("04 02 61 62"), "a", 3, nullptr), 1);
         unsetenv("LDAP_LEGACY_UTF8_XLATE_MODE");
-        EXPECT_EQ(AllocationsToDecode(bytes, "a", 3, nullptr), 1);
+        EXPECT_EQ(AllocationsToDecode(Hex("04 02 61 62"), "a", 3, nullptr), 1);
         BerPtr writer(fber_alloc());
         ASSERT_TRUE(SetStringSettings(writer.get(), 3, nullptr));
         zldap::mem_tracking_start(0);
@@ -280,12 +247,10 @@ TEST(DecoderTrace, DumpsThenGivesThePositionAndMasksPasswords)
     ASSERT_EQ(ScanByItems(ber.get(), "aa", out), 0x04u);
     EXPECT_EQ(out.strings[1], "secret");
     std::string text = capture.text();
-    EXPECT_NE(text.find("fber_scanf fmt (a) ber:\n"), std::string::npos) << text;
-    EXPECT_NE(text.find("fber_dump: buf="), std::string::npos) << text;
-    EXPECT_NE(text.find("          current len=24, contents:\n"), std::string::npos) << text;
-    EXPECT_NE(text.find("fber_scanf fmt (a) offset=16 length=24\n"), std::string::npos) << text;
+    for (const char *part : {"fber_scanf fmt (a) ber:\n", "fber_dump: buf=", "          current len=24, contents:\n",
+                             "fber_scanf fmt (a) offset=16 length=24\n", "xxxxxx"})
+        EXPECT_NE(text.find(part), std::string::npos) << part << " in\n" << text;
     EXPECT_EQ(text.find("secret"), std::string::npos) << text;
-    EXPECT_NE(text.find("xxxxxx"), std::string::npos) << text;
 }
 
 } // namespace

@@ -24,8 +24,6 @@ struct WireCase {
     int rc = 0;
 };
 
-void PrintTo(const WireCase &c, std::ostream *os) { *os << c.name; }
-
 // An encoding of fmt with these arguments (a tag must be a ber_tag_t).
 template <typename... Args> std::function<int(BerElement *)> Printf(const char *fmt, Args... args)
 {
@@ -36,40 +34,35 @@ char a_value[] = "a", bc_value[] = "bc";
 char *two_strings[] = {a_value, bc_value, nullptr}, *no_strings[] = {nullptr};
 struct berval bv_xy = {2, const_cast<char *>("xy")}, bv_empty = {0, nullptr}, bv_bad = {4, nullptr};
 struct berval *two_bervals[] = {&bv_xy, &bv_empty, nullptr}, *bad_second[] = {&bv_xy, &bv_bad, nullptr};
-char **no_array = nullptr;
-struct berval **no_bervals = nullptr;
-const char *no_text = nullptr;
 
 const WireCase kWireCases[] = {
-    {"SequenceOfEnumerated", Printf("{e}", 5), "30 84 00 00 00 03 0A 01 05"},
-    {"SequenceOfString", Printf("{s}", "ab"), "30 84 00 00 00 04 04 02 61 62"},
+    {"Sequences", Printf("{e}{s}", 5, "ab"), "30 84 00 00 00 03 0A 01 05 30 84 00 00 00 04 04 02 61 62"},
     {"IntegersShortUpTo127", Printf("iii", 0, 127, 128), "02 01 00 02 01 7F 02 04 00 00 00 80"},
     {"NegativeIntegers", Printf("iie", -1, INT_MIN, -5), "02 04 FF FF FF FF 02 04 80 00 00 00 0A 04 FF FF FF FB"},
     {"BooleansAndNull", Printf("bbbn", 1, -7, 0), "01 01 FF 01 01 FF 01 01 00 05 00"},
     {"OctetsKeepZeroBytes", Printf("os", "a\0b", 3, ""), "04 03 61 00 62 04 00"},
-    {"EmptySequence", Printf("{}"), "30 84 00 00 00 00"},
     {"SetWithBracketsEitherWay", Printf("[n}{n]"), "31 84 00 00 00 02 05 00 30 84 00 00 00 02 05 00"},
     {"NestedLengthsCountInnerHeaders", Printf("{{}}"), "30 84 00 00 00 06 30 84 00 00 00 00"},
-    {"TagReplacesSequenceTagOnce", Printf("t{i}{}", ber_tag_t{0x63}, 5), "63 84 00 00 00 03 02 01 05 30 84 00 00 00 00"},
-    {"TagAppliesToNextItemOnly", Printf("tii", ber_tag_t{0x80}, 1, 2), "80 01 01 02 01 02"},
-    {"TagWritesLowEightBits", Printf("tn", ber_tag_t{0x1A1}), "A1 00"},
+    {"TagReplacesSequenceTagOnce", Printf("t{i}{}", ber_tag_t{0x63}, 5),
+     "63 84 00 00 00 03 02 01 05 30 84 00 00 00 00"},
+    {"TagAppliesToNextItemOnlyAndWritesItsLowEightBits", Printf("tiitn", ber_tag_t{0x80}, 1, 2, ber_tag_t{0x1A1}),
+     "80 01 01 02 01 02 A1 00"},
     {"TagCarriesOverToTheNextCall",
      [](BerElement *b) { return fber_printf(b, "t", ber_tag_t{0x87}) || fber_printf(b, "ss", "x", "y"); },
      "87 01 78 04 01 79"},
     {"BitStrings", Printf("BBB", "\xA0", 3, "\x12\x34", 16, "", 0), "03 02 05 A0 03 03 00 12 34 03 01 00"},
-    {"StringArray", Printf("v", two_strings), "04 01 61 04 02 62 63"},
+    {"StringAndBervalArrays", Printf("vV", two_strings, two_bervals), "04 01 61 04 02 62 63 04 02 78 79 04 00"},
     {"TagAppliesToEveryMember", Printf("tvn", ber_tag_t{0x81}, two_strings), "81 01 61 81 02 62 63 05 00"},
-    {"NullStringArrayEmitsNothing", Printf("[v]", no_array), "31 84 00 00 00 00"},
+    {"NullStringArrayEmitsNothing", Printf("[v]", static_cast<char **>(nullptr)), "31 84 00 00 00 00"},
     {"EmptyStringArrayEmitsNothing", Printf("v", no_strings), ""},
-    {"BervalArray", Printf("V", two_bervals), "04 02 78 79 04 00"},
-    {"NullBervalArrayEmitsNothing", Printf("tVn", ber_tag_t{0x81}, no_bervals), "05 00"},
+    {"NullBervalArrayEmitsNothing", Printf("tVn", ber_tag_t{0x81}, static_cast<berval **>(nullptr)), "05 00"},
     {"EmptyFormat", Printf(""), ""},
     {"UnknownFormatCharacter", Printf("nqn"), "05 00", -1},
     {"CloseWithoutOpen", Printf("{}}"), "30 84 00 00 00 00", -1},
-    {"NullString", Printf("ns", no_text), "05 00", -1},
+    {"NullString", Printf("ns", static_cast<char *>(nullptr)), "05 00", -1},
     {"NegativeOctetLength", Printf("o", "abc", -1), "", -1},
     {"NegativeBitCount", Printf("B", "abc", -8), "", -1},
-    {"OctetsWithoutData", Printf("o", no_text, 3), "", -1},
+    {"OctetsWithoutData", Printf("o", static_cast<char *>(nullptr), 3), "", -1},
     {"FailingArrayMemberKeepsEarlierOnes", Printf("V", bad_second), "04 02 78 79", -1},
 };
 
@@ -81,9 +74,7 @@ TEST_P(EncoderWireForm, WritesExactly)
     BerPtr ber(fber_alloc());
     ASSERT_EQ(c.encode(ber.get()), c.rc);
     EXPECT_EQ(ToHex(Written(ber.get())), ToHex(Hex(c.expected)));
-    if (c.rc == 0) {
-        EXPECT_EQ(ber->ber_len, Written(ber.get()).size()) << "ber_len records the bytes encoded";
-    }
+    EXPECT_TRUE(c.rc != 0 || ber->ber_len == Written(ber.get()).size()) << "ber_len records the bytes encoded";
 }
 
 INSTANTIATE_TEST_SUITE_P(Items, EncoderWireForm, testing::ValuesIn(kWireCases),
@@ -152,6 +143,15 @@ long AllocationsToEncode(int32_t version, const uint32_t *no_xlate, const std::f
     return counters.allocations;
 }
 
+int PrintfWithMode(BerElement *ber, int mode, const char *fmt, ...)
+{
+    va_list ap;
+    va_start(ap, fmt);
+    int rc = vfber_printf(ber, fmt, ap, mode);
+    va_end(ap);
+    return rc;
+}
+
 TEST(EncoderTranslation, ConvertsEachNonEmptyStringOfVersion3Elements)
 {
     const uint32_t off = 0, on = 1;
@@ -164,7 +164,7 @@ TEST(EncoderTranslation, ConvertsEachNonEmptyStringOfVersion3Elements)
     EXPECT_EQ(AllocationsToEncode(3, &on, strings), 0);
     EXPECT_EQ(AllocationsToEncode(3, nullptr, [](BerElement *b) { return fber_printf_noxlate(b, "ss", "a", "b"); }),
               0);
-    EXPECT_EQ(AllocationsToEncode(3, nullptr, [](BerElement *b) { return fber_printf(b, "inbB", 1, 1, "", 0); }), 0);
+    EXPECT_EQ(AllocationsToEncode(3, &on, [](BerElement *b) { return PrintfWithMode(b, 1, "s", "abc"); }), 1);
 }
 
 TEST(BerElement, MissingArgumentsAndOtherKindsOfElementAreRefused)
@@ -188,7 +188,6 @@ TEST(BerElement, CopiesInAndOutAndResets)
         std::string value(size, 'k');
         struct berval bv = {value.size(), value.data()};
         BerPtr ber(fber_init2(&bv));
-        ASSERT_TRUE(ber);
         EXPECT_EQ(std::string(ber->ber_ptr, ber->ber_end), value) << size;
     }
     BerPtr ber(fber_alloc());
@@ -197,12 +196,10 @@ TEST(BerElement, CopiesInAndOutAndResets)
     ASSERT_EQ(fber_flatten(ber.get(), &bv), 0);
     EXPECT_EQ(std::string(bv->bv_val, bv->bv_len + 1), std::string("\x30\x84\0\0\0\x04\x04\x02" "ab\0", 11));
     ber_bvfree(bv);
-    ASSERT_EQ(fber_flatten(nullptr, &bv), 0);
-    EXPECT_EQ(bv->bv_len, 0u);
-    EXPECT_EQ(bv->bv_val, nullptr);
-    ber_bvfree(bv);
     EXPECT_EQ(fber_flatten(ber.get(), nullptr), -1);
-    EXPECT_EQ(fber_init2(nullptr), nullptr);
+    ASSERT_EQ(fber_flatten(nullptr, &bv), 0) << "no element flattens to an empty value";
+    EXPECT_TRUE(bv->bv_len == 0 && !bv->bv_val);
+    ber_bvfree(bv);
     ber->ber_rwptr = ber->ber_buf;
     fber_reset(ber.get(), 0);
     EXPECT_EQ(ber->ber_ptr, ber->ber_end);
@@ -210,25 +207,20 @@ TEST(BerElement, CopiesInAndOutAndResets)
 }
 
 // Elements made for a handle copy its version and translation flag at
-// creation; a new handle says "do not translate", so its requests carry
-// strings byte for byte.
+// creation; later changes to the handle do not reach them.
 TEST(BerElement, HandleElementsCopyTheSettingsAtCreation)
 {
     LDAP *ld = ldap_init("localhost", 389);
     ASSERT_NE(ld, nullptr);
-    BerPtr fresh(new_ldap_ber(ld, 0));
-    zldap::mem_tracking_start(0);
-    EXPECT_EQ(fber_printf(fresh.get(), "{s}", "caf\xC3\xA9"), 0);
-    EXPECT_EQ(zldap::mem_tracking_stop().allocations, 0);
     ld->ld_version = 2;
-    ld->ld_no_xlate = 0;
+    ld->ld_no_xlate = 7;
     BerPtr writer(new_ldap_ber(ld, 0)), reader(new_ldap_ber(ld, 1));
     ld->ld_version = 3;
+    ld->ld_no_xlate = 0;
     for (BerElement *ber : {writer.get(), reader.get()})
-        EXPECT_EQ(std::pair(*ber->ber_version, *ber->ber_no_xlate), std::pair(2, 0u));
+        EXPECT_EQ(std::pair(*ber->ber_version, *ber->ber_no_xlate), std::pair(2, 7u));
     EXPECT_EQ(writer->ber_end - writer->ber_buf, kFberDefaultSize);
     EXPECT_EQ(reader->ber_end - reader->ber_buf, 0) << "a reader gets its buffer when framed";
-    EXPECT_EQ(new_ldap_ber(nullptr, 0), nullptr);
     EXPECT_EQ(ldap_unbind(ld), 0);
 }
 
