@@ -210,12 +210,9 @@ inline ber_tag_t ScanByItems(BerElement *ber, const std::string &fmt, ScanOutput
         case '}':
         case ']':
             break;
-        case 'n':
-        case 'x':
+        default: // n, x and characters the codec does not know
             tag = fber_scanf(ber, item);
             break;
-        default:
-            return LBER_DEFAULT;
         }
         rc = tag;
     }

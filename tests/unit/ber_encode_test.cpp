@@ -172,6 +172,9 @@ TEST(BerElement, MissingArgumentsAndOtherKindsOfElementAreRefused)
     BerPtr ber(fber_alloc());
     EXPECT_EQ(fber_printf(nullptr, "n"), -1);
     EXPECT_EQ(fber_scanf(nullptr, "a"), LBER_DEFAULT);
+    EXPECT_EQ(fber_peek_tag(nullptr, nullptr), LBER_DEFAULT);
+    EXPECT_EQ(fber_init2(nullptr), nullptr);
+    EXPECT_EQ(new_ldap_ber(nullptr, 0), nullptr);
     EXPECT_EQ(fber_write(ber.get(), nullptr, 3), -1);
     // An element of another kind is left alone, with success.
     ber->ber_options = 0;

@@ -73,7 +73,6 @@ TEST(UrlParse, IsLdapUrl)
     EXPECT_EQ(ldap_is_ldap_url("ldap://x"), 1);
     EXPECT_EQ(ldap_is_ldap_url("<URL:LDAPS://x>"), 1);
     EXPECT_EQ(ldap_is_ldap_url("ldapx://x"), 0);
-    EXPECT_EQ(ldap_is_ldap_url(nullptr), 0);
 }
 
 } // namespace
