@@ -24,8 +24,9 @@ long ExpectEachAllocationFailure(const AllocFaultScenario &scenario)
         zldap::mem_tracking_start(n);
         int rc = scenario.run();
         zldap::AllocCounters after = zldap::mem_tracking_stop();
-        if (!(scenario.also_acceptable && scenario.also_acceptable(rc)))
+        if (!(scenario.also_acceptable && scenario.also_acceptable(rc))) {
             EXPECT_EQ(rc, scenario.expected_on_failure);
+        }
         EXPECT_EQ(after.live, 0) << "blocks leaked";
         if (scenario.check_usable)
             scenario.check_usable();

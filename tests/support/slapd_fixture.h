@@ -7,9 +7,7 @@
 #include "test_util.h"
 
 #include <string>
-#include <sys/stat.h>
 #include <sys/types.h>
-#include <vector>
 
 namespace zldap_test {
 
@@ -39,10 +37,6 @@ public:
     std::string host() const { return "127.0.0.1:" + std::to_string(port_); }
     std::string url() const { return "ldap://127.0.0.1:" + std::to_string(port_); }
     const SlapdData &data() const { return data_; }
-    // The data's entries with escaped characters in their DNs.
-    static std::vector<std::string> EscapedDns();
-    // Their cn values, unescaped, in the same order.
-    static std::vector<std::string> EscapedNames();
 
     void Stop();
 
