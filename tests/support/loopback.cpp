@@ -96,7 +96,7 @@ int LoopbackListener::Drain() const
     return count;
 }
 
-RefusedPort::RefusedPort(int family) : fd_(bound_loopback_socket(family, port_)) {}
+RefusedPort::RefusedPort(int family) { fd_ = bound_loopback_socket(family, port_); }
 
 LocalListener::LocalListener(const std::string &path, int backlog)
 {
