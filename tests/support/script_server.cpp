@@ -58,16 +58,8 @@ std::optional<Request> ScriptConnection::Read(std::chrono::milliseconds wait)
     return request;
 }
 
-void ScriptConnection::Send(const Bytes &bytes)
-{
-    size_t sent = 0;
-    while (fd_.get() >= 0 && sent < bytes.size()) {
-        ssize_t n = send(fd_.get(), bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL);
-        if (n <= 0)
-            return;
-        sent += static_cast<size_t>(n);
-    }
-}
+// A blocking send writes everything; a peer that has gone is no error here.
+void ScriptConnection::Send(const Bytes &bytes) { send(fd_.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL); }
 
 void ScriptConnection::Close()
 {

@@ -76,7 +76,6 @@ std::string Data(const SlapdData &data)
     std::ostringstream l;
     l << "dn: dc=example,dc=com\nobjectClass: dcObject\nobjectClass: organization\no: Example\ndc: example\n\n"
          "dn: ou=people,dc=example,dc=com\nobjectClass: organizationalUnit\nou: people\n\n"
-         "dn: ou=groups,dc=example,dc=com\nobjectClass: organizationalUnit\nou: groups\n\n"
          "dn: ou=special,dc=example,dc=com\nobjectClass: organizationalUnit\nou: special\n\n"
          "dn: ou=scratch,dc=example,dc=com\nobjectClass: organizationalUnit\nou: scratch\n\n";
     for (int i = 0; i < data.people; i++) {
@@ -85,8 +84,7 @@ std::string Data(const SlapdData &data)
         l << "dn: uid=" << uid << ",ou=people,dc=example,dc=com\n"
           << "objectClass: inetOrgPerson\nuid: " << uid << "\ncn: User " << i << "\nsn: Number" << i << "\n"
           << "mail: " << uid << "@example.com\nmail: " << uid << "@mail.example.com\n"
-          << "telephoneNumber: +1 555 " << 1000 + i << "\n"
-          << "employeeNumber: " << i << "\n";
+          << "telephoneNumber: +1 555 " << 1000 + i << "\n";
         if (i % 10 == 0) {
             std::string photo("\x89PNG\0\0\x01\x02", 8);
             photo += std::string(1, static_cast<char>(i % 256)) + std::string("\0end", 4);
@@ -94,13 +92,6 @@ std::string Data(const SlapdData &data)
         }
         l << "\n";
     }
-    l << "dn: cn=staff,ou=groups,dc=example,dc=com\nobjectClass: groupOfNames\ncn: staff\n";
-    for (int i = 0; i < data.people && i < 5; i++) {
-        char uid[16];
-        std::snprintf(uid, sizeof uid, "user%03d", i);
-        l << "member: uid=" << uid << ",ou=people,dc=example,dc=com\n";
-    }
-    l << "\n";
     // Entries whose names need escaping in a DN: the DN as stored, its cn.
     const std::pair<const char *, const char *> escaped[] = {
         {"Smith\\, John", "Smith, John"}, {"a\\+b", "a+b"}, {"\\\"quoted\\\"", "\"quoted\""},

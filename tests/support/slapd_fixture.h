@@ -28,12 +28,9 @@ public:
 
     explicit Slapd(const SlapdData &data = {});
     ~Slapd();
-    Slapd(const Slapd &) = delete;
-    Slapd &operator=(const Slapd &) = delete;
 
     bool running() const { return pid_ > 0; }
     const std::string &error() const { return error_; }
-    int port() const { return port_; }
     std::string host() const { return "127.0.0.1:" + std::to_string(port_); }
     std::string url() const { return "ldap://127.0.0.1:" + std::to_string(port_); }
     const SlapdData &data() const { return data_; }

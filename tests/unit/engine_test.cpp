@@ -31,6 +31,22 @@ struct Handle {
     LDAP *ld;
 };
 
+// A handle on a server that answers the first request through `answer`
+// (given its id) and then holds the connection open for a while.
+struct FirstRequest {
+    explicit FirstRequest(std::function<void(ScriptConnection &, int id)> answer)
+        : server([answer](ScriptConnection &c) {
+              if (auto r = c.Read()) {
+                  answer(c, r->id);
+                  c.Read(5s);
+              }
+          })
+    {
+    }
+    ScriptServer server;
+    Handle h{server};
+};
+
 // ldap_result for the whole chain of id, waiting at most `wait`.
 int All(LDAP *ld, int id, LDAPMessage **res, struct timeval wait = {10, 0})
 {
@@ -87,17 +103,13 @@ TEST(Send, ARefusedConnectionFailsTheRequestAndKeepsNothing)
 TEST(Result, ATimeOutInTheMiddleOfAnElementContinuesWithTheSameElement)
 {
     std::atomic<bool> send_rest{false};
-    ScriptServer server([&](ScriptConnection &c) {
-        auto r = c.Read();
-        if (!r)
-            return;
-        Bytes answer = wire::Result(r->id, kDelResp, 0, "", "split answer");
+    FirstRequest s([&](ScriptConnection &c, int id) {
+        Bytes answer = wire::Result(id, kDelResp, 0, "", "split answer");
         c.Send(Bytes(answer.begin(), answer.begin() + 7));
         AwaitFlag(send_rest);
         c.Send(Bytes(answer.begin() + 7, answer.end()));
-        c.Read(5s);
     });
-    Handle h(server);
+    Handle &h = s.h;
     int id = 0;
     ASSERT_EQ(SendDelete(h.ld, "cn=split", &id), 0);
     LDAPMessage *res = nullptr;
@@ -114,16 +126,12 @@ TEST(Result, ATimeOutInTheMiddleOfAnElementContinuesWithTheSameElement)
 TEST(Result, AnAllTimeOutKeepsWhatItGatheredForTheNextCall)
 {
     std::atomic<bool> finish{false};
-    ScriptServer server([&](ScriptConnection &c) {
-        auto r = c.Read();
-        if (!r)
-            return;
-        c.Send(wire::Entry(r->id, "cn=first", {{"cn", {"first"}}}));
+    FirstRequest s([&](ScriptConnection &c, int id) {
+        c.Send(wire::Entry(id, "cn=first", {{"cn", {"first"}}}));
         AwaitFlag(finish);
-        c.Send(Concat(wire::Entry(r->id, "cn=second", {}), wire::Result(r->id, kDone, 0)));
-        c.Read(5s);
+        c.Send(Concat(wire::Entry(id, "cn=second", {}), wire::Result(id, kDone, 0)));
     });
-    Handle h(server);
+    Handle &h = s.h;
     int id = 0;
     ASSERT_EQ(SendDelete(h.ld, "cn=slow", &id), 0);
     LDAPMessage *res = nullptr;
@@ -140,14 +148,10 @@ TEST(Result, AnAllTimeOutKeepsWhatItGatheredForTheNextCall)
 
 TEST(Result, NotificationsWithIdZeroGoToRowZero)
 {
-    ScriptServer server([](ScriptConnection &c) {
-        auto r = c.Read();
-        if (!r)
-            return;
-        c.Send(Concat(wire::Result(0, 0x78, 52, "", "shutting down"), wire::Result(r->id, kDelResp, 0)));
-        c.Read(5s);
+    FirstRequest s([](ScriptConnection &c, int id) {
+        c.Send(Concat(wire::Result(0, 0x78, 52, "", "shutting down"), wire::Result(id, kDelResp, 0)));
     });
-    Handle h(server);
+    Handle &h = s.h;
     int id = 0;
     ASSERT_EQ(SendDelete(h.ld, "cn=x", &id), 0);
     LDAPMessage *res = nullptr;
@@ -162,17 +166,13 @@ TEST(Result, NotificationsWithIdZeroGoToRowZero)
 
 TEST(Result, ResponsesThatBelongNowhereAreThrownAway)
 {
-    ScriptServer server([](ScriptConnection &c) {
-        auto r = c.Read();
-        if (!r)
-            return;
+    FirstRequest s([](ScriptConnection &c, int id) {
         c.Send(wire::Result(9999, kDelResp, 0)); // beyond the table
         c.Send(wire::Result(200, kDelResp, 0));  // a row without a request
         c.Send(Encode([](BerElement *ber) { return fber_printf(ber, "{s}", "no id"); }));
-        c.Send(wire::Result(r->id, kDelResp, 0));
-        c.Read(5s);
+        c.Send(wire::Result(id, kDelResp, 0));
     });
-    Handle h(server);
+    Handle &h = s.h;
     int id = 0;
     ASSERT_EQ(SendDelete(h.ld, "cn=x", &id), 0);
     LDAPMessage *res = nullptr;
@@ -215,11 +215,8 @@ TEST(Result, ATimedOutSearchIsOrphanedAndReleasedWhenItsResultArrives)
 
 TEST(Result, AClosedConnectionFailsEveryLaterCallAtOnce)
 {
-    ScriptServer server([](ScriptConnection &c) {
-        c.Read();
-        c.Close();
-    });
-    Handle h(server);
+    FirstRequest s([](ScriptConnection &c, int) { c.Close(); });
+    Handle &h = s.h;
     int id = 0;
     ASSERT_EQ(SendDelete(h.ld, "cn=x", &id), 0);
     LDAPMessage *res = nullptr;
@@ -229,18 +226,17 @@ TEST(Result, AClosedConnectionFailsEveryLaterCallAtOnce)
     struct timeval tv {10, 0};
     EXPECT_EQ(ldap_get_msg(h.ld, h.ld->ld_defconn, &tv), LDAP_SERVER_DOWN);
     EXPECT_EQ(SendDelete(h.ld, "cn=y", &id), LDAP_SERVER_DOWN);
-    EXPECT_EQ(server.connections(), 1) << "no new connection is tried";
+    EXPECT_EQ(s.server.connections(), 1) << "no new connection is tried";
 }
 
 TEST(Result, AWriteToAVanishedServerClosesTheConnection)
 {
     std::atomic<bool> closed{false};
-    ScriptServer server([&](ScriptConnection &c) {
-        c.Read();
+    FirstRequest s([&](ScriptConnection &c, int) {
         c.Close();
         closed = true;
     });
-    Handle h(server);
+    Handle &h = s.h;
     int id = 0;
     ASSERT_EQ(SendDelete(h.ld, "cn=x", &id), 0);
     ReleaseRow(h.ld, id);

@@ -113,7 +113,8 @@ LDAPMod add_binary{LDAP_MOD_ADD | LDAP_MOD_BVALUES, const_cast<char *>("photo"),
 LDAPMod delete_op{LDAP_MOD_DELETE, const_cast<char *>("objectClass"), {tops}};
 LDAPMod *replaces[] = {&replace, nullptr}, *binary_adds[] = {&add_binary, nullptr}, *deletes[] = {&delete_op, nullptr};
 struct berval a_value {1, const_cast<char *>("a")};
-struct timeval ten_s {10, 0}, seven_s {7, 0}, some_us {0, 300000}, zero {0, 0};
+struct timeval ten_s {10, 0}, some_us {0, 300000}, zero {0, 0};
+
 const WireCase kCases[] = {
     // ---- binds
     {"SimpleBind", [](LDAP *ld) { return ldap_simple_bind_s(ld, "cn=a", nullptr); },
@@ -204,8 +205,6 @@ const WireCase kCases[] = {
      SearchRequest("27 04 03 6F 3D 78 0A 01 02 0A 01 00 02 01 00 02 01 1E 01 01 00"), Found(0), 0},
     {"SearchStTakesBothLimitsFromTheHandle", SearchSt(&ten_s),
      SearchRequest("27 04 03 6F 3D 78 0A 01 00 0A 01 00 02 01 64 02 01 1E 01 01 00"), Found(0), 0},
-    {"SearchExtSSendsTheSecondsOfItsTimeOut", SearchExtS(&seven_s, 5),
-     SearchRequest("27 04 03 6F 3D 78 0A 01 00 0A 01 00 02 01 05 02 01 07 01 01 00"), Found(0), 0},
     {"SearchExtSSendsOneSecondForMicroseconds", SearchExtS(&some_us, 5),
      SearchRequest("27 04 03 6F 3D 78 0A 01 00 0A 01 00 02 01 05 02 01 01 01 01 00"), Found(0), 0},
     {"SearchExtSWithoutTimeOutSendsTheHandlesTimeLimit", SearchExtS(nullptr, 5),
@@ -213,9 +212,6 @@ const WireCase kCases[] = {
     {"SearchWithoutBaseOrAttributes",
      [](LDAP *ld) { return Searched(ldap_search_s(ld, nullptr, LDAP_SCOPE_ONELEVEL, "(cn=a)", nullptr, 1, &res)); },
      SearchRequest("24 04 00 0A 01 01 0A 01 00 02 01 00 02 01 1E 01 01 FF"), Found(0), 0},
-    {"SearchReturnsTheServersCode", SearchS(LDAP_SCOPE_BASE),
-     SearchRequest("27 04 03 6F 3D 78 0A 01 00 0A 01 00 02 01 00 02 01 1E 01 01 00"), Found(LDAP_NO_SUCH_OBJECT),
-     LDAP_NO_SUCH_OBJECT},
     {"SearchStWithAZeroTimeOutPollsOnce", SearchSt(&zero),
      SearchRequest("27 04 03 6F 3D 78 0A 01 00 0A 01 00 02 01 64 02 01 1E 01 01 00"), {}, LDAP_TIMEOUT},
     {"SearchExtSWithAZeroTimeOutWaitsWithoutLimit", SearchExtS(&zero, 0),
