@@ -137,6 +137,9 @@ TEST(Result, AnAllTimeOutKeepsWhatItGatheredForTheNextCall)
     LDAPMessage *res = nullptr;
     EXPECT_EQ(All(h.ld, id, &res, {0, 300000}), 0);
     EXPECT_EQ(res, nullptr);
+    struct timeval tv {10, 0};
+    ASSERT_EQ(ldap_result(h.ld, id, LDAP_MSG_ONE, &tv, &res), kEntry);
+    EXPECT_EQ(res, TableOf(h.ld)->rows[id].first_result) << "the first entry is handed out again";
     finish = true;
     ASSERT_EQ(All(h.ld, id, &res), kDone);
     std::vector<int> types;

@@ -104,14 +104,15 @@ LDAPControl *critical[] = {&critical_control, nullptr};
 LDAPControl plain_control{const_cast<char *>("1.2.3"), {0, nullptr}, 0};
 LDAPControl *plain[] = {&plain_control, nullptr};
 LDAPControl *none[] = {nullptr};
-char x[] = "x", top[] = "top", bytes[] = {'a', '\0', 'b'};
-char *xs[] = {x, nullptr}, *tops[] = {top, nullptr};
+char x[] = "x", bytes[] = {'a', '\0', 'b'};
+char *xs[] = {x, nullptr};
 struct berval binary {3, bytes};
 struct berval *binaries[] = {&binary, nullptr};
 LDAPMod replace{LDAP_MOD_REPLACE, const_cast<char *>("description"), {xs}};
 LDAPMod add_binary{LDAP_MOD_ADD | LDAP_MOD_BVALUES, const_cast<char *>("photo"), {reinterpret_cast<char **>(binaries)}};
-LDAPMod delete_op{LDAP_MOD_DELETE, const_cast<char *>("objectClass"), {tops}};
-LDAPMod *replaces[] = {&replace, nullptr}, *binary_adds[] = {&add_binary, nullptr}, *deletes[] = {&delete_op, nullptr};
+LDAPMod delete_binary{LDAP_MOD_DELETE | LDAP_MOD_BVALUES, const_cast<char *>("photo"),
+                      {reinterpret_cast<char **>(binaries)}};
+LDAPMod *replaces[] = {&replace, nullptr}, *binary_adds[] = {&add_binary, nullptr}, *binary_deletes[] = {&delete_binary, nullptr};
 struct berval a_value {1, const_cast<char *>("a")};
 struct timeval ten_s {10, 0}, some_us {0, 300000}, zero {0, 0};
 
@@ -165,9 +166,9 @@ const WireCase kCases[] = {
      "66 84 00 00 00 2D 04 04 63 6E 3D 61 30 84 00 00 00 21 30 84 00 00 00 1B 0A 01 00 30 84 00 00 00 12 04 05 70 68 "
      "6F 74 6F 31 84 00 00 00 05 04 03 61 00 62",
      Done(0x67), 1},
-    {"AddIgnoresTheOperationCode", [](LDAP *ld) { return ldap_add_s(ld, "cn=a", deletes); },
-     "68 84 00 00 00 2A 04 04 63 6E 3D 61 30 84 00 00 00 1E 30 84 00 00 00 18 04 0B 6F 62 6A 65 63 74 43 6C 61 73 73 "
-     "31 84 00 00 00 05 04 03 74 6F 70",
+    {"AddIgnoresTheOperationCodeButNotTheBinaryFlag", [](LDAP *ld) { return ldap_add_s(ld, "cn=a", binary_deletes); },
+     "68 84 00 00 00 24 04 04 63 6E 3D 61 30 84 00 00 00 18 30 84 00 00 00 12 04 05 70 68 6F 74 6F 31 84 00 00 00 05 "
+     "04 03 61 00 62",
      Done(0x69), 0},
     {"Delete", [](LDAP *ld) { return ldap_delete(ld, "cn=gone"); }, "4A 07 63 6E 3D 67 6F 6E 65", Done(0x6B), 1},
     {"DeleteWithoutADn", [](LDAP *ld) { return ldap_delete_s(ld, nullptr); }, "", {}, LDAP_PARAM_ERROR},
