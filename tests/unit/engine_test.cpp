@@ -43,8 +43,9 @@ struct FirstRequest {
           })
     {
     }
+    ~FirstRequest() { ldap_unbind(ld); }
     ScriptServer server;
-    Handle h{server};
+    LDAP *ld = HandleFor(server);
 };
 
 // ldap_result for the whole chain of id, waiting at most `wait`.
@@ -109,18 +110,17 @@ TEST(Result, ATimeOutInTheMiddleOfAnElementContinuesWithTheSameElement)
         AwaitFlag(send_rest);
         c.Send(Bytes(answer.begin() + 7, answer.end()));
     });
-    Handle &h = s.h;
     int id = 0;
-    ASSERT_EQ(SendDelete(h.ld, "cn=split", &id), 0);
+    ASSERT_EQ(SendDelete(s.ld, "cn=split", &id), 0);
     LDAPMessage *res = nullptr;
-    EXPECT_EQ(All(h.ld, id, &res, {0, 200000}), 0);
+    EXPECT_EQ(All(s.ld, id, &res, {0, 200000}), 0);
     EXPECT_EQ(res, nullptr);
-    EXPECT_EQ(ldap_get_errno(h.ld), LDAP_TIMEOUT);
-    EXPECT_NE(TableOf(h.ld)->partial, nullptr) << "the half-read element is kept";
+    EXPECT_EQ(ldap_get_errno(s.ld), LDAP_TIMEOUT);
+    EXPECT_NE(TableOf(s.ld)->partial, nullptr) << "the half-read element is kept";
     send_rest = true;
-    ASSERT_EQ(All(h.ld, id, &res), kDelResp);
+    ASSERT_EQ(All(s.ld, id, &res), kDelResp);
     EXPECT_EQ(res->msg_id, id);
-    ReleaseRow(h.ld, id);
+    ReleaseRow(s.ld, id);
 }
 
 TEST(Result, AnAllTimeOutKeepsWhatItGatheredForTheNextCall)
@@ -131,22 +131,21 @@ TEST(Result, AnAllTimeOutKeepsWhatItGatheredForTheNextCall)
         AwaitFlag(finish);
         c.Send(Concat(wire::Entry(id, "cn=second", {}), wire::Result(id, kDone, 0)));
     });
-    Handle &h = s.h;
     int id = 0;
-    ASSERT_EQ(SendDelete(h.ld, "cn=slow", &id), 0);
+    ASSERT_EQ(SendDelete(s.ld, "cn=slow", &id), 0);
     LDAPMessage *res = nullptr;
-    EXPECT_EQ(All(h.ld, id, &res, {0, 300000}), 0);
+    EXPECT_EQ(All(s.ld, id, &res, {0, 300000}), 0);
     EXPECT_EQ(res, nullptr);
     struct timeval tv {10, 0};
-    ASSERT_EQ(ldap_result(h.ld, id, LDAP_MSG_ONE, &tv, &res), kEntry);
-    EXPECT_EQ(res, TableOf(h.ld)->rows[id].first_result) << "the first entry is handed out again";
+    ASSERT_EQ(ldap_result(s.ld, id, LDAP_MSG_ONE, &tv, &res), kEntry);
+    EXPECT_EQ(res, TableOf(s.ld)->rows[id].first_result) << "the first entry is handed out again";
     finish = true;
-    ASSERT_EQ(All(h.ld, id, &res), kDone);
+    ASSERT_EQ(All(s.ld, id, &res), kDone);
     std::vector<int> types;
     for (LDAPMessage *m = res; m; m = m->msg_next)
         types.push_back(m->msg_type);
     EXPECT_EQ(types, (std::vector<int>{kEntry, kEntry, kDone}));
-    ReleaseRow(h.ld, id);
+    ReleaseRow(s.ld, id);
 }
 
 TEST(Result, NotificationsWithIdZeroGoToRowZero)
@@ -154,17 +153,16 @@ TEST(Result, NotificationsWithIdZeroGoToRowZero)
     FirstRequest s([](ScriptConnection &c, int id) {
         c.Send(Concat(wire::Result(0, 0x78, 52, "", "shutting down"), wire::Result(id, kDelResp, 0)));
     });
-    Handle &h = s.h;
     int id = 0;
-    ASSERT_EQ(SendDelete(h.ld, "cn=x", &id), 0);
+    ASSERT_EQ(SendDelete(s.ld, "cn=x", &id), 0);
     LDAPMessage *res = nullptr;
-    ASSERT_EQ(All(h.ld, id, &res), kDelResp);
+    ASSERT_EQ(All(s.ld, id, &res), kDelResp);
     struct timeval tv {10, 0};
-    ASSERT_EQ(ldap_result(h.ld, 0, LDAP_MSG_ONE, &tv, &res), 0x78);
+    ASSERT_EQ(ldap_result(s.ld, 0, LDAP_MSG_ONE, &tv, &res), 0x78);
     EXPECT_EQ(res->msg_id, 0);
-    EXPECT_FALSE(TableOf(h.ld)->rows[0].flags & LDAP_ROW_DONE) << "row 0 never completes";
-    EXPECT_EQ(All(h.ld, 0, &res), -1) << "id 0 is refused for a whole chain";
-    ReleaseRow(h.ld, id);
+    EXPECT_FALSE(TableOf(s.ld)->rows[0].flags & LDAP_ROW_DONE) << "row 0 never completes";
+    EXPECT_EQ(All(s.ld, 0, &res), -1) << "id 0 is refused for a whole chain";
+    ReleaseRow(s.ld, id);
 }
 
 TEST(Result, ResponsesThatBelongNowhereAreThrownAway)
@@ -175,15 +173,14 @@ TEST(Result, ResponsesThatBelongNowhereAreThrownAway)
         c.Send(Encode([](BerElement *ber) { return fber_printf(ber, "{s}", "no id"); }));
         c.Send(wire::Result(id, kDelResp, 0));
     });
-    Handle &h = s.h;
     int id = 0;
-    ASSERT_EQ(SendDelete(h.ld, "cn=x", &id), 0);
+    ASSERT_EQ(SendDelete(s.ld, "cn=x", &id), 0);
     LDAPMessage *res = nullptr;
-    ASSERT_EQ(All(h.ld, id, &res), kDelResp);
+    ASSERT_EQ(All(s.ld, id, &res), kDelResp);
     EXPECT_EQ(res->msg_id, id);
     EXPECT_EQ(res->msg_next, nullptr);
-    EXPECT_EQ(TableOf(h.ld)->rows[200].first_result, nullptr);
-    ReleaseRow(h.ld, id);
+    EXPECT_EQ(TableOf(s.ld)->rows[200].first_result, nullptr);
+    ReleaseRow(s.ld, id);
 }
 
 // A search that times out is orphaned; its row goes when its result
@@ -219,16 +216,15 @@ TEST(Result, ATimedOutSearchIsOrphanedAndReleasedWhenItsResultArrives)
 TEST(Result, AClosedConnectionFailsEveryLaterCallAtOnce)
 {
     FirstRequest s([](ScriptConnection &c, int) { c.Close(); });
-    Handle &h = s.h;
     int id = 0;
-    ASSERT_EQ(SendDelete(h.ld, "cn=x", &id), 0);
+    ASSERT_EQ(SendDelete(s.ld, "cn=x", &id), 0);
     LDAPMessage *res = nullptr;
-    EXPECT_EQ(All(h.ld, id, &res), -1);
-    EXPECT_EQ(ldap_get_errno(h.ld), LDAP_SERVER_DOWN);
-    EXPECT_TRUE(lconn_is_closed(h.ld->ld_defconn));
+    EXPECT_EQ(All(s.ld, id, &res), -1);
+    EXPECT_EQ(ldap_get_errno(s.ld), LDAP_SERVER_DOWN);
+    EXPECT_TRUE(lconn_is_closed(s.ld->ld_defconn));
     struct timeval tv {10, 0};
-    EXPECT_EQ(ldap_get_msg(h.ld, h.ld->ld_defconn, &tv), LDAP_SERVER_DOWN);
-    EXPECT_EQ(SendDelete(h.ld, "cn=y", &id), LDAP_SERVER_DOWN);
+    EXPECT_EQ(ldap_get_msg(s.ld, s.ld->ld_defconn, &tv), LDAP_SERVER_DOWN);
+    EXPECT_EQ(SendDelete(s.ld, "cn=y", &id), LDAP_SERVER_DOWN);
     EXPECT_EQ(s.server.connections(), 1) << "no new connection is tried";
 }
 
@@ -239,22 +235,21 @@ TEST(Result, AWriteToAVanishedServerClosesTheConnection)
         c.Close();
         closed = true;
     });
-    Handle &h = s.h;
     int id = 0;
-    ASSERT_EQ(SendDelete(h.ld, "cn=x", &id), 0);
-    ReleaseRow(h.ld, id);
+    ASSERT_EQ(SendDelete(s.ld, "cn=x", &id), 0);
+    ReleaseRow(s.ld, id);
     AwaitFlag(closed);
     // The peer is gone: a large enough request fails on write (no SIGPIPE).
     std::string big(1 << 20, 'x');
     int rc = 0;
     for (int i = 0; i < 20 && rc == 0; i++) {
-        rc = SendDelete(h.ld, big, &id);
+        rc = SendDelete(s.ld, big, &id);
         if (rc == 0)
-            ReleaseRow(h.ld, id);
+            ReleaseRow(s.ld, id);
     }
     EXPECT_EQ(rc, LDAP_SERVER_DOWN);
-    EXPECT_TRUE(lconn_is_closed(h.ld->ld_defconn));
-    EXPECT_EQ(ldap_msg_table_outstanding(TableOf(h.ld)), 0) << "the failed request's row is released";
+    EXPECT_TRUE(lconn_is_closed(s.ld->ld_defconn));
+    EXPECT_EQ(ldap_msg_table_outstanding(TableOf(s.ld)), 0) << "the failed request's row is released";
 }
 
 TEST(WriteTimeout, IsReadOnceFromTheEnvironmentAndReplacesTheCallersTimeOut)
