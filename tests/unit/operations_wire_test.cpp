@@ -129,6 +129,8 @@ const WireCase kCases[] = {
      "60 84 00 00 00 07 02 01 02 04 00 80 00", Done(0x61), 0},
     {"AsynchronousBindGivesTheId", [](LDAP *ld) { return ldap_bind(ld, "cn=a", "pw", LDAP_AUTH_SIMPLE); },
      "60 84 00 00 00 0D 02 01 03 04 04 63 6E 3D 61 80 02 70 77", Done(0x61), 1},
+    {"OtherBindMethodsAreUnknownToBindS", [](LDAP *ld) { return ldap_bind_s(ld, "cn=a", "pw", 0); }, "", {},
+     LDAP_AUTH_UNKNOWN},
     {"OtherBindMethodsAreUnknown", [](LDAP *ld) { return ldap_bind(ld, "cn=a", "pw", LDAP_AUTH_SASL); }, "", {},
      -1, LDAP_AUTH_UNKNOWN},
     {"SaslBindWithoutAPlugInSendsTheRequest",

@@ -57,6 +57,8 @@ TEST(Results, CountsReferencesAndTheChainsRelease)
     LDAPMessage *ref = ldap_first_reference(c.ld, c.res);
     ASSERT_NE(ref, nullptr);
     EXPECT_EQ(ldap_next_reference(c.ld, ref), nullptr);
+    EXPECT_EQ(ldap_msgtype(ref), LDAP_RES_SEARCH_REFERENCE);
+    EXPECT_EQ(ldap_msgid(ref), c.res->msg_id);
     char **urls = nullptr;
     EXPECT_EQ(ldap_parse_reference(c.ld, ref, &urls, nullptr, 0), 0);
     ASSERT_EQ(ldap_count_values(urls), 1);
@@ -64,6 +66,8 @@ TEST(Results, CountsReferencesAndTheChainsRelease)
     ldap_value_free(urls);
     EXPECT_EQ(ldap_parse_reference(c.ld, c.res, &urls, nullptr, 0), LDAP_PARAM_ERROR) << "not a reference";
     LDAPMessage *empty = ldap_first_entry(c.ld, c.res);
+    EXPECT_EQ(ldap_count_attributes(c.ld, empty), 0);
+    EXPECT_EQ(ldap_count_attributes(c.ld, ldap_next_entry(c.ld, empty)), 1);
     BerElement *cursor = nullptr;
     EXPECT_EQ(ldap_first_attribute(c.ld, empty, &cursor), nullptr);
     EXPECT_EQ(ldap_get_errno(c.ld), 0) << "no attributes is no error";

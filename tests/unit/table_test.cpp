@@ -90,6 +90,7 @@ TEST(TableIds, GrowthStopsAtTheLargestTable)
     fill();
     EXPECT_EQ(ldap_msg_table_get_next_msgid(table.get()), -1);
     EXPECT_EQ(table->row_count, LDAP_MAX_TBL_SIZE);
+    EXPECT_EQ(ldap_msg_table_get_next_msgid(nullptr), -1);
 }
 
 TEST(TableRelease, ClearsTheRowAndIgnoresIdsNotHandedOut)
@@ -116,6 +117,21 @@ TEST(TableLifetime, FreeingATableReleasesEverythingInIt)
     table->partial = ldap_alloc_msg(nullptr);
     table->partial->msg_ber = fber_alloc_t(0);
     ldap_msg_table_free(table); // the sanitizer build finds anything left behind
+    ldap_msg_table_free(nullptr);
+}
+
+TEST(TableFiling, QueuedMessagesReachTheirRowInOrder)
+{
+    TablePtr table = NewTable(8);
+    int id = ldap_msg_table_get_next_msgid(table.get());
+    PutRequest(table.get(), id);
+    LDAPMessage *entry = Response(table.get(), id, 0x64), *done = Response(table.get(), id, 0x65);
+    put_msg_in_queue(table.get(), entry);
+    put_msg_in_queue(table.get(), done);
+    flush_queue(table.get());
+    EXPECT_EQ(table->queue_first, nullptr);
+    EXPECT_TRUE(table->rows[id].first_result == entry && entry->msg_next == done && table->rows[id].last_result == done);
+    EXPECT_TRUE(table->rows[id].flags & LDAP_ROW_DONE);
 }
 
 class TableOwnership : public testing::Test {
