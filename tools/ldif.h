@@ -4,7 +4,8 @@
 #ifndef ZLDAP_TOOLS_LDIF_H
 #define ZLDAP_TOOLS_LDIF_H
 
-#include <cstdio>
+#include <functional>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -18,7 +19,8 @@ using Attributes = std::vector<std::pair<std::string, Values>>;
 // base64 ("attr:: ...").
 bool is_safe_string(const std::string &value);
 std::string base64_encode(const std::string &bytes);
-// False for text that is not base64.
+// False for text that is not base64 (characters outside the alphabet,
+// misplaced padding, a length no encoder makes). Blanks are skipped.
 bool base64_decode(const std::string &text, std::string *bytes);
 // One "name: value" or "name:: base64" line, folded at 76 columns.
 std::string line(const std::string &name, const std::string &value);
@@ -31,18 +33,34 @@ struct Modification {
     Values values;
 };
 
+struct Control {
+    std::string oid;
+    bool critical = false;
+    std::optional<std::string> value;
+};
+
 struct ChangeRecord {
+    int line = 0;                 // where its dn line is
     std::string dn;
+    std::vector<Control> controls;
     std::string changetype;       // "add", "delete", "modify" or "modrdn"
     Attributes attributes;        // add
     std::vector<Modification> modifications; // modify
     std::string newrdn;           // modrdn
     bool deleteoldrdn = false;    // modrdn
+    std::optional<std::string> newsuperior; // modrdn
+    int newsuperior_line = 0;
 };
 
-// Reads every change record of an LDIF text. False with *error set (and
-// the line number in it) when the text is malformed.
-bool read_changes(const std::string &text, std::vector<ChangeRecord> *records, std::string *error);
+// Reads the bytes behind a "file://" URL's path; false when it can't.
+using FileReader = std::function<bool(const std::string &path, std::string *bytes)>;
+
+// Reads every change record of an LDIF text; values given as "attr:< URL"
+// are read through read_file. False with *error set (and the line number
+// in it) when the text is malformed or asks for something else than a
+// file URL.
+bool read_changes(const std::string &text, const FileReader &read_file, std::vector<ChangeRecord> *records,
+                  std::string *error);
 
 } // namespace ldif
 

@@ -1,182 +1,213 @@
-// ldif_read.cpp - reading LDIF change records: unfolding, base64 values,
-// and the add, delete, modify and modrdn forms.
-#include "ldif.h"
+// ldif_read.cpp - reading LDIF change records: the dn, control and
+// changetype lines, and the add, delete, modify and modrdn bodies. Keywords
+// are matched without regard to case, as RFC 2849's grammar has them.
+#include "ldif_lines.h"
 
-#include <cctype>
-#include <sstream>
+#include <algorithm>
 
 namespace ldif {
 
 namespace {
 
-struct Line {
-    int number;
-    std::string name;
-    std::string value;
-};
+using lines::equal_ignoring_case;
+using lines::Line;
 
-int base64_value(char c)
-{
-    if (c >= 'A' && c <= 'Z')
-        return c - 'A';
-    if (c >= 'a' && c <= 'z')
-        return c - 'a' + 26;
-    if (c >= '0' && c <= '9')
-        return c - '0' + 52;
-    return c == '+' ? 62 : c == '/' ? 63 : -1;
-}
-
-std::string trim_left(const std::string &s)
-{
-    size_t i = 0;
-    while (i < s.size() && s[i] == ' ')
-        i++;
-    return s.substr(i);
-}
-
-// Splits the text into records of unfolded "name: value" lines; comments
-// and the version line are dropped.
-bool split_records(const std::string &text, std::vector<std::vector<Line>> *records, std::string *error)
-{
-    std::istringstream in(text);
-    std::vector<Line> current;
-    std::string raw;
-    int number = 0;
-    std::vector<std::pair<int, std::string>> logical;
-    while (std::getline(in, raw)) {
-        number++;
-        if (!raw.empty() && raw.back() == '\r')
-            raw.pop_back();
-        if (!raw.empty() && raw.front() == ' ' && !logical.empty() && !logical.back().second.empty()) {
-            logical.back().second += raw.substr(1);
-            continue;
-        }
-        logical.emplace_back(number, raw);
+// Reads one record's lines; every refusal names the line it is about.
+class RecordReader {
+public:
+    RecordReader(const std::vector<Line> &lines, const FileReader &read_file, std::string *error)
+        : lines_(lines), read_file_(read_file), error_(*error)
+    {
     }
-    for (const auto &[n, l] : logical) {
-        if (l.empty()) {
-            if (!current.empty())
-                records->push_back(std::move(current));
-            current.clear();
-            continue;
-        }
-        if (l.front() == '#')
-            continue;
-        if (l == "-") {
-            current.push_back({n, "-", ""});
-            continue;
-        }
-        size_t colon = l.find(':');
-        if (colon == std::string::npos || colon == 0) {
-            *error = "line " + std::to_string(n) + ": no attribute name";
+
+    bool Read(ChangeRecord *record)
+    {
+        const Line &dn = lines_.front();
+        record->line = dn.number;
+        if (!equal_ignoring_case(dn.name, "dn"))
+            return Fail(dn, "a record must start with dn:");
+        if (!Text(dn, &record->dn))
             return false;
-        }
-        Line parsed{n, l.substr(0, colon), ""};
-        if (colon + 1 < l.size() && l[colon + 1] == ':') {
-            if (!base64_decode(trim_left(l.substr(colon + 2)), &parsed.value)) {
-                *error = "line " + std::to_string(n) + ": bad base64 value";
+        for (; next_ < lines_.size() && equal_ignoring_case(lines_[next_].name, "control"); next_++) {
+            if (!ReadControl(lines_[next_], &record->controls.emplace_back()))
                 return false;
-            }
-        } else {
-            parsed.value = trim_left(l.substr(colon + 1));
         }
-        if (parsed.name == "version" && records->empty() && current.empty())
-            continue;
-        current.push_back(std::move(parsed));
+        if (next_ == lines_.size() || !equal_ignoring_case(lines_[next_].name, "changetype")) {
+            record->changetype = "add";
+            if (!record->controls.empty())
+                return Fail(lines_[next_ - 1], "control lines must be followed by a changetype line");
+            return ReadAdd(record);
+        }
+        const Line &type = lines_[next_++];
+        for (const char *known : {"add", "delete", "modify", "modrdn", "moddn"})
+            if (type.form == Line::Form::kText && equal_ignoring_case(type.value, known))
+                record->changetype = known;
+        if (record->changetype == "add")
+            return ReadAdd(record);
+        if (record->changetype == "delete")
+            return next_ == lines_.size() || Fail(lines_[next_], "a delete record takes nothing after changetype");
+        if (record->changetype == "modify")
+            return ReadModify(record);
+        if (!record->changetype.empty())
+            return ReadModrdn(record);
+        return Fail(type, "unknown changetype \"" + type.value + "\"");
     }
-    if (!current.empty())
-        records->push_back(std::move(current));
-    return true;
-}
 
-bool parse_record(const std::vector<Line> &lines, ChangeRecord *record, std::string *error)
-{
-    auto fail = [&](const Line &l, const std::string &what) {
-        *error = "line " + std::to_string(l.number) + ": " + what;
+private:
+    bool Fail(const Line &line, const std::string &what)
+    {
+        error_ = lines::at(line.number, what);
         return false;
-    };
-    if (lines.front().name != "dn")
-        return fail(lines.front(), "a record must start with dn:");
-    record->dn = lines.front().value;
-    size_t i = 1;
-    record->changetype = "add";
-    if (i < lines.size() && lines[i].name == "changetype")
-        record->changetype = lines[i++].value;
-    if (record->changetype == "add") {
-        for (; i < lines.size(); i++) {
-            const Line &l = lines[i];
-            if (!record->attributes.empty() && record->attributes.back().first == l.name)
-                record->attributes.back().second.push_back(l.value);
-            else
-                record->attributes.push_back({l.name, {l.value}});
-        }
-        return !record->attributes.empty() || fail(lines.front(), "an add needs attributes");
     }
-    if (record->changetype == "delete")
-        return i == lines.size() || fail(lines[i], "a delete takes nothing more");
-    if (record->changetype == "modrdn" || record->changetype == "moddn") {
+
+    // Names, RDNs and superiors: text or base64, never a URL.
+    bool Text(const Line &line, std::string *out)
+    {
+        if (line.form == Line::Form::kUrl)
+            return Fail(line, line.name + " can't be read from a URL");
+        *out = line.value;
+        return true;
+    }
+
+    bool Value(const Line &line, std::string *out) { return lines::value_bytes(line, read_file_, out, &error_); }
+
+    // Keyword lines out of place mean a missing blank line or a misordered
+    // record, never an attribute of that name.
+    bool Misplaced(const Line &line)
+    {
+        if (line.form == Line::Form::kSeparator)
+            return Fail(line, "\"-\" ends a modification and belongs in modify records only");
+        if (equal_ignoring_case(line.name, "dn"))
+            return Fail(line, "a dn line inside a record (records are separated by a blank line)");
+        if (equal_ignoring_case(line.name, "changetype") || equal_ignoring_case(line.name, "control"))
+            return Fail(line, line.name + " lines go right after the dn line");
+        return true;
+    }
+
+    // "control: OID [true|false] [value-spec]".
+    bool ReadControl(const Line &line, Control *control)
+    {
+        if (line.form != Line::Form::kText)
+            return Fail(line, "a control line is written as text");
+        const std::string &text = line.value;
+        size_t end = text.find_first_of(" :");
+        control->oid = text.substr(0, end);
+        if (!lines::is_numeric_oid(control->oid))
+            return Fail(line, "a control needs a numeric OID, not \"" + control->oid + "\"");
+        size_t at = text.find_first_not_of(' ', end);
+        if (at != std::string::npos && text[at] != ':') {
+            size_t word_end = text.find_first_of(" :", at);
+            std::string word = text.substr(at, word_end == std::string::npos ? word_end : word_end - at);
+            if (!equal_ignoring_case(word, "true") && !equal_ignoring_case(word, "false"))
+                return Fail(line, "a control's criticality is true or false, not \"" + word + "\"");
+            control->critical = equal_ignoring_case(word, "true");
+            at = word_end == std::string::npos ? word_end : text.find_first_not_of(' ', word_end);
+        }
+        if (at == std::string::npos)
+            return true;
+        if (text[at] != ':')
+            return Fail(line, "unexpected text after the control's criticality");
+        Line value{line.number, "control", Line::Form::kText, ""};
+        std::string bytes;
+        if (!lines::parse_value_spec(text.substr(at + 1), &value, &error_) || !Value(value, &bytes))
+            return false;
+        control->value = std::move(bytes);
+        return true;
+    }
+
+    bool ReadAdd(ChangeRecord *record)
+    {
+        for (; next_ < lines_.size(); next_++) {
+            const Line &line = lines_[next_];
+            std::string value;
+            if (!Misplaced(line) || !Value(line, &value))
+                return false;
+            // Values of one attribute go together wherever they stand.
+            auto same = [&](const auto &attribute) { return equal_ignoring_case(attribute.first, line.name.c_str()); };
+            auto it = std::find_if(record->attributes.begin(), record->attributes.end(), same);
+            if (it == record->attributes.end())
+                record->attributes.push_back({line.name, {std::move(value)}});
+            else
+                it->second.push_back(std::move(value));
+        }
+        return !record->attributes.empty() || Fail(lines_.front(), "an add record needs attributes");
+    }
+
+    bool ReadModrdn(ChangeRecord *record)
+    {
         record->changetype = "modrdn";
-        for (; i < lines.size(); i++) {
-            if (lines[i].name == "newrdn")
-                record->newrdn = lines[i].value;
-            else if (lines[i].name == "deleteoldrdn")
-                record->deleteoldrdn = lines[i].value == "1";
-            else
-                return fail(lines[i], "unexpected " + lines[i].name);
+        const Line *newrdn = nullptr, *deleteoldrdn = nullptr, *newsuperior = nullptr;
+        for (; next_ < lines_.size(); next_++) {
+            const Line &line = lines_[next_];
+            const Line **slot = equal_ignoring_case(line.name, "newrdn")         ? &newrdn
+                                : equal_ignoring_case(line.name, "deleteoldrdn") ? &deleteoldrdn
+                                : equal_ignoring_case(line.name, "newsuperior")  ? &newsuperior
+                                                                                 : nullptr;
+            if (!slot)
+                return Misplaced(line) && Fail(line, "unexpected " + line.name + " in a modrdn record");
+            if (*slot)
+                return Fail(line, line.name + " given twice");
+            *slot = &line;
         }
-        return !record->newrdn.empty() || fail(lines.front(), "modrdn needs newrdn");
-    }
-    if (record->changetype != "modify")
-        return fail(lines[1], "unknown changetype " + record->changetype);
-    while (i < lines.size()) {
-        const Line &head = lines[i++];
-        if (head.name != "add" && head.name != "delete" && head.name != "replace")
-            return fail(head, "expected add, delete or replace");
-        Modification mod{head.name, head.value, {}};
-        for (; i < lines.size() && lines[i].name != "-"; i++) {
-            if (lines[i].name != mod.type)
-                return fail(lines[i], "value for another attribute than " + mod.type);
-            mod.values.push_back(lines[i].value);
+        if (!newrdn || !deleteoldrdn)
+            return Fail(lines_.front(), "a modrdn record needs newrdn and deleteoldrdn");
+        std::string flag;
+        if (!Text(*newrdn, &record->newrdn) || !Text(*deleteoldrdn, &flag))
+            return false;
+        if (flag != "0" && flag != "1")
+            return Fail(*deleteoldrdn, "deleteoldrdn is 0 or 1");
+        record->deleteoldrdn = flag == "1";
+        if (newsuperior) {
+            record->newsuperior_line = newsuperior->number;
+            if (!Text(*newsuperior, &record->newsuperior.emplace()))
+                return false;
         }
-        i++; // the "-"
-        record->modifications.push_back(std::move(mod));
+        return true;
     }
-    return true;
-}
+
+    bool ReadModify(ChangeRecord *record)
+    {
+        while (next_ < lines_.size()) {
+            const Line &head = lines_[next_++];
+            Modification mod;
+            for (const char *op : {"add", "delete", "replace"})
+                if (equal_ignoring_case(head.name, op))
+                    mod.op = op;
+            if (mod.op.empty())
+                return Misplaced(head) && Fail(head, "expected add:, delete: or replace:");
+            if (head.form != Line::Form::kText || !lines::is_attribute_description(head.value))
+                return Fail(head, mod.op + ": needs an attribute name");
+            mod.type = head.value;
+            for (; next_ < lines_.size() && lines_[next_].form != Line::Form::kSeparator; next_++) {
+                const Line &line = lines_[next_];
+                if (!equal_ignoring_case(line.name, mod.type.c_str()))
+                    return Fail(line, "expected a value of " + mod.type + " or \"-\"");
+                if (!Value(line, &mod.values.emplace_back()))
+                    return false;
+            }
+            next_++; // the "-"
+            record->modifications.push_back(std::move(mod));
+        }
+        return true;
+    }
+
+    const std::vector<Line> &lines_;
+    const FileReader &read_file_;
+    std::string &error_;
+    size_t next_ = 1;
+};
 
 } // namespace
 
-bool base64_decode(const std::string &text, std::string *bytes)
-{
-    bytes->clear();
-    unsigned buffer = 0;
-    int bits = 0;
-    for (char c : text) {
-        if (c == '=')
-            break;
-        if (std::isspace(static_cast<unsigned char>(c)))
-            continue;
-        int v = base64_value(c);
-        if (v < 0)
-            return false;
-        buffer = (buffer << 6) | static_cast<unsigned>(v);
-        bits += 6;
-        if (bits >= 8) {
-            bits -= 8;
-            bytes->push_back(static_cast<char>((buffer >> bits) & 0xFF));
-        }
-    }
-    return true;
-}
-
-bool read_changes(const std::string &text, std::vector<ChangeRecord> *records, std::string *error)
+bool read_changes(const std::string &text, const FileReader &read_file, std::vector<ChangeRecord> *records,
+                  std::string *error)
 {
     std::vector<std::vector<Line>> raw;
-    if (!split_records(text, &raw, error))
+    if (!lines::split_records(text, &raw, error))
         return false;
-    for (const auto &lines : raw) {
+    for (const auto &record_lines : raw) {
         ChangeRecord record;
-        if (!parse_record(lines, &record, error))
+        if (!RecordReader(record_lines, read_file, error).Read(&record))
             return false;
         records->push_back(std::move(record));
     }

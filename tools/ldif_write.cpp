@@ -1,4 +1,4 @@
-// ldif_write.cpp - writing LDIF: safe strings, base64 and folded lines.
+// ldif_write.cpp - writing LDIF: safe strings and folded lines.
 #include "ldif.h"
 
 namespace ldif {
@@ -6,7 +6,6 @@ namespace ldif {
 namespace {
 
 constexpr size_t kLineWidth = 76;
-constexpr char kAlphabet[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
 
 // Continuation lines start with one space.
 std::string fold(const std::string &text)
@@ -32,29 +31,6 @@ bool is_safe_string(const std::string &value)
         if (c == 0 || c == '\n' || c == '\r' || c > 127)
             return false;
     return true;
-}
-
-std::string base64_encode(const std::string &bytes)
-{
-    std::string out;
-    size_t i = 0;
-    for (; i + 2 < bytes.size(); i += 3) {
-        unsigned v = (static_cast<unsigned char>(bytes[i]) << 16) | (static_cast<unsigned char>(bytes[i + 1]) << 8) |
-                     static_cast<unsigned char>(bytes[i + 2]);
-        for (int s = 18; s >= 0; s -= 6)
-            out += kAlphabet[(v >> s) & 63];
-    }
-    if (i < bytes.size()) {
-        unsigned v = static_cast<unsigned char>(bytes[i]) << 16;
-        bool two = i + 1 < bytes.size();
-        if (two)
-            v |= static_cast<unsigned char>(bytes[i + 1]) << 8;
-        out += kAlphabet[(v >> 18) & 63];
-        out += kAlphabet[(v >> 12) & 63];
-        out += two ? kAlphabet[(v >> 6) & 63] : '=';
-        out += '=';
-    }
-    return out;
 }
 
 std::string line(const std::string &name, const std::string &value)

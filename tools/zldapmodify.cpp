@@ -1,24 +1,40 @@
 // zldapmodify - applies LDIF change records (add, delete, modify, modrdn)
 // to a directory. Built only on the exported functions of libzor8ldap_64.so.
 #include "ldif.h"
-#include "zor8ldap.h"
+#include "session.h"
 
 #include <cstdio>
-#include <cstdlib>
-#include <fstream>
 #include <iostream>
 #include <iterator>
 #include <memory>
-#include <sstream>
 #include <string>
 #include <unistd.h>
 #include <vector>
 
 namespace {
 
-void usage()
+constexpr const char *kProgram = "zldapmodify";
+
+int usage()
 {
-    std::fprintf(stderr, "usage: zldapmodify [-H url | -h host -p port] [-D binddn -w password] [-f file]\n");
+    std::fprintf(stderr, "usage: zldapmodify [-H ldap://host:port | -h host -p port] [-D binddn -w password]\n"
+                         "                   [-t timeout] [-o nettimeout=seconds] [-f file]\n");
+    return LDAP_PARAM_ERROR;
+}
+
+// A whole file's bytes; false when it can't be read (a directory, say).
+bool read_file(const std::string &path, std::string *bytes)
+{
+    std::FILE *file = std::fopen(path.c_str(), "rb");
+    if (!file)
+        return false;
+    bytes->clear();
+    char buffer[65536];
+    for (size_t n; (n = std::fread(buffer, 1, sizeof buffer, file)) > 0;)
+        bytes->append(buffer, n);
+    bool read = !std::ferror(file);
+    std::fclose(file);
+    return read;
 }
 
 // LDAPMod records over a record's strings, which must outlive them.
@@ -55,78 +71,111 @@ private:
     std::vector<LDAPMod *> array_;
 };
 
-int apply(LDAP *ld, const ldif::ChangeRecord &r)
+// A record's controls as the library's records, over the record's strings,
+// which must outlive them.
+class Controls {
+public:
+    explicit Controls(const std::vector<ldif::Control> &controls)
+    {
+        for (const ldif::Control &c : controls) {
+            LDAPControl &control = controls_.emplace_back();
+            control.ldctl_oid = const_cast<char *>(c.oid.c_str());
+            control.ldctl_iscritical = c.critical ? 1 : 0;
+            if (c.value)
+                control.ldctl_value = berval{c.value->size(), const_cast<char *>(c.value->data())};
+        }
+        for (LDAPControl &control : controls_)
+            pointers_.push_back(&control);
+        pointers_.push_back(nullptr);
+    }
+    // NULL when there are none, which clears the session's controls.
+    LDAPControl **Array() { return controls_.empty() ? nullptr : pointers_.data(); }
+
+private:
+    std::vector<LDAPControl> controls_;
+    std::vector<LDAPControl *> pointers_;
+};
+
+// What the exported family can't do is refused before anything is sent:
+// its rename has no new superior.
+bool supported(const std::vector<ldif::ChangeRecord> &records, std::string *error)
 {
+    for (const ldif::ChangeRecord &r : records) {
+        if (r.newsuperior) {
+            *error = "line " + std::to_string(r.newsuperior_line) +
+                     ": newsuperior: moving an entry under a new superior is not available in this tool";
+            return false;
+        }
+    }
+    return true;
+}
+
+// The record's operation, with its controls as the session's server
+// controls, which every operation of the exported family sends; bounded
+// by seconds (0: no bound).
+int apply(LDAP *ld, const ldif::ChangeRecord &r, int seconds)
+{
+    Controls controls(r.controls);
+    if (int rc = zor_ldap_set_option(ld, LDAP_OPT_SERVER_CONTROLS, controls.Array()); rc != LDAP_SUCCESS)
+        return rc;
     Mods mods;
-    if (r.changetype == "add") {
-        for (const auto &[type, values] : r.attributes)
-            mods.Add(LDAP_MOD_ADD, type, values);
-        std::printf("adding new entry \"%s\"\n", r.dn.c_str());
-        return zor_ldap_add_s(ld, r.dn.c_str(), mods.Array());
-    }
-    if (r.changetype == "delete") {
-        std::printf("deleting entry \"%s\"\n", r.dn.c_str());
-        return zor_ldap_delete_s(ld, r.dn.c_str());
-    }
-    if (r.changetype == "modrdn") {
-        std::printf("renaming entry \"%s\"\n", r.dn.c_str());
-        return zor_ldap_modrdn_s(ld, r.dn.c_str(), r.newrdn.c_str(), r.deleteoldrdn ? 1 : 0);
-    }
+    for (const auto &[type, values] : r.attributes)
+        mods.Add(LDAP_MOD_ADD, type, values);
     for (const ldif::Modification &m : r.modifications)
         mods.Add(m.op == "add" ? LDAP_MOD_ADD : m.op == "delete" ? LDAP_MOD_DELETE : LDAP_MOD_REPLACE, m.type,
                  m.values);
-    std::printf("modifying entry \"%s\"\n", r.dn.c_str());
+    const char *action = r.changetype == "add"      ? "adding new entry"
+                         : r.changetype == "delete" ? "deleting entry"
+                         : r.changetype == "modrdn" ? "renaming entry"
+                                                    : "modifying entry";
+    std::printf("%s \"%s\"\n", action, r.dn.c_str());
+    tool::Deadline deadline(kProgram, r.dn, seconds);
+    if (r.changetype == "add")
+        return zor_ldap_add_s(ld, r.dn.c_str(), mods.Array());
+    if (r.changetype == "delete")
+        return zor_ldap_delete_s(ld, r.dn.c_str());
+    if (r.changetype == "modrdn")
+        return zor_ldap_modrdn_s(ld, r.dn.c_str(), r.newrdn.c_str(), r.deleteoldrdn ? 1 : 0);
     return zor_ldap_modify_s(ld, r.dn.c_str(), mods.Array());
 }
 
 } // namespace
 
+// Exits with the result code of the first record that fails, or 0.
 int main(int argc, char **argv)
 {
-    std::string url, host = "localhost", binddn, password, file;
-    int port = LDAP_PORT;
-    for (int opt; (opt = getopt(argc, argv, "H:h:p:D:w:f:")) != -1;) {
-        switch (opt) {
-        case 'H': url = optarg; break;
-        case 'h': host = optarg; break;
-        case 'p': port = std::atoi(optarg); break;
-        case 'D': binddn = optarg; break;
-        case 'w': password = optarg; break;
-        case 'f': file = optarg; break;
-        default: usage(); return LDAP_PARAM_ERROR;
-        }
+    tool::SessionOptions session;
+    std::string file, error;
+    std::string letters = std::string(tool::kSessionLetters) + "f:";
+    for (int opt; (opt = getopt(argc, argv, letters.c_str())) != -1;) {
+        if (opt == 'f')
+            file = optarg;
+        else if (int rc = tool::take_session_option(opt, optarg, &session, &error); rc != LDAP_SUCCESS)
+            return error.empty() ? usage() : tool::complain(kProgram, error, rc);
     }
+    if (optind < argc)
+        return usage();
     std::string text;
-    if (file.empty()) {
+    if (file.empty())
         text.assign(std::istreambuf_iterator<char>(std::cin), std::istreambuf_iterator<char>());
-    } else {
-        std::ifstream in(file);
-        if (!in) {
-            std::fprintf(stderr, "zldapmodify: cannot read %s\n", file.c_str());
-            return LDAP_PARAM_ERROR;
-        }
-        std::ostringstream all;
-        all << in.rdbuf();
-        text = all.str();
-    }
+    else if (!read_file(file, &text))
+        return tool::complain(kProgram, "cannot read " + file, LDAP_PARAM_ERROR);
     std::vector<ldif::ChangeRecord> records;
-    std::string error;
-    if (!ldif::read_changes(text, &records, &error)) {
-        std::fprintf(stderr, "zldapmodify: %s\n", error.c_str());
-        return LDAP_PARAM_ERROR;
-    }
-    LDAP *ld = url.empty() ? zor_ldap_init(host.c_str(), port) : zor_ldap_init(url.c_str(), 0);
-    if (!ld) {
-        std::fprintf(stderr, "zldapmodify: cannot make a session\n");
-        return LDAP_PARAM_ERROR;
-    }
-    int rc = binddn.empty() ? 0 : zor_ldap_simple_bind_s(ld, binddn.c_str(), password.c_str());
-    if (rc != 0)
-        std::fprintf(stderr, "zldapmodify: bind: %s (%d)\n", zor_ldap_err2string(rc), rc);
-    for (size_t i = 0; rc == 0 && i < records.size(); i++) {
-        rc = apply(ld, records[i]);
-        if (rc != 0)
-            std::fprintf(stderr, "zldapmodify: %s: %s (%d)\n", records[i].dn.c_str(), zor_ldap_err2string(rc), rc);
+    if (!ldif::read_changes(text, read_file, &records, &error))
+        return tool::complain(kProgram, error, LDAP_PARAM_ERROR);
+    if (!supported(records, &error))
+        return tool::complain(kProgram, error, LDAP_NOT_SUPPORTED);
+    int rc = LDAP_SUCCESS;
+    LDAP *ld = tool::open_session(kProgram, session, &rc);
+    if (!ld)
+        return rc;
+    for (size_t i = 0; rc == LDAP_SUCCESS && i < records.size(); i++) {
+        rc = apply(ld, records[i], session.call_seconds());
+        // The rename reports failures before a result as -1.
+        if (rc == -1)
+            rc = zor_ldap_get_errno(ld);
+        if (rc != LDAP_SUCCESS)
+            tool::report(kProgram, records[i].dn, rc);
     }
     zor_ldap_unbind(ld);
     return rc;

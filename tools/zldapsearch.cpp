@@ -1,10 +1,10 @@
 // zldapsearch - searches a directory and prints the entries as LDIF. Built
 // only on the exported functions of libzor8ldap_64.so.
 #include "ldif.h"
-#include "zor8ldap.h"
+#include "session.h"
 
+#include <climits>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <string>
 #include <unistd.h>
@@ -12,18 +12,15 @@
 
 namespace {
 
-void usage()
+constexpr const char *kProgram = "zldapsearch";
+
+int usage()
 {
     std::fprintf(stderr,
-                 "usage: zldapsearch [-H url | -h host -p port] [-D binddn -w password] -b base\n"
-                 "                   [-s base|one|sub] [-z sizelimit] [-l timelimit] [-t timeout]\n"
-                 "                   filter [attribute ...]\n");
-}
-
-int fail(const char *what, int code)
-{
-    std::fprintf(stderr, "zldapsearch: %s: %s (%d)\n", what, zor_ldap_err2string(code), code);
-    return code;
+                 "usage: zldapsearch [-H ldap://host:port | -h host -p port] [-D binddn -w password]\n"
+                 "                   -b base [-s base|one|sub] [-z sizelimit] [-l timelimit]\n"
+                 "                   [-t timeout] [-o nettimeout=seconds] filter [attribute ...]\n");
+    return LDAP_PARAM_ERROR;
 }
 
 // The entry's attributes and values as the walk hands them out.
@@ -47,18 +44,16 @@ ldif::Attributes read_attributes(LDAP *ld, LDAPMessage *entry)
 
 } // namespace
 
+// Exits with the result code of the search (or of what failed before it).
 int main(int argc, char **argv)
 {
-    std::string url, host = "localhost", binddn, password, base;
-    int port = LDAP_PORT, scope = LDAP_SCOPE_SUBTREE, sizelimit = 0, timelimit = 0, timeout = -1;
-    bool have_password = false;
-    for (int opt; (opt = getopt(argc, argv, "H:h:p:D:w:b:s:z:l:t:")) != -1;) {
+    tool::SessionOptions session;
+    std::string base, error;
+    int scope = LDAP_SCOPE_SUBTREE, sizelimit = 0, timelimit = 0;
+    long number = 0;
+    std::string letters = std::string(tool::kSessionLetters) + "b:s:z:l:";
+    for (int opt; (opt = getopt(argc, argv, letters.c_str())) != -1;) {
         switch (opt) {
-        case 'H': url = optarg; break;
-        case 'h': host = optarg; break;
-        case 'p': port = std::atoi(optarg); break;
-        case 'D': binddn = optarg; break;
-        case 'w': password = optarg; have_password = true; break;
         case 'b': base = optarg; break;
         case 's':
             if (std::strcmp(optarg, "base") == 0)
@@ -67,49 +62,46 @@ int main(int argc, char **argv)
                 scope = LDAP_SCOPE_ONELEVEL;
             else if (std::strcmp(optarg, "sub") == 0)
                 scope = LDAP_SCOPE_SUBTREE;
-            else {
-                usage();
-                return LDAP_PARAM_ERROR;
-            }
+            else
+                return usage();
             break;
-        case 'z': sizelimit = std::atoi(optarg); break;
-        case 'l': timelimit = std::atoi(optarg); break;
-        case 't': timeout = std::atoi(optarg); break;
-        default: usage(); return LDAP_PARAM_ERROR;
+        case 'z':
+        case 'l':
+            if (!tool::parse_number(std::string("-") + static_cast<char>(opt), optarg, 0, INT_MAX, &number, &error))
+                return tool::complain(kProgram, error, LDAP_PARAM_ERROR);
+            (opt == 'z' ? sizelimit : timelimit) = static_cast<int>(number);
+            break;
+        default:
+            if (int rc = tool::take_session_option(opt, optarg, &session, &error); rc != LDAP_SUCCESS)
+                return error.empty() ? usage() : tool::complain(kProgram, error, rc);
         }
     }
-    if (optind >= argc) {
-        usage();
-        return LDAP_PARAM_ERROR;
-    }
+    if (optind >= argc)
+        return usage();
     const char *filter = argv[optind];
     std::vector<char *> attrs(argv + optind + 1, argv + argc);
     attrs.push_back(nullptr);
 
-    if (!url.empty() && base.empty()) {
+    if (!session.url.empty() && base.empty()) {
         LDAPURLDesc *desc = nullptr;
-        if (zor_ldap_url_parse(url.c_str(), &desc) == 0 && desc->lud_dn)
+        if (zor_ldap_url_parse(session.url.c_str(), &desc) == 0 && desc->lud_dn)
             base = desc->lud_dn;
         zor_ldap_free_urldesc(desc);
     }
-    LDAP *ld = url.empty() ? zor_ldap_init(host.c_str(), port) : zor_ldap_init(url.c_str(), 0);
-    if (!ld) {
-        std::fprintf(stderr, "zldapsearch: cannot make a session for %s\n", url.empty() ? host.c_str() : url.c_str());
-        return LDAP_PARAM_ERROR;
-    }
-    int rc = zor_ldap_set_option(ld, LDAP_OPT_SIZELIMIT, &sizelimit);
+    int rc = LDAP_SUCCESS;
+    LDAP *ld = tool::open_session(kProgram, session, &rc);
+    if (!ld)
+        return rc;
+    rc = zor_ldap_set_option(ld, LDAP_OPT_SIZELIMIT, &sizelimit);
     if (rc == 0)
         rc = zor_ldap_set_option(ld, LDAP_OPT_TIMELIMIT, &timelimit);
-    if (rc == 0 && !binddn.empty())
-        rc = zor_ldap_simple_bind_s(ld, binddn.c_str(), have_password ? password.c_str() : "");
-    if (rc != 0) {
-        rc = fail("bind", rc);
-        zor_ldap_unbind(ld);
-        return rc;
-    }
-    struct timeval tv {timeout, 0};
+    // The search bounds its own wait; its connect, when no bind made it,
+    // is bounded by the session's connect time-out.
+    struct timeval tv {session.timeout, 0};
     LDAPMessage *res = nullptr;
-    rc = zor_ldap_search_st(ld, base.c_str(), scope, filter, attrs.data(), 0, timeout >= 0 ? &tv : nullptr, &res);
+    if (rc == 0)
+        rc = zor_ldap_search_st(ld, base.c_str(), scope, filter, attrs.data(), 0, session.timeout > 0 ? &tv : nullptr,
+                                &res);
     for (LDAPMessage *e = zor_ldap_first_entry(ld, res); e; e = zor_ldap_next_entry(ld, e)) {
         char *dn = zor_ldap_get_dn(ld, e);
         std::fputs(ldif::entry(dn ? dn : "", read_attributes(ld, e)).c_str(), stdout);
@@ -118,7 +110,7 @@ int main(int argc, char **argv)
     zor_ldap_msgfree(res);
     std::fflush(stdout);
     if (rc != 0)
-        rc = fail("search", rc);
+        tool::report(kProgram, "search", rc);
     zor_ldap_unbind(ld);
     return rc;
 }

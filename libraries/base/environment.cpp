@@ -5,6 +5,7 @@
 
 #include "base/memory.h"
 #include "base/trace.h"
+#include "zor8ldap.h"
 
 #include <atomic>
 #include <cctype>
@@ -14,29 +15,34 @@
 #include <cstdlib>
 #include <cstring>
 #include <pthread.h>
-#include <string>
 
 #define LDAP_MODULE "libraries/libldap/environment"
 
 namespace {
 
+pthread_mutex_t g_syscall_mutex = PTHREAD_MUTEX_INITIALIZER; // usable before any set-up
 pthread_once_t g_syscall_once = PTHREAD_ONCE_INIT;
-pthread_mutex_t g_syscall_mutex;
 
-void make_syscall_mutex()
+// The mutex's creation line, written at its first traced use.
+void announce_syscall_mutex()
 {
-    pthread_mutex_init(&g_syscall_mutex, nullptr);
     LDAP_TRACE(TRC_MUTEX, "MUTEX %p %s %d\n", static_cast<void *>(&g_syscall_mutex), LDAP_MODULE,
                __LINE__);
 }
 
 // Upper case, backslashes as slashes: the form both sides are compared in.
-std::string fold_element_text(const char *text)
+char fold_element_char(char c)
 {
-    std::string folded(text);
-    for (char &c : folded)
-        c = (c == '\\') ? '/' : static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
-    return folded;
+    return (c == '\\') ? '/' : static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
+}
+
+// Whether text starts with value, both folded.
+bool starts_with_folded(const char *text, const char *value)
+{
+    for (; *value; ++text, ++value)
+        if (!*text || fold_element_char(*text) != fold_element_char(*value))
+            return false;
+    return true;
 }
 
 // Texts handed to putenv belong to the environment for the rest of the
@@ -60,7 +66,7 @@ void keep_for_process(KeptText *kept)
 
 int lock_syscall_mutex()
 {
-    pthread_once(&g_syscall_once, make_syscall_mutex);
+    pthread_once(&g_syscall_once, announce_syscall_mutex);
     int rc = pthread_mutex_lock(&g_syscall_mutex);
     if (rc != 0)
         LDAP_TRACE(TRC_ERROR, "lock_syscall_mutex: Failed to lock. errno=%d\n", rc);
@@ -85,16 +91,28 @@ char *ldap_getenv(const char *name)
         LDAP_TRACE(TRC_API, "ldap_getenv: %s=%s\n", name, "NULL");
         return nullptr;
     }
-    char *copy = nullptr;
     const char *value = std::getenv(name);
-    if (value) {
-        copy = zldap::mem_strdup(value);
-        if (!copy)
-            LDAP_TRACE(TRC_ERROR, "Error - ldap_getenv: strdup failed for %s value\n", name);
-    }
+    char *copy = value ? zldap::mem_strdup(value) : nullptr;
     unlock_syscall_mutex();
+    // Traced once the mutex is released: a trace line may read the
+    // environment itself (the time-stamp format).
+    if (value && !copy)
+        LDAP_TRACE(TRC_ERROR, "Error - ldap_getenv: strdup failed for %s value\n", name);
     LDAP_TRACE(TRC_API, "ldap_getenv: %s=%s\n", name, trace_str(copy, "NULL"));
     return copy;
+}
+
+bool ldap_getenv_untraced(const char *name, char *buf, size_t size)
+{
+    if (size == 0 || pthread_mutex_lock(&g_syscall_mutex) != 0)
+        return false;
+    const char *value = std::getenv(name);
+    if (value) {
+        std::strncpy(buf, value, size - 1);
+        buf[size - 1] = '\0';
+    }
+    pthread_mutex_unlock(&g_syscall_mutex);
+    return value != nullptr;
 }
 
 int ldap_chkenv(const char *name)
@@ -139,15 +157,15 @@ bool ldap_env_list_contains(const char *list, const char *value, char separator)
 {
     if (!list || !value || !*value)
         return false;
-    std::string haystack = fold_element_text(list);
-    std::string needle = fold_element_text(value);
-    char sep = (separator == '\\') ? '/' : static_cast<char>(std::toupper(static_cast<unsigned char>(separator)));
-    for (size_t at = haystack.find(needle); at != std::string::npos; at = haystack.find(needle, at + 1)) {
-        size_t after = at + needle.size();
-        char next = after < haystack.size() ? haystack[after] : '\0';
+    char sep = fold_element_char(separator);
+    size_t value_len = std::strlen(value);
+    for (const char *at = list; *at; ++at) {
+        if (!starts_with_folded(at, value))
+            continue;
+        char next = fold_element_char(at[value_len]);
         if (next != '\0' && next != sep && !std::isspace(static_cast<unsigned char>(next)))
             return false; // the first occurrence that runs on decides: absent
-        if (at == 0 || haystack[at - 1] == sep)
+        if (at == list || fold_element_char(at[-1]) == sep)
             return true;
     }
     return false;
@@ -157,7 +175,7 @@ int ldap_change_env_var(int mode, const char *name, char separator, const char *
 {
     LDAP_TRACE(TRC_API, "ldap_change_env_var: env=%s\n", trace_str(name, "NULL"));
     if (!name || !*name || !value || !*value)
-        return 89;
+        return LDAP_PARAM_ERROR;
 
     char *current = ldap_getenv(name);
     if (current && ldap_env_list_contains(current, value, separator)) {
@@ -169,7 +187,7 @@ int ldap_change_env_var(int mode, const char *name, char separator, const char *
     auto *kept = static_cast<KeptText *>(zldap::mem_malloc(offsetof(KeptText, text) + size));
     if (!kept) {
         zldap::mem_free(current);
-        return 90;
+        return LDAP_NO_MEMORY;
     }
     char *text = kept->text;
     if (!has_current)
@@ -181,7 +199,7 @@ int ldap_change_env_var(int mode, const char *name, char separator, const char *
     zldap::mem_free(current);
     if (ldap_putenv(text) != 0) {
         zldap::mem_free(kept);
-        return 89;
+        return LDAP_PARAM_ERROR;
     }
     keep_for_process(kept);
     return 0;

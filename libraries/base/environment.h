@@ -3,8 +3,14 @@
 #ifndef ZLDAP_ENVIRONMENT_H
 #define ZLDAP_ENVIRONMENT_H
 
+#include <cstddef>
+
 // A new copy of the variable's value (release with mem_free), or NULL.
 char *ldap_getenv(const char *name);
+// The value copied into buf (cut to size - 1 bytes) under the system-call
+// mutex, writing no trace line and needing no set-up, for the trace module,
+// which reads its own settings while it prints. False when unset.
+bool ldap_getenv_untraced(const char *name, char *buf, size_t size);
 // Length of the value plus 1 when set, 0 when not.
 int ldap_chkenv(const char *name);
 // text is "name=value" and becomes part of the environment: it must stay allocated.

@@ -56,16 +56,12 @@ private:
 #define LDAP_MUTEX_UNLOCK(m) zldap::mutex_unlock((m), LDAP_MODULE, __LINE__)
 #define LDAP_MUTEX_GUARD(name, m) zldap::MutexGuard name((m), LDAP_MODULE, __LINE__)
 
-// The process-wide locks, made once on first use. A failing lock or unlock
-// is traced and otherwise ignored.
+// The process-wide locks (plug-in registry, defaults, secure toolkit,
+// translation), all made once on first use. A failing lock or unlock is
+// traced and otherwise ignored. Only the defaults lock has a user so far;
+// the others get their accessors with the code they guard.
 void ldap_init_all_mutex_once();
-void ldap_lock_plugin_mutex();
-void ldap_unlock_plugin_mutex();
 void ldap_lock_defaults_mutex();
 void ldap_unlock_defaults_mutex();
-void ldap_lock_ssl_mutex();
-void ldap_unlock_ssl_mutex();
-void ldap_lock_xlate_mutex();
-void ldap_unlock_xlate_mutex();
 
 #endif

@@ -28,7 +28,9 @@ pthread_once_t g_trace_once = PTHREAD_ONCE_INIT;
 char *g_trace_file_name = nullptr;
 FILE *g_trace_stream = nullptr;
 std::atomic<bool> g_timestamps{true};
-bool g_format_known = false;
+
+// Set once, at the first time-stamped line.
+pthread_once_t g_format_once = PTHREAD_ONCE_INIT;
 TimestampFormat g_format = TimestampFormat::Local;
 
 constexpr size_t kStampSize = 33;
@@ -57,6 +59,18 @@ void read_trace_environment()
         g_trace_level.store(value, std::memory_order_relaxed);
         mem_free(level);
     }
+}
+
+// Reads ZEPT_TIMESTAMP_FORMAT, before the trace lock is taken, with the
+// accessor that writes no line of its own: a line written from here would
+// come back into trace_print. A value longer than the buffer is cut; it
+// names the same format cut or whole, since the names are shorter and
+// "General" is matched by its first seven characters.
+void read_timestamp_format()
+{
+    char value[16];
+    bool set = ldap_getenv_untraced("ZEPT_TIMESTAMP_FORMAT", value, sizeof value);
+    g_format = parse_timestamp_format(set ? value : nullptr);
 }
 
 // Local wall-clock time minus UTC wall-clock time, in minutes; a different
@@ -201,14 +215,14 @@ void trace_print(uint32_t mask, const char *format, ...)
     if (!trace_enabled(mask) || !format)
         return;
     int saved_errno = errno;
+    bool prefixed = std::strlen(format) > 5;
+    bool stamped = prefixed && g_timestamps.load(std::memory_order_relaxed);
+    if (stamped)
+        pthread_once(&g_format_once, read_timestamp_format);
     pthread_mutex_lock(&g_trace_lock);
     FILE *out = current_stream();
-    if (std::strlen(format) > 5) {
-        if (g_timestamps.load(std::memory_order_relaxed)) {
-            if (!g_format_known) {
-                g_format = parse_timestamp_format(std::getenv("ZEPT_TIMESTAMP_FORMAT"));
-                g_format_known = true;
-            }
+    if (prefixed) {
+        if (stamped) {
             char stamp[kStampSize];
             struct timeval now {};
             gettimeofday(&now, nullptr);

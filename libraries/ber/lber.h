@@ -3,7 +3,7 @@
 #ifndef ZLDAP_LBER_H
 #define ZLDAP_LBER_H
 
-#include "zor8ldap.h"
+#include "zor8ldap_api.h"
 
 #include <cstdarg>
 #include <cstdint>
@@ -46,8 +46,7 @@ long fber_write(BerElement *ber, const char *bytes, ber_len_t count);
 void fber_reset(BerElement *ber, int was_writing);
 BerElement *fber_init2(const struct berval *bv);
 int fber_flatten(BerElement *ber, struct berval **bvp);
-void ber_bvfree(struct berval *bv);
-void ber_bvecfree(struct berval **bvec);
+// ber_bvfree and ber_bvecfree are published (zor8ldap_api.h).
 
 // The encoder. Varargs follow the format: `t` takes a ber_tag_t (an int
 // literal must be cast), `b i e` an int, `o` bytes and an int length, `s` a

@@ -25,7 +25,7 @@ long BerWrite_nb(Sockbuf *sb, const char *buf, long len)
         if (rc == ZOR_OK)
             return count;
         LDAP_TRACE(TRC_ERROR, "BerWrite() zor_secure_soc_write() rc=%d %s\n", rc, zorlib_reason_text(rc));
-        return rc == ZOR_WOULD_BLOCK ? -11 : -1;
+        return rc == ZOR_WOULD_BLOCK ? -LBER_WOULD_BLOCK : -1;
     }
     if (len < 1)
         return 0;
@@ -41,7 +41,7 @@ long BerWrite_nb(Sockbuf *sb, const char *buf, long len)
     if (n < 0) {
         int err = errno;
         LDAP_TRACE(TRC_ERROR, "BerWrite_nb() errno=%d\n", err);
-        return (err == EAGAIN || err == EWOULDBLOCK) ? -11 : -1;
+        return (err == EAGAIN || err == EWOULDBLOCK) ? -LBER_WOULD_BLOCK : -1;
     }
     return n;
 }

@@ -12,6 +12,7 @@ typedef void *zor_handle;
 // Reason codes the library acts on.
 inline constexpr int ZOR_OK = 0;
 inline constexpr int ZOR_ERR_READ_FAILED = 406;
+inline constexpr int ZOR_ERR_BAD_V3_CIPHER = 422;
 inline constexpr int ZOR_WOULD_BLOCK = 502;
 
 struct zor_cert_element {

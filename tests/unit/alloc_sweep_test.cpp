@@ -2,16 +2,31 @@
 // makes, failing that allocation: the documented code comes back, nothing
 // leaks, and whatever the row calls usable still works afterwards.
 #include "alloc_faults.h"
+#include "base/memory.h"
+#include "ber_test_support.h"
+#include "conn/ldap_connect.h"
+#include "core/ldap_error.h"
 #include "engine_fixture.h"
+#include "loopback.h"
 #include "message/ldap_table.h"
 #include "ops/update.h"
+#include "proto/dn.h"
+#include "proto/ldap_controls.h"
 #include "proto/url.h"
+#include "results/results.h"
+#include "session/ldap_init.h"
+#include "session/ldap_options.h"
 #include "session/ldap_unbind.h"
+#include "test_util.h"
+#include "zor8ldap_api.h"
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <functional>
+#include <optional>
 #include <string>
+#include <vector>
 
 namespace {
 
@@ -38,7 +53,231 @@ void UrlParse(const std::function<void(const AllocFaultScenario &)> &sweep)
            LDAP_URL_NO_MEMORY});
 }
 
+// A DN with every kind of value, so that each allocation path runs.
+constexpr const char *kSweepDn = "cn=a\\,b+sn=\"q\"+OID.1.2=#0403616263,o=Example;c=US";
+
+void DnParse(const std::function<void(const AllocFaultScenario &)> &sweep)
+{
+    sweep({[] {
+               int error = 0;
+               zldap::release_parsed_dn(zldap::parse_dn(kSweepDn, &error));
+               return error;
+           },
+           LDAP_NO_MEMORY});
+}
+
+// The explode functions and dn2ufn have no code: NULL (or, for
+// ldap_explode_dn, an array cut short) stands for 90.
+int NoMemoryUnless(size_t expected, char **array)
+{
+    size_t n = 0;
+    while (array && array[n])
+        n++;
+    ldap_value_free(array);
+    return n == expected ? LDAP_SUCCESS : LDAP_NO_MEMORY;
+}
+
+void DnExplode(const std::function<void(const AllocFaultScenario &)> &sweep)
+{
+    sweep({[] { return NoMemoryUnless(3, ldap_explode_dn(kSweepDn, 0)); }, LDAP_NO_MEMORY});
+}
+
+void DnExplodeRdn(const std::function<void(const AllocFaultScenario &)> &sweep)
+{
+    sweep({[] { return NoMemoryUnless(3, ldap_explode_rdn(kSweepDn, 1)); }, LDAP_NO_MEMORY});
+}
+
+void DnSplitDnsName(const std::function<void(const AllocFaultScenario &)> &sweep)
+{
+    sweep({[] { return NoMemoryUnless(10, ldap_split_dns_name("a@b.c.d.e.f.g.h.i.j")); }, LDAP_NO_MEMORY});
+}
+
+void DnToUfn(const std::function<void(const AllocFaultScenario &)> &sweep)
+{
+    sweep({[] {
+               char *ufn = ldap_dn2ufn(kSweepDn);
+               int rc = ufn ? LDAP_SUCCESS : LDAP_NO_MEMORY;
+               ldap_memfree(ufn);
+               return rc;
+           },
+           LDAP_NO_MEMORY});
+}
+
+// Sweeps body on a handle made outside the sweep; `also` lists the other
+// codes a failing run may return.
+void WithHandle(const std::function<void(const AllocFaultScenario &)> &sweep, const std::function<int(LDAP *)> &body,
+                int expected, std::initializer_list<int> also = {})
+{
+    LDAP *ld = ldap_init("localhost", 389);
+    ASSERT_NE(ld, nullptr);
+    std::vector<int> others(also);
+    sweep({[ld, &body] { return body(ld); }, expected, nullptr,
+           [&others](int rc) { return std::find(others.begin(), others.end(), rc) != others.end(); }});
+    ldap_unbind(ld);
+}
+
+// Runs a builder and releases what it built.
+int BuildAndFree(const std::function<int(LDAPControl **)> &build)
+{
+    LDAPControl *ctrl = nullptr;
+    int rc = build(&ctrl);
+    ldap_control_free(ctrl);
+    return rc;
+}
+
+void PageControlBuild(const std::function<void(const AllocFaultScenario &)> &sweep)
+{
+    WithHandle(sweep, [](LDAP *ld) {
+        struct berval cookie = {3, const_cast<char *>("abc")};
+        return BuildAndFree([&](LDAPControl **c) { return ldap_create_page_control(ld, 500, &cookie, 'T', c); });
+    }, LDAP_NO_MEMORY);
+}
+
+// The filter encoder reports its own lack of memory as a bad filter.
+void AssertionControlBuild(const std::function<void(const AllocFaultScenario &)> &sweep)
+{
+    WithHandle(sweep, [](LDAP *ld) {
+        return BuildAndFree(
+            [&](LDAPControl **c) { return ldap_create_assertion_control(ld, "(&(cn=a*b)(sn=x))", 1, c); });
+    }, LDAP_NO_MEMORY, {LDAP_FILTER_ERROR, LDAP_ENCODING_ERROR});
+}
+
+// A response list holding one control of oid with these value bytes.
+LDAPControl **ResponseList(const char *oid, const std::string &hex)
+{
+    zldap_test::Bytes bytes = zldap_test::Hex(hex);
+    LDAPControl **list = nullptr;
+    EXPECT_EQ(ldap_add_control(oid, bytes.size(), reinterpret_cast<const char *>(bytes.data()), 0, &list), 0);
+    return list;
+}
+
+void PageControlParse(const std::function<void(const AllocFaultScenario &)> &sweep)
+{
+    LDAPControl **list = ResponseList("1.2.840.113556.1.4.319", "30 08 02 01 05 04 03 61 62 63");
+    WithHandle(sweep, [list](LDAP *ld) {
+        unsigned long size = 0;
+        struct berval *cookie = nullptr;
+        int rc = ldap_parse_page_control(ld, list, &size, &cookie);
+        ber_bvfree(cookie);
+        return rc;
+    }, LDAP_NO_MEMORY);
+    ldap_controls_free(list);
+}
+
+// The decoder reports its own lack of memory as a decoding failure.
+void LimitNumValuesParse(const std::function<void(const AllocFaultScenario &)> &sweep)
+{
+    LDAPControl **list = ResponseList("1.3.18.0.2.10.30", "30 1C 04 04 63 6E 3D 65 "
+                                                          "30 09 04 01 61 02 01 03 02 01 05 "
+                                                          "30 09 04 01 62 02 01 01 02 01 02");
+    WithHandle(sweep, [list](LDAP *ld) {
+        LDAPLimitNumValuesResponse *response = nullptr;
+        int rc = ldap_parse_limit_num_values_response(ld, list, &response);
+        ldap_free_limit_num_values_response(response);
+        return rc;
+    }, LDAP_NO_MEMORY, {LDAP_DECODING_ERROR});
+    ldap_controls_free(list);
+}
+
+void EffectivePwdPolicyParse(const std::function<void(const AllocFaultScenario &)> &sweep)
+{
+    sweep({[] {
+               zldap_test::Bytes bytes =
+                   zldap_test::Hex("30 15 30 0B 04 01 61 31 06 04 01 31 04 01 32 80 06 04 04 63 6E 3D 70");
+               struct berval value = {bytes.size(), reinterpret_cast<char *>(bytes.data())};
+               LDAPPwdPolicyAttr **attrs = nullptr;
+               char **dns = nullptr;
+               int rc = ldap_parse_effective_pwdpolicy_response("1.3.18.0.2.12.77", &value, &attrs, &dns);
+               ldap_free_effective_pwdpolicy_response(attrs, dns);
+               return rc;
+           },
+           LDAP_NO_MEMORY, nullptr, [](int rc) { return rc == LDAP_DECODING_ERROR; }});
+}
+
 // ---- session and connections ------------------------------------------
+
+using Sweep = std::function<void(const AllocFaultScenario &)>;
+
+int Unbound(LDAP *ld, int rc) { return ldap_unbind(ld) == 0 ? rc : -1; }
+
+void InitAndOpen(const Sweep &sweep)
+{
+    for (const char *host : {"localhost", static_cast<const char *>(nullptr)})
+        sweep({[host] { LDAP *ld = ldap_init(host, 0); return ld ? Unbound(ld, 0) : LDAP_NO_MEMORY; }, LDAP_NO_MEMORY});
+    zldap_test::LoopbackListener listener(AF_INET, 256);
+    auto drain = [&] { listener.Drain(); };
+    for (const char *version : {"3", static_cast<const char *>(nullptr)}) {
+        zldap_test::ScopedEnv env("LDAP_VERSION", version ? std::optional<std::string>(version) : std::nullopt);
+        sweep({[&] { LDAP *ld = ldap_open("127.0.0.1", listener.port()); return ld ? Unbound(ld, 0) : LDAP_NO_MEMORY; },
+               LDAP_NO_MEMORY, drain});
+    }
+    // A connection comes with 0, and only then.
+    sweep({[&] {
+               LDAP *ld = ldap_init("127.0.0.1", 389);
+               int rc = -7;
+               LDAPConn *lc = ld ? find_connection(ld, "localhost", listener.port(), 1, &rc, 1) : nullptr;
+               return ld ? Unbound(ld, (lc != nullptr) == (rc == 0) ? rc : -1) : LDAP_NO_MEMORY;
+           },
+           LDAP_NO_MEMORY, drain});
+}
+
+// Options that copy, on a handle that stays usable. Failures are recorded
+// in the thread's error record, made beforehand so that recording
+// allocates nothing.
+void OptionCopies(const Sweep &sweep)
+{
+    LDAP *ld = ldap_init("localhost", 389);
+    ldap_set_error_direct(ld, LDAP_OTHER, nullptr, nullptr);
+    auto usable = [ld] { EXPECT_EQ(ldap_set_option(ld, LDAP_OPT_REFERRALS, LDAP_OPT_ON), 0); };
+    LDAPControl control{const_cast<char *>("1.2.3"), {2, const_cast<char *>("ab")}, 1}, *list[] = {&control, nullptr};
+    struct timeval tv {1, 2};
+    const std::pair<int, const void *> options[] = {{LDAP_OPT_SERVER_CONTROLS, list}, {LDAP_OPT_CONNECT_TIMEOUT, &tv},
+                                                    {LDAP_OPT_CIPHER_SPECS_TLS12, "0A"}, {LDAP_OPT_SECURE_PROTOCOLS, "x"}};
+    for (const auto &[option, value] : options) {
+        sweep({[=] {
+                   int rc = ldap_set_option(ld, option, value);
+                   void *out = nullptr;
+                   if (rc == 0 && option != LDAP_OPT_SECURE_PROTOCOLS)
+                       rc = ldap_get_option(ld, option, &out);
+                   option == LDAP_OPT_SERVER_CONTROLS ? ldap_controls_free(static_cast<LDAPControl **>(out)) : zldap::mem_free(out);
+                   ldap_set_option(ld, option, nullptr);
+                   return rc;
+               },
+               LDAP_NO_MEMORY, usable,
+               // a text that can't be copied out is refused with 89
+               [option](int rc) { return option == LDAP_OPT_CIPHER_SPECS_TLS12 && rc == LDAP_PARAM_ERROR; }});
+    }
+    sweep({[ld] {
+               LDAPAPIInfo info{1};
+               int rc = ldap_get_option(ld, LDAP_OPT_API_INFO, &info);
+               EXPECT_EQ(rc == 0, info.ldapai_vendor_name != nullptr);
+               zldap::mem_free(info.ldapai_extensions ? info.ldapai_extensions[0] : nullptr);
+               zldap::mem_free(info.ldapai_extensions);
+               zldap::mem_free(info.ldapai_vendor_name);
+               return rc;
+           },
+           LDAP_NO_MEMORY, usable});
+    ldap_unbind(ld);
+}
+
+// A thread's error record holds either the new error or the old one,
+// never half of each.
+void SetError(const Sweep &sweep)
+{
+    LDAP *ld = ldap_init("localhost", 389);
+    ldap_set_error_direct(ld, LDAP_BUSY, nullptr, nullptr);
+    sweep({[ld] {
+               int rc = ldap_set_error_direct(ld, 32, "o=example", "no such entry");
+               const ldap_error_record *r = ld->ld_errors;
+               EXPECT_EQ(r->ld_errno, rc == 0 ? 32 : LDAP_BUSY);
+               EXPECT_EQ(r->ld_matched != nullptr, rc == 0);
+               EXPECT_EQ(r->ld_error != nullptr, rc == 0);
+               ldap_set_error_direct(ld, LDAP_BUSY, nullptr, nullptr);
+               return rc;
+           },
+           LDAP_NO_MEMORY});
+    ldap_unbind(ld);
+}
 
 // ---- engine and operations --------------------------------------------
 
@@ -92,8 +331,21 @@ void ModifyOverTheWire(const std::function<void(const AllocFaultScenario &)> &sw
 const SweepRow kRows[] = {
     // ---- codec and protocol pieces rows ----
     {"UrlParse", UrlParse},
+    {"DnParse", DnParse},
+    {"DnExplode", DnExplode},
+    {"DnExplodeRdn", DnExplodeRdn},
+    {"DnSplitDnsName", DnSplitDnsName},
+    {"DnToUfn", DnToUfn},
+    {"PageControlBuild", PageControlBuild},
+    {"AssertionControlBuild", AssertionControlBuild},
+    {"PageControlParse", PageControlParse},
+    {"LimitNumValuesParse", LimitNumValuesParse},
+    {"EffectivePwdPolicyParse", EffectivePwdPolicyParse},
 
     // ---- session and connections rows ----
+    {"InitAndOpen", InitAndOpen},
+    {"OptionCopies", OptionCopies},
+    {"SetError", SetError},
 
     // ---- engine and operations rows ----
     {"TableGrowth", TableGrowth},

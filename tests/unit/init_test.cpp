@@ -1,8 +1,9 @@
-// Session creation, the operation guard and teardown while operations run.
-#include "alloc_faults.h"
+// Session creation from hosts, URLs and ports, the library home in the
+// environment, each thread's own error state on a handle, and teardown of
+// everything a handle owns.
 #include "conn/ldap_connect.h"
 #include "core/ldap_error.h"
-#include "core/ldap_init_guard.h"
+#include "results/results.h"
 #include "session/ldap_init.h"
 #include "session/ldap_options.h"
 #include "session/ldap_unbind.h"
@@ -11,7 +12,6 @@
 
 #include <gtest/gtest.h>
 
-#include <cstring>
 #include <thread>
 #include <unistd.h>
 
@@ -19,183 +19,123 @@ using zldap_test::ScopedEnv;
 
 namespace {
 
-TEST(Init, PortsAndDefaults)
-{
-    EXPECT_EQ(ldap_init("localhost", -1), nullptr);
-    struct {
-        int given;
-        uint32_t kept;
-    } const ports[] = {{0, 389}, {389, 389}, {636, 636}, {1389, 1389}};
-    for (const auto &p : ports) {
-        LDAP *ld = ldap_init("localhost", p.given);
-        ASSERT_NE(ld, nullptr);
-        EXPECT_EQ(ld->ld_defport, p.kept);
-        EXPECT_EQ(ld->ld_defconn->lconn_port, p.kept);
-        EXPECT_EQ(ld->ld_defconn, ld->ld_servers);
-        EXPECT_EQ(ld->ld_defconn->lconn_ld, ld);
-        EXPECT_EQ(ld->ld_defconn->lconn_sb.sd, -1);
-        EXPECT_EQ(ld->ld_version, 3);
-        EXPECT_EQ(ld->ld_hoplimit, 10);
-        EXPECT_EQ(ld->ld_no_xlate, 1u);
-        EXPECT_EQ(ld->ld_options & 0x6, 0x2u);
-        EXPECT_EQ(ldap_unbind(ld), 0);
-    }
-}
-
-TEST(Init, HostListsAreKeptAsGiven)
-{
-    LDAP *ld = ldap_init("first.example  second.example:1389 [::1]:636", 389);
-    ASSERT_NE(ld, nullptr);
-    EXPECT_STREQ(ld->ld_defhost, "first.example  second.example:1389 [::1]:636");
-    EXPECT_STREQ(ld->ld_defconn->lconn_hosts, ld->ld_defhost);
-    EXPECT_EQ(ldap_unbind(ld), 0);
-}
-
-TEST(Init, NullHostMeansThisMachine)
+TEST(Init, HostsUrlsAndPorts)
 {
     char name[300] = {};
     ASSERT_EQ(gethostname(name, sizeof name - 1), 0);
-    LDAP *ld = ldap_init(nullptr, 0);
-    ASSERT_NE(ld, nullptr);
-    EXPECT_STREQ(ld->ld_defhost, name);
-    EXPECT_STRNE(ld->ld_defhost, "localhost");
-    EXPECT_EQ(ldap_unbind(ld), 0);
-}
-
-TEST(Init, EmptyHostIsRefused) { EXPECT_EQ(ldap_init("", 389), nullptr); }
-
-TEST(Init, UrlHostArgumentsNameTheirHostAndPort)
-{
     struct {
-        const char *url;
-        int port;
         const char *host;
+        int port;
+        const char *kept_host; // NULL: refused
         uint32_t kept_port;
     } const cases[] = {
+        {"localhost", 0, "localhost", 389}, {"localhost", 1389, "localhost", 1389}, {"localhost", -1, nullptr, 0},
+        {"first.example  second.example:1389 [::1]:636", 389, "first.example  second.example:1389 [::1]:636", 389},
+        {nullptr, 0, name, 389}, // this machine
+        {"", 389, nullptr, 0},
         {"LDAP://server:1389", 0, "server", 1389},
         {"ldap://server/o=x", 777, "server", 389}, // the URL's default port wins over the argument
         {"ldaps://secure.example", 0, "secure.example", 636},
         {"<URL:ldap://[::1]:1390/>", 0, "::1", 1390},
+        {"ldap:///o=example", 0, nullptr, 0}, // without a host a URL needs server location
+        {"ldap://h:12x/", 0, nullptr, 0},
     };
     for (const auto &c : cases) {
-        LDAP *ld = ldap_init(c.url, c.port);
-        ASSERT_NE(ld, nullptr) << c.url;
-        EXPECT_STREQ(ld->ld_defhost, c.host) << c.url;
-        EXPECT_EQ(ld->ld_defport, c.kept_port) << c.url;
-        EXPECT_EQ(ldap_unbind(ld), 0);
+        LDAP *ld = ldap_init(c.host, c.port);
+        SCOPED_TRACE(c.host ? c.host : "NULL");
+        ASSERT_EQ(ld != nullptr, c.kept_host != nullptr);
+        if (ld) {
+            EXPECT_STREQ(ld->ld_defconn->lconn_hosts, c.kept_host);
+            EXPECT_EQ(ld->ld_defconn->lconn_port, c.kept_port);
+            EXPECT_EQ(ldap_unbind(ld), 0);
+        }
     }
-    // Without a host a URL would need server location.
-    EXPECT_EQ(ldap_init("ldap:///o=example", 0), nullptr);
-    EXPECT_EQ(ldap_init("ldap://h:12x/", 0), nullptr) << "an unparsable URL";
 }
 
 TEST(Init, UlxdirIsSetFromTheLibraryHome)
 {
-    {
-        ScopedEnv ulx("ULXDIR", std::nullopt);
-        ScopedEnv home("QVA_LDAP_HOME", "/srv/ldaphome");
-        LDAP *ld = ldap_init("localhost", 0);
-        ASSERT_NE(ld, nullptr);
-        ldap_unbind(ld);
-        ASSERT_NE(std::getenv("ULXDIR"), nullptr);
-        EXPECT_STREQ(std::getenv("ULXDIR"), "/srv/ldaphome");
+    struct {
+        const char *ulxdir, *home, *expected;
+    } const cases[] = {
+        {nullptr, "/srv/ldaphome", "/srv/ldaphome"}, {nullptr, nullptr, "/opt/orn/ldap/V6.3.1"}, {"/kept", "/x", "/kept"}};
+    for (const auto &c : cases) {
+        auto value = [](const char *v) { return v ? std::optional<std::string>(v) : std::nullopt; };
+        ScopedEnv ulx("ULXDIR", value(c.ulxdir));
+        ScopedEnv home("QVA_LDAP_HOME", value(c.home));
+        EXPECT_EQ(ldap_unbind(ldap_init("localhost", 0)), 0);
+        EXPECT_STREQ(std::getenv("ULXDIR"), c.expected);
     }
-    {
-        ScopedEnv ulx("ULXDIR", std::nullopt);
-        ScopedEnv home("QVA_LDAP_HOME", std::nullopt);
-        LDAP *ld = ldap_init("localhost", 0);
-        ASSERT_NE(ld, nullptr);
-        ldap_unbind(ld);
-        EXPECT_STREQ(std::getenv("ULXDIR"), "/opt/orn/ldap/V6.3.1");
-    }
-    ScopedEnv ulx("ULXDIR", "/kept");
-    LDAP *ld = ldap_init("localhost", 0);
-    ldap_unbind(ld);
-    EXPECT_STREQ(std::getenv("ULXDIR"), "/kept");
-}
-
-TEST(Init, EveryAllocationFailureGivesNullAndLeaksNothing)
-{
-    for (const char *host : {"localhost", static_cast<const char *>(nullptr)}) {
-        long n = zldap_test::ExpectEachAllocationFailure({
-            [&] {
-                LDAP *ld = ldap_init(host, 0);
-                if (!ld)
-                    return LDAP_NO_MEMORY;
-                return ldap_unbind(ld);
-            },
-            LDAP_NO_MEMORY, nullptr});
-        EXPECT_GE(n, 3);
-    }
-}
-
-TEST(Guard, RefusesNullForeignAndClosingHandles)
-{
-    EXPECT_EQ(ldap_start_operation(nullptr), LDAP_PARAM_ERROR);
-    alignas(LDAP) unsigned char junk[sizeof(LDAP)];
-    std::memset(junk, 0, sizeof junk);
-    std::memcpy(junk, "LDAP HD", 7);
-    EXPECT_EQ(ldap_start_operation(reinterpret_cast<LDAP *>(junk)), LDAP_PARAM_ERROR);
-    ldap_end_operation(reinterpret_cast<LDAP *>(junk)); // does nothing
-
-    LDAP *ld = ldap_init("localhost", 0);
-    ASSERT_NE(ld, nullptr);
-    ASSERT_EQ(ldap_start_operation(ld), 0);
-    EXPECT_EQ(ld->ld_op_count, 1u);
-    ldap_end_operation(ld);
-    ldap_end_operation(ld); // never below zero
-    EXPECT_EQ(ld->ld_op_count, 0u);
-    ld->ld_unbind_started = 1;
-    EXPECT_EQ(ldap_start_operation(ld), LDAP_PARAM_ERROR);
-    ld->ld_unbind_started = 0;
-    EXPECT_EQ(ldap_unbind(ld), 0);
-}
-
-TEST(Unbind, RefusesUnusableHandles)
-{
-    EXPECT_EQ(ldap_unbind(nullptr), LDAP_PARAM_ERROR);
-    EXPECT_EQ(ldap_unbind_s(nullptr), LDAP_PARAM_ERROR);
-    EXPECT_EQ(ldap_unbind_ext(nullptr, nullptr, nullptr), LDAP_PARAM_ERROR);
-    alignas(LDAP) unsigned char junk[sizeof(LDAP)] = {};
-    EXPECT_EQ(ldap_unbind(reinterpret_cast<LDAP *>(junk)), LDAP_PARAM_ERROR);
-}
-
-TEST(Unbind, AliasesReleaseTheHandle)
-{
-    LDAP *a = ldap_init("localhost", 0);
-    LDAP *b = ldap_init("localhost", 0);
-    ASSERT_TRUE(a && b);
-    LDAPControl *none[] = {nullptr};
-    EXPECT_EQ(ldap_unbind_s(a), 0);
-    EXPECT_EQ(ldap_unbind_ext(b, none, none), 0);
 }
 
 TEST(Unbind, ReleasesEverythingTheHandleOwns)
 {
-    // The sanitizer build proves the release: nothing here may leak.
+    // The first handle of the process settles what stays for good (the
+    // trace set-up, ULXDIR's text); from the second on, nothing may stay.
+    EXPECT_EQ(ldap_unbind(ldap_init("localhost", 0)), 0);
+    zldap::mem_tracking_start(0);
     LDAP *ld = ldap_init("localhost", 0);
-    ASSERT_NE(ld, nullptr);
-    LDAPControl ctrl{const_cast<char *>("1.2.3"), {1, const_cast<char *>("x")}, 0};
-    LDAPControl *list[] = {&ctrl, nullptr};
+    LDAPControl ctrl{const_cast<char *>("1.2.3"), {1, const_cast<char *>("x")}, 0}, *list[] = {&ctrl, nullptr};
     struct timeval tv {3, 0};
-    ASSERT_EQ(ldap_set_option(ld, LDAP_OPT_SERVER_CONTROLS, list), 0);
-    ASSERT_EQ(ldap_set_option(ld, LDAP_OPT_CLIENT_CONTROLS, list), 0);
-    ASSERT_EQ(ldap_set_option(ld, LDAP_OPT_CONNECT_TIMEOUT, &tv), 0);
-    ASSERT_EQ(ldap_set_option(ld, LDAP_OPT_CIPHER_SPECS, "0A"), 0);
-    ASSERT_EQ(ldap_set_option(ld, LDAP_OPT_CIPHER_SPECS_TLS12, "x"), 0);
-    ASSERT_EQ(ldap_set_option(ld, LDAP_OPT_SECURE_PROTOCOLS, "y"), 0);
+    const std::pair<int, const void *> options[] = {
+        {LDAP_OPT_SERVER_CONTROLS, list}, {LDAP_OPT_CLIENT_CONTROLS, list}, {LDAP_OPT_CONNECT_TIMEOUT, &tv},
+        {LDAP_OPT_CIPHER_SPECS, "0A"}, {LDAP_OPT_CIPHER_SPECS_TLS12, "x"}, {LDAP_OPT_SECURE_PROTOCOLS, "y"}};
+    for (const auto &[option, value] : options)
+        ASSERT_EQ(ldap_set_option(ld, option, value), 0);
     ldap_set_error_direct(ld, 32, "o=x", "text");
     std::thread([ld] { ldap_set_error_direct(ld, 50, "o=y", nullptr); }).join();
     LDAPConn *referral = ldap_lc_init("other", 389, 256);
-    ASSERT_NE(referral, nullptr);
     ld->ld_defconn->lconn_next = referral;
     ASSERT_EQ(set_thread_connection(ld, referral), 0);
-    EXPECT_EQ(get_default_connection(ld), referral);
-
-    zldap::mem_tracking_start(0);
     EXPECT_EQ(ldap_unbind(ld), 0);
-    zldap::AllocCounters freed = zldap::mem_tracking_stop();
-    EXPECT_EQ(freed.allocations, 0) << "teardown allocates nothing";
+    EXPECT_EQ(zldap::mem_tracking_stop().live, 0);
+    // The aliases do the same.
+    EXPECT_EQ(ldap_unbind_s(ldap_init("localhost", 0)), 0);
+    EXPECT_EQ(ldap_unbind_ext(ldap_init("localhost", 0), nullptr, nullptr), 0);
+}
+
+TEST(Err2String, UnknownCodesAreUnknownError)
+{
+    for (int code : {80, 15, 1000, -1, 209, 0x7FFFFFFF})
+        EXPECT_STREQ(ldap_err2string(code), "Unknown error") << code;
+    EXPECT_STREQ(ldap_pwdpolicy_err2string(12), "Unknown error");
+}
+
+TEST(ErrorState, EachThreadHasItsOwn)
+{
+    LDAP *ld = ldap_init("localhost", 389);
+    ASSERT_EQ(ldap_set_error(ld, 32, "o=example", "gone"), 0);
+    ASSERT_EQ(ldap_set_error_direct(ld, 50, nullptr, "denied"), 0) << "a set replaces both texts";
+    ASSERT_EQ(ldap_set_ext_error_direct(ld, 422), 0);
+    std::thread([ld] {
+        char *matched = reinterpret_cast<char *>(1), *text = matched;
+        EXPECT_EQ(ldap_get_error(ld, &matched, &text), 0) << "a thread without an error reads success";
+        EXPECT_TRUE(!matched && !text && ldap_get_ext_error(ld) == 0);
+        ldap_set_error_direct(ld, LDAP_BUSY, nullptr, nullptr);
+    }).join();
+    char *matched = nullptr, *text = nullptr;
+    EXPECT_EQ(ldap_get_error(ld, &matched, &text), 50);
+    EXPECT_EQ(matched, nullptr);
+    EXPECT_STREQ(text, "denied");
+    zldap::mem_free(text);
+    EXPECT_EQ(ldap_get_ext_error(ld), 422);
+    EXPECT_EQ(ldap_result2error(ld, nullptr, 0), 50) << "no chain: the last code";
+    ldap_set_error_direct(ld, 0, nullptr, nullptr);
+    EXPECT_EQ(ldap_result2error(ld, nullptr, 0), LDAP_PARAM_ERROR) << "success reads as 89";
+    EXPECT_EQ(ldap_unbind(ld), 0);
+}
+
+TEST(ErrorState, PerrorPrintsTheCodeAndWhatCameWithIt)
+{
+    LDAP *ld = ldap_init("localhost", 389);
+    ldap_set_error_direct(ld, LDAP_NO_SUCH_OBJECT, "o=example", nullptr);
+    testing::internal::CaptureStderr();
+    ldap_perror(ld, "search");
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "search: No such object\nsearch: matched: o=example\n");
+    ldap_set_error_direct(ld, LDAP_INVALID_CREDENTIALS, "", "bad password");
+    testing::internal::CaptureStderr();
+    ldap_perror(ld, "bind");
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "bind: Invalid credentials\nbind: additional info: bad password\n");
+    EXPECT_EQ(ldap_unbind(ld), 0);
 }
 
 } // namespace

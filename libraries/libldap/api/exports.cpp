@@ -3,17 +3,9 @@
 // library's own function; zorldap_loaded_from; the two read-only data
 // objects. Everything here is bound to the symbol version zor8 by the
 // version script.
-#include "zor8ldap.h"
+#include "zor8ldap_api.h"
 
-#include "core/ldap_error.h"
-#include "ops/ldap_bind.h"
-#include "ops/search.h"
-#include "ops/update.h"
-#include "proto/url.h"
-#include "results/results.h"
-#include "session/ldap_init.h"
-#include "session/ldap_options.h"
-#include "session/ldap_unbind.h"
+#include "base/version.h"
 
 #include <cstdlib>
 #include <cstring>
@@ -30,7 +22,7 @@ static_assert(sizeof(zorldap_Copyright) == 231);
 
 ZLDAP_EXPORT extern const char zorldap_SCCSInfo[] =
     "@(#) libzor8ldap_64.so  LDAP version 3 client library\n"
-    "@(#) Product release: 6.3.1 (sdk 631, protocol 300, ssl 300)\n"
+    "@(#) Product release: " ZLDAP_VERSION_TEXT " (sdk " ZLDAP_VERSION_DIGITS ", protocol 300, ssl 300)\n"
     "@(#) Platform: Linux x86_64, 64-bit, glibc 2.17 or later\n"
     "@(#) Symbol version node: zor8\n"
     "@(#) Components: session and options, BER codec, socket buffer,\n"
@@ -45,6 +37,8 @@ ZLDAP_EXPORT extern const char zorldap_SCCSInfo[] =
     "@(#) Build: C++20, hidden visibility, run-time search path $ORIGIN\n"
     "@(#) Copyright (c) 2026 Orniva Systems Corp.\n"
     "@(#) End of version block...............\n";
+// The dots pad the block to its published size: a version text of another
+// length needs as many dots fewer or more.
 static_assert(sizeof(zorldap_SCCSInfo) == 885);
 
 ZLDAP_EXPORT LDAP *zor_ldap_init(const char *host, int port) { return ldap_init(host, port); }

@@ -292,16 +292,13 @@ LDAPConn *find_connection(LDAP *ld, const char *host, int port, int open_if_miss
     } else if (port < 1 || port > 65535) {
         LDAP_TRACE(TRC_ERROR, "find_connection: bad port (%d)\n", port);
         rc = LDAP_PARAM_ERROR;
-        ldap_set_error_direct(ld, rc, nullptr, nullptr);
-        return nullptr;
+        return ldap_fail_returning(ld, rc, nullptr);
     }
     ConnectSettings settings{};
     if (open_if_missing == 1) {
         rc = read_connect_settings(ld, settings);
-        if (rc != LDAP_SUCCESS) {
-            ldap_set_error_direct(ld, rc, nullptr, nullptr);
-            return nullptr;
-        }
+        if (rc != LDAP_SUCCESS)
+            return ldap_fail_returning(ld, rc, nullptr);
     }
 
     LDAPConn *found = nullptr;
@@ -414,10 +411,8 @@ LDAPConn *get_default_connection(LDAP *ld)
 
 int set_thread_connection(LDAP *ld, LDAPConn *lc)
 {
-    if (LDAP_MUTEX_LOCK(&ld->ld_thread_conn_mutex) != 0) {
-        ldap_set_error_direct(ld, LDAP_LOCK_ERROR, nullptr, nullptr);
-        return LDAP_LOCK_ERROR;
-    }
+    if (LDAP_MUTEX_LOCK(&ld->ld_thread_conn_mutex) != 0)
+        return ldap_fail(ld, LDAP_LOCK_ERROR);
     int rc = LDAP_SUCCESS;
     ldap_thread_conn *tc = find_thread_binding(ld);
     if (tc && !lc) {

@@ -221,6 +221,12 @@ int ldap_set_error_direct(LDAP *ld, int code, const char *matched, const char *t
     return LDAP_SUCCESS;
 }
 
+int ldap_fail(LDAP *ld, int code)
+{
+    ldap_set_error_direct(ld, code, nullptr, nullptr);
+    return code;
+}
+
 int ldap_set_ext_error_direct(LDAP *ld, int reason)
 {
     if (!ld)
@@ -283,7 +289,7 @@ int ldap_get_error_direct(LDAP *ld, char **matched, char **text)
 
 int ldap_get_errno(LDAP *ld)
 {
-    zldap::OperationGuard op(ld);
+    zldap::OperationGuard op(ld, zldap::OnEntry::keep_error);
     if (!op.admitted())
         return -1;
     return ldap_get_errno_direct(ld);
@@ -291,7 +297,7 @@ int ldap_get_errno(LDAP *ld)
 
 int ldap_get_ext_error(LDAP *ld)
 {
-    zldap::OperationGuard op(ld);
+    zldap::OperationGuard op(ld, zldap::OnEntry::keep_error);
     if (!op.admitted())
         return -1;
     return ldap_get_ext_error_direct(ld);
@@ -299,7 +305,7 @@ int ldap_get_ext_error(LDAP *ld)
 
 int ldap_get_error(LDAP *ld, char **matched, char **text)
 {
-    zldap::OperationGuard op(ld);
+    zldap::OperationGuard op(ld, zldap::OnEntry::keep_error);
     if (!op.admitted())
         return -1;
     return ldap_get_error_direct(ld, matched, text);
@@ -307,7 +313,7 @@ int ldap_get_error(LDAP *ld, char **matched, char **text)
 
 int ldap_set_error(LDAP *ld, int code, const char *matched, const char *text)
 {
-    zldap::OperationGuard op(ld);
+    zldap::OperationGuard op(ld, zldap::OnEntry::keep_error);
     if (!op.admitted())
         return -1;
     return ldap_set_error_direct(ld, code, matched, text);
@@ -315,7 +321,7 @@ int ldap_set_error(LDAP *ld, int code, const char *matched, const char *text)
 
 void ldap_perror(LDAP *ld, const char *prefix)
 {
-    zldap::OperationGuard op(ld);
+    zldap::OperationGuard op(ld, zldap::OnEntry::keep_error);
     if (!op.admitted())
         return;
     char *matched = nullptr;

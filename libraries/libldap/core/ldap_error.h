@@ -3,18 +3,20 @@
 #define ZLDAP_LDAP_ERROR_H
 
 #include "core/ldap_session.h"
-
-char *ldap_err2string(int err);
-char *ldap_pwdpolicy_err2string(int err);
-
-int ldap_get_errno(LDAP *ld);
-int ldap_get_error(LDAP *ld, char **matched, char **text);
-int ldap_set_error(LDAP *ld, int code, const char *matched, const char *text);
-int ldap_get_ext_error(LDAP *ld);
-void ldap_perror(LDAP *ld, const char *prefix);
+#include "zor8ldap_api.h"
 
 // Unguarded forms for callers already inside an operation.
 int ldap_set_error_direct(LDAP *ld, int code, const char *matched, const char *text);
+// Records code, with no texts, as the thread's error and returns it: the
+// failure paths that return the code they record.
+int ldap_fail(LDAP *ld, int code);
+// Records code the same way and returns result, for the failure paths that
+// return -1, NULL or false and leave the reason in the thread's error.
+template <class T> T ldap_fail_returning(LDAP *ld, int code, T result)
+{
+    ldap_fail(ld, code);
+    return result;
+}
 int ldap_get_errno_direct(LDAP *ld);
 int ldap_get_error_direct(LDAP *ld, char **matched, char **text);
 int ldap_set_ext_error_direct(LDAP *ld, int reason);

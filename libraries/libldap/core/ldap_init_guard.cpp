@@ -22,10 +22,8 @@ int ldap_start_operation(LDAP *ld)
         LDAP_TRACE(TRC_ERROR, "Invalid ld in ldap_start_operation\n");
         return LDAP_PARAM_ERROR;
     }
-    if (LDAP_MUTEX_LOCK(&ld->ld_mutex) != 0) {
-        ldap_set_error_direct(ld, LDAP_LOCK_ERROR, nullptr, nullptr);
-        return LDAP_LOCK_ERROR;
-    }
+    if (LDAP_MUTEX_LOCK(&ld->ld_mutex) != 0)
+        return ldap_fail(ld, LDAP_LOCK_ERROR);
     int rc = LDAP_SUCCESS;
     if (ld->ld_unbind_started == 1) {
         LDAP_TRACE(TRC_API, "ldap_start_operation: unbind started\n");

@@ -4,6 +4,7 @@
 #ifndef ZLDAP_LDAP_INIT_GUARD_H
 #define ZLDAP_LDAP_INIT_GUARD_H
 
+#include "core/ldap_error.h"
 #include "core/ldap_session.h"
 
 // 0 when the caller may go on; otherwise a code, and the caller returns at
@@ -13,14 +14,22 @@ void ldap_end_operation(LDAP *ld);
 
 namespace zldap {
 
+// What an admitted operation does with the calling thread's last error.
+enum class OnEntry {
+    keep_error,  // the error is left as it is: readers of it, and operations that record their own outcome
+    reset_error, // the error becomes success, so that only this operation's failure shows
+};
+
 // Brackets one public operation on a handle. A record that is never
 // unbound (the global defaults) is admitted without being counted when
 // counted is false.
 class OperationGuard {
 public:
-    explicit OperationGuard(LDAP *ld, bool counted = true)
+    OperationGuard(LDAP *ld, OnEntry on_entry, bool counted = true)
         : ld_(counted ? ld : nullptr), rc_(counted ? ldap_start_operation(ld) : 0)
     {
+        if (rc_ == 0 && on_entry == OnEntry::reset_error)
+            ldap_set_error_direct(ld, LDAP_SUCCESS, nullptr, nullptr);
     }
     ~OperationGuard()
     {

@@ -50,8 +50,7 @@ LDAPMessage *partial_message(LDAP *ld, LDAPConn *lc)
     LDAPMessage *msg = ldap_alloc_msg(lc);
     if (!msg) {
         LDAP_TRACE(TRC_ERROR, "ldap_get_msg: Failed with memory error\n");
-        ldap_set_error_direct(ld, LDAP_NO_MEMORY, nullptr, nullptr);
-        return nullptr;
+        return ldap_fail_returning(ld, LDAP_NO_MEMORY, nullptr);
     }
     msg->msg_ber = new_ldap_ber(ld, 1);
     if (!msg->msg_ber) {
@@ -71,23 +70,17 @@ int get_msg_since(LDAP *ld, LDAPConn *lc, const struct timeval *timeout, const u
 {
     if (lconn_is_closed(lc)) {
         LDAP_TRACE(TRC_ERROR, "ldap_get_msg: Socket connection was closed earlier\n");
-        ldap_set_error_direct(ld, LDAP_SERVER_DOWN, nullptr, nullptr);
-        return LDAP_SERVER_DOWN;
+        return ldap_fail(ld, LDAP_SERVER_DOWN);
     }
     if (!lconn_is_connected(lc)) {
         LDAP_TRACE(TRC_ERROR, "ldap_get_msg: FATAL ERROR - Socket is not yet created\n");
-        ldap_set_error_direct(ld, LDAP_SERVER_DOWN, nullptr, nullptr);
-        return LDAP_SERVER_DOWN;
+        return ldap_fail(ld, LDAP_SERVER_DOWN);
     }
     int lock_rc = lock_for_reading(lc, timeout);
-    if (lock_rc == ETIMEDOUT) {
-        ldap_set_error_direct(ld, LDAP_TIMEOUT, nullptr, nullptr);
-        return 0;
-    }
-    if (lock_rc != 0) {
-        ldap_set_error_direct(ld, LDAP_LOCK_ERROR, nullptr, nullptr);
-        return -1;
-    }
+    if (lock_rc == ETIMEDOUT)
+        return ldap_fail_returning(ld, LDAP_TIMEOUT, 0);
+    if (lock_rc != 0)
+        return ldap_fail_returning(ld, LDAP_LOCK_ERROR, -1);
     ldap_msg_table *table = lc->lconn_msgtable;
     if (seen && read_count(table) != *seen) {
         zldap::mutex_unlock(&lc->lconn_read_mutex, LDAP_MODULE, __LINE__);
@@ -117,13 +110,10 @@ int get_msg_since(LDAP *ld, LDAPConn *lc, const struct timeval *timeout, const u
     if (rc == -1) {
         if (msg) // a read failure ends the connection; a memory failure does not
             lconn_mark_closed(lc);
-        ldap_set_error_direct(ld, msg ? LDAP_SERVER_DOWN : LDAP_NO_MEMORY, nullptr, nullptr);
-        return -1;
+        return ldap_fail_returning(ld, msg ? LDAP_SERVER_DOWN : LDAP_NO_MEMORY, -1);
     }
-    if (rc == -2) {
-        ldap_set_error_direct(ld, LDAP_TIMEOUT, nullptr, nullptr);
-        return 0;
-    }
+    if (rc == -2)
+        return ldap_fail_returning(ld, LDAP_TIMEOUT, 0);
     return 1;
 }
 
@@ -185,26 +175,18 @@ int ldap_msg_table_get_message(LDAP *ld, ldap_msg_table *table, int id, const st
 {
     LDAP_TRACE(TRC_API, "ldap_msg_table_get_message entered: %p %lu %p\n", static_cast<void *>(table),
                static_cast<unsigned long>(id), static_cast<void *>(out));
-    if (!table || !out || id < 0) {
-        ldap_set_error_direct(ld, LDAP_PARAM_ERROR, nullptr, nullptr);
-        return -1;
-    }
+    if (!table || !out || id < 0)
+        return ldap_fail_returning(ld, LDAP_PARAM_ERROR, -1);
     ldap_set_error_direct(ld, LDAP_SUCCESS, nullptr, nullptr);
     LDAP_MUTEX_GUARD(guard, &table->lock);
-    if (!guard.locked()) {
-        ldap_set_error_direct(ld, LDAP_LOCK_ERROR, nullptr, nullptr);
-        return -1;
-    }
-    if (static_cast<uint32_t>(id) >= table->row_count) {
-        ldap_set_error_direct(ld, LDAP_PARAM_ERROR, nullptr, nullptr);
-        return -1;
-    }
+    if (!guard.locked())
+        return ldap_fail_returning(ld, LDAP_LOCK_ERROR, -1);
+    if (static_cast<uint32_t>(id) >= table->row_count)
+        return ldap_fail_returning(ld, LDAP_PARAM_ERROR, -1);
     ldap_msg_row *row = &table->rows[id];
     if ((row->flags & LDAP_ROW_DONE) && !row->next_to_return) {
-        if (row->parent || !row->saved_result) {
-            ldap_set_error_direct(ld, LDAP_PARAM_ERROR, nullptr, nullptr);
-            return -1;
-        }
+        if (row->parent || !row->saved_result)
+            return ldap_fail_returning(ld, LDAP_PARAM_ERROR, -1);
         // The result set aside while referrals were chased is all that is left.
         LDAPMessage *saved = row->saved_result;
         row->saved_result = nullptr;
@@ -237,14 +219,11 @@ int ldap_msg_table_get_message(LDAP *ld, ldap_msg_table *table, int id, const st
         int got = get_msg_since(ld, table->connection, timeout, &seen);
         if (got != 1 && got != 0) {
             LDAP_TRACE(TRC_ERROR, "ldap_msg_table_get_message: soc_err=%d\n", got);
-            ldap_set_error_direct(ld, LDAP_SERVER_DOWN, nullptr, nullptr);
-            return -1;
+            return ldap_fail_returning(ld, LDAP_SERVER_DOWN, -1);
         }
         // The rows may have moved while unlocked: take_next looks them up again.
-        if (!guard.relock()) {
-            ldap_set_error_direct(ld, LDAP_LOCK_ERROR, nullptr, nullptr);
-            return -1;
-        }
+        if (!guard.relock())
+            return ldap_fail_returning(ld, LDAP_LOCK_ERROR, -1);
         if (timed_out(start, timeout)) {
             rc = take_next();
             break;

@@ -28,8 +28,7 @@ std::atomic<bool> g_write_timeout_read{false};
 int fail_server_down(LDAP *ld, LDAPConn *lc)
 {
     lconn_mark_closed(lc);
-    ldap_set_error_direct(ld, LDAP_SERVER_DOWN, nullptr, nullptr);
-    return LDAP_SERVER_DOWN;
+    return ldap_fail(ld, LDAP_SERVER_DOWN);
 }
 
 // Opens lc on first use; the caller holds the write lock.
@@ -45,8 +44,7 @@ int open_on_first_use(LDAP *ld, LDAPConn *lc)
     zldap::mem_free(lc->lconn_peer);
     lc->lconn_peer = nullptr;
     rc = rc == LDAP_CONNECT_ERROR ? LDAP_CONNECT_ERROR : LDAP_SERVER_DOWN;
-    ldap_set_error_direct(ld, rc, nullptr, nullptr);
-    return rc;
+    return ldap_fail(ld, rc);
 }
 
 // Writes the whole element, waiting whenever the socket is full.
@@ -58,7 +56,7 @@ int flush_element(LDAP *ld, LDAPConn *lc, BerElement *ber, const struct timeval 
         int rc = fber_flush_nb(&lc->lconn_sb, ber);
         if (rc == 0)
             return LDAP_SUCCESS;
-        if (rc != -11)
+        if (rc != -LBER_WOULD_BLOCK)
             return fail_server_down(ld, lc);
     }
 }
@@ -111,19 +109,15 @@ int ldap_write_msg(LDAP *ld, LDAPMessage *msg, const struct timeval *timeout)
     LDAPConn *lc = msg->msg_conn;
     if (lconn_is_closed(lc)) {
         LDAP_TRACE(TRC_ERROR, "ldap_write_msg: Socket connection was closed earlier\n");
-        ldap_set_error_direct(ld, LDAP_SERVER_DOWN, nullptr, nullptr);
-        return LDAP_SERVER_DOWN;
+        return ldap_fail(ld, LDAP_SERVER_DOWN);
     }
     LDAP_MUTEX_GUARD(guard, &lc->lconn_write_mutex);
-    if (!guard.locked()) {
-        ldap_set_error_direct(ld, LDAP_LOCK_ERROR, nullptr, nullptr);
-        return LDAP_LOCK_ERROR;
-    }
+    if (!guard.locked())
+        return ldap_fail(ld, LDAP_LOCK_ERROR);
     // Another writer may have found the connection dead while we waited.
     if (lconn_is_closed(lc)) {
         LDAP_TRACE(TRC_ERROR, "ldap_write_msg: Socket connection was closed earlier\n");
-        ldap_set_error_direct(ld, LDAP_SERVER_DOWN, nullptr, nullptr);
-        return LDAP_SERVER_DOWN;
+        return ldap_fail(ld, LDAP_SERVER_DOWN);
     }
     int rc = open_on_first_use(ld, lc);
     if (rc == LDAP_SUCCESS) {
@@ -141,19 +135,15 @@ int ldap_msg_table_send_message(ldap_msg_table *table, LDAP *ld, LDAPMessage *ms
     *stored = 0;
     LDAP_TRACE(TRC_API, "ldap_msg_table_send_message entered: table=%p msg=%p msgid=%d\n",
                static_cast<void *>(table), static_cast<void *>(msg), msg ? msg->msg_id : -1);
-    if (!table || !msg) {
-        ldap_set_error_direct(ld, LDAP_PARAM_ERROR, nullptr, nullptr);
-        return LDAP_PARAM_ERROR;
-    }
+    if (!table || !msg)
+        return ldap_fail(ld, LDAP_PARAM_ERROR);
     ldap_set_error_direct(ld, LDAP_SUCCESS, nullptr, nullptr);
     {
         LDAP_MUTEX_GUARD(guard, &table->lock);
         if (!guard.locked())
             return LDAP_LOCK_ERROR;
-        if (msg->msg_id <= 0 || static_cast<uint32_t>(msg->msg_id) >= table->row_count) {
-            ldap_set_error_direct(ld, LDAP_PARAM_ERROR, nullptr, nullptr);
-            return LDAP_PARAM_ERROR;
-        }
+        if (msg->msg_id <= 0 || static_cast<uint32_t>(msg->msg_id) >= table->row_count)
+            return ldap_fail(ld, LDAP_PARAM_ERROR);
         table->rows[msg->msg_id].request = msg;
         *stored = 1;
     }
@@ -177,14 +167,11 @@ int send_request(LDAP *ld, LDAPConn *lc, const RequestPlan &plan, int *msgid, co
         lc = get_default_connection(ld);
     if (!lc || !lc->lconn_msgtable) {
         LDAP_TRACE(TRC_ERROR, "%s", plan.no_connection);
-        ldap_set_error_direct(ld, LDAP_ENCODING_ERROR, nullptr, nullptr);
-        return LDAP_ENCODING_ERROR;
+        return ldap_fail(ld, LDAP_ENCODING_ERROR);
     }
     LDAPMessage *msg = ldap_alloc_msg(lc);
-    if (!msg) {
-        ldap_set_error_direct(ld, LDAP_NO_MEMORY, nullptr, nullptr);
-        return LDAP_NO_MEMORY;
-    }
+    if (!msg)
+        return ldap_fail(ld, LDAP_NO_MEMORY);
     int rc = LDAP_SUCCESS;
     int id = ldap_msg_table_get_next_msgid(lc->lconn_msgtable);
     msg->msg_id = id;
@@ -202,8 +189,7 @@ int send_request(LDAP *ld, LDAPConn *lc, const RequestPlan &plan, int *msgid, co
     if (rc != LDAP_SUCCESS) {
         ldap_msg_table_release_msgid(lc->lconn_msgtable, id);
         free_msg(msg, 0);
-        ldap_set_error_direct(ld, rc, nullptr, nullptr);
-        return rc;
+        return ldap_fail(ld, rc);
     }
     msg->msg_type = plan.tag;
     int stored = 0;
@@ -219,8 +205,7 @@ int send_request(LDAP *ld, LDAPConn *lc, const RequestPlan &plan, int *msgid, co
         ldap_msg_table_release_msgid(lc->lconn_msgtable, id);
         free_msg(msg, 0);
     }
-    ldap_set_error_direct(ld, rc, nullptr, nullptr);
-    return rc;
+    return ldap_fail(ld, rc);
 }
 
 } // namespace zldap

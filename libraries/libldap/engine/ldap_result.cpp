@@ -8,6 +8,7 @@
 #include "core/ldap_error.h"
 #include "core/ldap_init_guard.h"
 #include "engine/ldap_receive.h"
+#include "engine/ldap_referrals.h"
 #include "session/ldap_options.h"
 
 #define LDAP_MODULE "libraries/libldap/ldap_result"
@@ -24,10 +25,8 @@ bool referral_settings(LDAP *ld, ldap_msg_table *table, int id, int *chase, int 
         ldap_get_option(ld, LDAP_OPT_HOP_LIMIT, &hops) != 0)
         return false;
     LDAP_MUTEX_GUARD(guard, &table->lock);
-    if (!guard.locked()) {
-        ldap_set_error_direct(ld, LDAP_LOCK_ERROR, nullptr, nullptr);
-        return false;
-    }
+    if (!guard.locked())
+        return ldap_fail_returning(ld, LDAP_LOCK_ERROR, false);
     ldap_msg_row &row = table->rows[id];
     if (!(row.flags & LDAP_ROW_REFOPTS)) {
         if (referrals) {
@@ -54,13 +53,6 @@ struct timeval elapsed_since(const struct timeval &start, const struct timeval &
 }
 
 } // namespace
-
-int look_for_referrals(LDAP *, LDAPMessage *msg, LDAPMessage **out, const struct timeval *, int *error, int)
-{
-    *out = msg;
-    *error = 0;
-    return msg->msg_type;
-}
 
 int ldap_return_one_msg(LDAP *ld, int id, const struct timeval *timeout, LDAPMessage **out,
                         ldap_msg_table *table, int *error, int chase, int hop_limit)
@@ -213,7 +205,7 @@ int ldap_result(LDAP *ld, int msgid, int all, struct timeval *timeout, LDAPMessa
     else
         LDAP_TRACE(TRC_API, "ldap_result entered ld(%p), msgid(%d), all(%d), timeout(NULL), result(%p)\n",
                    static_cast<void *>(ld), msgid, all, static_cast<void *>(result));
-    zldap::OperationGuard op(ld);
+    zldap::OperationGuard op(ld, zldap::OnEntry::keep_error);
     if (!op.admitted())
         return -1;
     int rc = ldap_result_int(ld, msgid, all, timeout, result);

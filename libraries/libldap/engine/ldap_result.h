@@ -4,11 +4,12 @@
 #define ZLDAP_LDAP_RESULT_H
 
 #include "message/ldap_table.h"
+#include "zor8ldap_api.h"
 
 #include <sys/time.h>
 
-// Type of the (last) message handed out, 0 on time-out, -1 on error.
-int ldap_result(LDAP *ld, int msgid, int all, struct timeval *timeout, LDAPMessage **result);
+// ldap_result (declared in zor8ldap_api.h) without the operation guard,
+// for callers already inside it; a time-out is not recorded as the error.
 int ldap_result_int(LDAP *ld, int msgid, int all, const struct timeval *timeout, LDAPMessage **result);
 
 // `error` is the slot referral chasing reports in; `chase` and `hop_limit`
@@ -17,10 +18,5 @@ int ldap_return_one_msg(LDAP *ld, int id, const struct timeval *timeout, LDAPMes
                         ldap_msg_table *table, int *error, int chase, int hop_limit);
 int ldap_return_all_msgs(LDAP *ld, int id, const struct timeval *timeout, LDAPMessage **out,
                          ldap_msg_table *table, int *error, int chase, int hop_limit);
-
-// Follows the referrals a message carries; hands the message back as it is
-// when it carries none. Type of *out, or -1 when following failed.
-int look_for_referrals(LDAP *ld, LDAPMessage *msg, LDAPMessage **out, const struct timeval *timeout,
-                       int *error, int hop_limit);
 
 #endif

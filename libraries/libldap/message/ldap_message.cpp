@@ -6,6 +6,9 @@
 #include "base/trace.h"
 #include "core/ldap_error.h"
 
+#include <algorithm>
+#include <iterator>
+
 #define LDAP_MODULE "libraries/libldap/ldap_message"
 
 LDAPMessage *ldap_alloc_msg(LDAPConn *conn)
@@ -29,8 +32,7 @@ BerElement *new_ldap_ber(LDAP *ld, int for_reading)
     }
     if (!ber || !ber->ber_no_xlate || !ber->ber_version) {
         fber_free(ber);
-        ldap_set_error_direct(ld, LDAP_NO_MEMORY, nullptr, nullptr);
-        return nullptr;
+        return ldap_fail_returning(ld, LDAP_NO_MEMORY, nullptr);
     }
     *ber->ber_no_xlate = ld->ld_no_xlate;
     *ber->ber_version = ld->ld_version;
@@ -60,11 +62,11 @@ int is_last_msg(LDAPMessage *msg)
 {
     if (!msg)
         return 0;
-    int type = msg->msg_type;
-    // Each pair of request kinds shares a tag but for one bit: bind/search
-    // done, add/delete, modify/compare; modify DN and extended stand alone.
-    bool last = (type & ~0x04) == 0x61 || (type & ~0x02) == 0x69 || (type & ~0x08) == 0x67 ||
-                type == 0x6D || type == 0x78;
+    // Every response but search entries and references ends its request.
+    constexpr int kFinalTypes[] = {LDAP_RES_BIND,    LDAP_RES_SEARCH_RESULT, LDAP_RES_MODIFY,
+                                   LDAP_RES_ADD,     LDAP_RES_DELETE,        LDAP_RES_MODRDN,
+                                   LDAP_RES_COMPARE, LDAP_RES_EXTENDED};
+    bool last = std::find(std::begin(kFinalTypes), std::end(kFinalTypes), msg->msg_type) != std::end(kFinalTypes);
     LDAP_TRACE(TRC_API, last ? "is_last_msg: returning TRUE, msgid=%d\n" : "is_last_msg: returning FALSE, msgid=%d\n",
                msg->msg_id);
     return last ? 1 : 0;

@@ -5,6 +5,7 @@
 
 #include "ber/lber.h"
 #include "core/ldap_session.h"
+#include "zor8ldap_api.h"
 
 // msg_flags bit: handed out alone by LDAP_MSG_ONE; counts as a chain of one.
 inline constexpr uint32_t LDAP_MSGFLAG_ALONE = 0x02;
@@ -26,8 +27,6 @@ LDAPMessage *ldap_alloc_msg(LDAPConn *conn);
 BerElement *new_ldap_ber(LDAP *ld, int for_reading);
 // Releases msg and its element; with all = 1 also every message after it.
 void free_msg(LDAPMessage *msg, int all);
-int ldap_msgid(LDAPMessage *msg);
-int ldap_msgtype(LDAPMessage *msg);
 // 1 for the types that end a request (bind, search done, modify, add,
 // delete, modify DN, compare, extended), else 0.
 int is_last_msg(LDAPMessage *msg);

@@ -190,26 +190,20 @@ int verify_acquire_row(LDAP *ld, ldap_msg_row *row, int id, int mode)
     if (id == 0) {
         if (mode == LDAP_MSG_ALL) {
             LDAP_TRACE(TRC_ERROR, "verify_acquire_row: LDAP_MSG_ALL asked for msgid=0 - Error\n");
-            ldap_set_error_direct(ld, LDAP_PARAM_ERROR, nullptr, nullptr);
-            return -1;
+            return ldap_fail_returning(ld, LDAP_PARAM_ERROR, -1);
         }
         return 0;
     }
     if (!row->request) {
         LDAP_TRACE(TRC_ERROR, "verify_acquire_row: no request msg present and msgid is non-zero - Error\n");
-        ldap_set_error_direct(ld, LDAP_PARAM_ERROR, nullptr, nullptr);
-        return -1;
+        return ldap_fail_returning(ld, LDAP_PARAM_ERROR, -1);
     }
-    if (row->has_owner && !owned_by_caller(*row)) {
-        ldap_set_error_direct(ld, LDAP_LOCAL_ERROR, nullptr, nullptr);
-        return -1;
-    }
+    if (row->has_owner && !owned_by_caller(*row))
+        return ldap_fail_returning(ld, LDAP_LOCAL_ERROR, -1);
     row->owner = pthread_self();
     row->has_owner = 1;
-    if ((row->flags & LDAP_ROW_DONE) && !row->next_to_return && !row->child) {
-        ldap_set_error_direct(ld, LDAP_LOCAL_ERROR, nullptr, nullptr);
-        return -1;
-    }
+    if ((row->flags & LDAP_ROW_DONE) && !row->next_to_return && !row->child)
+        return ldap_fail_returning(ld, LDAP_LOCAL_ERROR, -1);
     return 0;
 }
 
@@ -233,8 +227,7 @@ int ldap_get_msg_any(LDAP *ld, ldap_msg_table *table, int *row_id, int mode)
         if (mode == LDAP_MSG_ALL) {
             LDAP_TRACE(TRC_ERROR,
                        "Error - ldap_get_msg_any: No free row available in table for msgid=LDAP_RES_ANY\n");
-            ldap_set_error_direct(ld, LDAP_PARAM_ERROR, nullptr, nullptr);
-            return -1;
+            return ldap_fail_returning(ld, LDAP_PARAM_ERROR, -1);
         }
         LDAP_TRACE(TRC_API, "ldap_get_msg_any: returning msgid=0\n");
         return 0;
@@ -262,27 +255,22 @@ int verify_msgid_n_acquire_row(LDAP *ld, ldap_msg_table *table, int *id, int mod
     LDAP_TRACE(TRC_API, "verify_msgid_n_acquire_row: ld(%p) table(%p) msgid(%d)\n", static_cast<void *>(ld),
                static_cast<void *>(table), *id);
     LDAP_MUTEX_GUARD(guard, &table->lock);
-    if (!guard.locked()) {
-        ldap_set_error_direct(ld, LDAP_LOCK_ERROR, nullptr, nullptr);
-        return LDAP_LOCK_ERROR;
-    }
+    if (!guard.locked())
+        return ldap_fail(ld, LDAP_LOCK_ERROR);
     int rc = 0;
     if (*id == LDAP_RES_ANY) {
         int row = 0;
         if (ldap_get_msg_any(ld, table, &row, mode) != 0) {
             LDAP_TRACE(TRC_ERROR, "verify_msgid_n_acquire_row: No free row available for this thread\n");
-            ldap_set_error_direct(ld, LDAP_PARAM_ERROR, nullptr, nullptr);
-            return LDAP_PARAM_ERROR;
+            return ldap_fail(ld, LDAP_PARAM_ERROR);
         }
         *id = row;
     } else if (!valid_row_id(table, *id)) {
         LDAP_TRACE(TRC_ERROR, "verify_msgid_n_acquire_row: Bad msgid %d\n", *id);
-        ldap_set_error_direct(ld, LDAP_PARAM_ERROR, nullptr, nullptr);
-        return LDAP_PARAM_ERROR;
+        return ldap_fail(ld, LDAP_PARAM_ERROR);
     } else if (verify_acquire_row(ld, &table->rows[*id], *id, mode) != 0) {
         LDAP_TRACE(TRC_ERROR, "verify_msgid_n_acquire_row: Unable to lock the row\n");
-        ldap_set_error_direct(ld, LDAP_LOCAL_ERROR, nullptr, nullptr);
-        return -1;
+        return ldap_fail_returning(ld, LDAP_LOCAL_ERROR, -1);
     }
     if (table->rows[*id].flags & LDAP_ROW_ABANDON) {
         LDAP_TRACE(TRC_ERROR, "verify_msgid_n_acquire_row: Abandon initiated on this msgid\n");

@@ -61,15 +61,13 @@ int record_sasl_bind(LDAP *ld, const char *mechanism, const struct berval *cred,
     if (!mech || (cred && !cred_copy)) {
         zldap::mem_free(mech);
         ber_bvfree(cred_copy);
-        ldap_set_error_direct(ld, LDAP_NO_MEMORY, nullptr, nullptr);
-        return LDAP_NO_MEMORY;
+        return ldap_fail(ld, LDAP_NO_MEMORY);
     }
     LDAP_MUTEX_GUARD(guard, &ld->ld_mutex);
     if (!guard.locked()) {
         zldap::mem_free(mech);
         ber_bvfree(cred_copy);
-        ldap_set_error_direct(ld, LDAP_LOCK_ERROR, nullptr, nullptr);
-        return LDAP_LOCK_ERROR;
+        return ldap_fail(ld, LDAP_LOCK_ERROR);
     }
     ld->ld_bind_method = kSaslMethod;
     zldap::mem_free(ld->ld_bind_dn);
@@ -145,7 +143,7 @@ int ldap_simple_bind(LDAP *ld, const char *dn, const char *passwd)
 {
     LDAP_TRACE(TRC_API, "ldap_simple_bind: entering with ld(%x) dn(%s) pw(***)\n",
                static_cast<unsigned>(reinterpret_cast<uintptr_t>(ld)), trace_str(dn, "<NULL>"));
-    zldap::OperationGuard op(ld);
+    zldap::OperationGuard op(ld, zldap::OnEntry::keep_error);
     if (!op.admitted())
         return -1;
     int msgid = -1;
@@ -160,7 +158,7 @@ int ldap_simple_bind(LDAP *ld, const char *dn, const char *passwd)
 int ldap_simple_bind_s(LDAP *ld, const char *dn, const char *passwd)
 {
     LDAP_TRACE(TRC_API, "ldap_simple_bind_s: \n");
-    zldap::OperationGuard op(ld);
+    zldap::OperationGuard op(ld, zldap::OnEntry::keep_error);
     if (!op.admitted())
         return LDAP_PARAM_ERROR;
     int msgid = -1;
@@ -231,10 +229,8 @@ int ldap_sasl_bind_int(LDAP *ld, const char *dn, const char *mechanism, const st
                static_cast<void *>(ld), trace_str(dn), trace_str(mechanism), static_cast<const void *>(cred),
                static_cast<void *>(serverctrls), static_cast<void *>(clientctrls), static_cast<void *>(servercredp),
                async, static_cast<void *>(msgidp));
-    if (async && !msgidp) {
-        ldap_set_error_direct(ld, LDAP_PARAM_ERROR, nullptr, nullptr);
-        return LDAP_PARAM_ERROR;
-    }
+    if (async && !msgidp)
+        return ldap_fail(ld, LDAP_PARAM_ERROR);
     if (async)
         *msgidp = -1;
     int no_translation = 0;
@@ -247,10 +243,8 @@ int ldap_sasl_bind_int(LDAP *ld, const char *dn, const char *mechanism, const st
         rc = ldap_simple_bind_direct(ld, dn, cred ? cred->bv_val : nullptr, serverctrls, &msgid, nullptr);
     } else {
         bool external = strcasecmp(mechanism, "EXTERNAL") == 0;
-        if (external && ((dn && *dn) || cred)) {
-            ldap_set_error_direct(ld, LDAP_PARAM_ERROR, nullptr, nullptr);
-            return LDAP_PARAM_ERROR;
-        }
+        if (external && ((dn && *dn) || cred))
+            return ldap_fail(ld, LDAP_PARAM_ERROR);
         rc = record_sasl_bind(ld, external ? "EXTERNAL" : mechanism, external ? nullptr : cred, serverctrls,
                               clientctrls);
         if (rc != LDAP_SUCCESS)
@@ -258,20 +252,16 @@ int ldap_sasl_bind_int(LDAP *ld, const char *dn, const char *mechanism, const st
         if (!async && !external) {
             rc = ldap_sasl_bind_call_plugin(ld, dn, mechanism, cred, serverctrls, clientctrls, servercredp, async,
                                             msgidp);
-            if (rc != LDAP_UNAVAILABLE_CRITICAL_EXTENSION && rc != LDAP_PLUGIN_CONF_NOT_OPENED) {
-                ldap_set_error_direct(ld, rc, nullptr, nullptr);
-                return rc;
-            }
+            if (rc != LDAP_UNAVAILABLE_CRITICAL_EXTENSION && rc != LDAP_PLUGIN_CONF_NOT_OPENED)
+                return ldap_fail(ld, rc);
             LDAP_TRACE(TRC_API, "ldap_sasl_bind_int: ldap_sasl_bind_call_plugin() returns rc = %d\n", rc);
             LDAP_TRACE(TRC_API, "ldap_sasl_bind_int: Attempting to bind with ldap_sasl_bind_s_direct() instead\n");
         }
         LDAP_TRACE(TRC_API, "ldap_sasl_bind_int: Sending %s Bind request\n", mechanism);
         rc = ldap_sasl_bind_encode_and_send(ld, dn, mechanism, cred, serverctrls, &msgid, nullptr);
     }
-    if (rc != LDAP_SUCCESS) {
-        ldap_set_error_direct(ld, rc, nullptr, nullptr);
-        return rc;
-    }
+    if (rc != LDAP_SUCCESS)
+        return ldap_fail(ld, rc);
     if (async) {
         *msgidp = msgid;
         return LDAP_SUCCESS;
@@ -293,14 +283,13 @@ int ldap_sasl_bind(LDAP *ld, const char *dn, const char *mechanism, const struct
                    LDAPControl **serverctrls, LDAPControl **clientctrls, int *msgidp)
 {
     LDAP_TRACE(TRC_API, "ldap_sasl_bind \n");
-    zldap::OperationGuard op(ld);
+    zldap::OperationGuard op(ld, zldap::OnEntry::keep_error);
     if (!op.admitted())
         return LDAP_PARAM_ERROR;
     if (!msgidp) {
         LDAP_TRACE(TRC_ERROR, "ldap_sasl_bind: bad parameters ld(%x) msgidp(%x)\n",
                    static_cast<unsigned>(reinterpret_cast<uintptr_t>(ld)), 0u);
-        ldap_set_error_direct(ld, LDAP_PARAM_ERROR, nullptr, nullptr);
-        return LDAP_PARAM_ERROR;
+        return ldap_fail(ld, LDAP_PARAM_ERROR);
     }
     *msgidp = -1;
     zldap::OperationControls controls(ld, serverctrls, clientctrls);
@@ -313,7 +302,7 @@ int ldap_sasl_bind_s(LDAP *ld, const char *dn, const char *mechanism, const stru
                      LDAPControl **serverctrls, LDAPControl **clientctrls, struct berval **servercredp)
 {
     LDAP_TRACE(TRC_API, "ldap_sasl_bind_s: entered\n");
-    zldap::OperationGuard op(ld);
+    zldap::OperationGuard op(ld, zldap::OnEntry::keep_error);
     if (!op.admitted())
         return LDAP_PARAM_ERROR;
     int rc = ldap_sasl_bind_int(ld, dn, mechanism, cred, serverctrls, clientctrls, servercredp, 0, nullptr);

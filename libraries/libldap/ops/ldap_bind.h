@@ -1,16 +1,14 @@
 // ldap_bind.h - simple and SASL binds, and the bind state a SASL bind
-// records in the handle for rebinding on referrals.
+// records in the handle for rebinding on referrals. The published forms
+// are declared (C linkage) in zor8ldap_api.h.
 #ifndef ZLDAP_LDAP_BIND_H
 #define ZLDAP_LDAP_BIND_H
 
 #include "core/ldap_session.h"
+#include "zor8ldap_api.h"
 
 int ldap_simple_bind_direct(LDAP *ld, const char *dn, const char *passwd, LDAPControl **serverctrls,
                             int *msgidp, LDAPConn *lc);
-int ldap_simple_bind(LDAP *ld, const char *dn, const char *passwd);
-int ldap_simple_bind_s(LDAP *ld, const char *dn, const char *passwd);
-int ldap_bind(LDAP *ld, const char *dn, const char *passwd, int method);
-int ldap_bind_s(LDAP *ld, const char *dn, const char *passwd, int method);
 
 int ldap_sasl_bind_encode_and_send(LDAP *ld, const char *dn, const char *mechanism, const struct berval *cred,
                                    LDAPControl **serverctrls, int *msgidp, LDAPConn *lc);
@@ -22,9 +20,5 @@ int ldap_sasl_bind_call_plugin(LDAP *ld, const char *dn, const char *mechanism, 
 int ldap_sasl_bind_int(LDAP *ld, const char *dn, const char *mechanism, const struct berval *cred,
                        LDAPControl **serverctrls, LDAPControl **clientctrls, struct berval **servercredp,
                        int async, int *msgidp);
-int ldap_sasl_bind(LDAP *ld, const char *dn, const char *mechanism, const struct berval *cred,
-                   LDAPControl **serverctrls, LDAPControl **clientctrls, int *msgidp);
-int ldap_sasl_bind_s(LDAP *ld, const char *dn, const char *mechanism, const struct berval *cred,
-                     LDAPControl **serverctrls, LDAPControl **clientctrls, struct berval **servercredp);
 
 #endif

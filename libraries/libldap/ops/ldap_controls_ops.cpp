@@ -42,8 +42,7 @@ int ldap_check_client_controls(LDAP *ld, LDAPControl ***serverctrls, LDAPControl
     // honoured and the operation must not go ahead.
     if (any_critical(clientctrls)) {
         LDAP_TRACE(TRC_ERROR, "Critical client controls not supported\n");
-        ldap_set_error_direct(ld, LDAP_UNAVAILABLE_CRITICAL_EXTENSION, nullptr, nullptr);
-        return LDAP_UNAVAILABLE_CRITICAL_EXTENSION;
+        return ldap_fail(ld, LDAP_UNAVAILABLE_CRITICAL_EXTENSION);
     }
     if (*serverctrls)
         return LDAP_SUCCESS;
@@ -83,7 +82,7 @@ int ldap_store_bind_controls(LDAP *ld, LDAPControl **ctrls)
 int ldap_get_bind_controls(LDAP *ld, LDAPControl ***ctrls)
 {
     LDAP_TRACE(TRC_API, "ldap_get_bind_controls\n");
-    zldap::OperationGuard op(ld);
+    zldap::OperationGuard op(ld, zldap::OnEntry::keep_error);
     if (!op.admitted()) {
         LDAP_TRACE(TRC_ERROR, "ldap_get_bind_controls: returning rc=%d\n", LDAP_PARAM_ERROR);
         return LDAP_PARAM_ERROR;
@@ -169,7 +168,7 @@ int ldap_get_entry_controls_direct(LDAP *ld, LDAPMessage *entry, LDAPControl ***
 
 int ldap_get_entry_controls(LDAP *ld, LDAPMessage *entry, LDAPControl ***serverctrls)
 {
-    zldap::OperationGuard op(ld);
+    zldap::OperationGuard op(ld, zldap::OnEntry::keep_error);
     if (!op.admitted())
         return -1;
     return ldap_get_entry_controls_direct(ld, entry, serverctrls);
@@ -179,7 +178,7 @@ int ldap_get_entry_controls_np(LDAP *ld, LDAPMessage *entry, LDAPControl ***serv
 {
     LDAP_TRACE(TRC_API, "ldap_get_entry_controls_np: ld(%p) entry(%p) serverctrlsp(%p)\n",
                static_cast<void *>(ld), static_cast<void *>(entry), static_cast<void *>(serverctrls));
-    zldap::OperationGuard op(ld);
+    zldap::OperationGuard op(ld, zldap::OnEntry::keep_error);
     if (!op.admitted())
         return LDAP_PARAM_ERROR;
     return ldap_get_entry_controls_direct(ld, entry, serverctrls);

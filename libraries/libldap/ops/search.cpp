@@ -72,7 +72,7 @@ int ldap_search_ext(LDAP *ld, const char *base, int scope, const char *filter, c
     if (bad_search_arguments(ld, scope, filter) || !msgidp)
         return LDAP_PARAM_ERROR;
     *msgidp = -1;
-    zldap::OperationGuard op(ld);
+    zldap::OperationGuard op(ld, zldap::OnEntry::keep_error);
     if (!op.admitted())
         return op.code();
     zldap::OperationControls controls(ld, serverctrls, clientctrls);
@@ -101,8 +101,7 @@ int ldap_search(LDAP *ld, const char *base, int scope, const char *filter, char 
     auto *timeout = static_cast<struct timeval *>(zldap::mem_calloc(1, sizeof(struct timeval)));
     if (!timeout) {
         LDAP_TRACE(TRC_ERROR, "ldapsearch: Insufficient memory to alloc timeval structure\n");
-        ldap_set_error_direct(ld, LDAP_NO_MEMORY, nullptr, nullptr);
-        return -1;
+        return ldap_fail_returning(ld, LDAP_NO_MEMORY, -1);
     }
     int timelimit = 0;
     int msgid = -1;
@@ -121,7 +120,7 @@ int ldap_search_ext_s(LDAP *ld, const char *base, int scope, const char *filter,
                       struct timeval *timeout, int sizelimit, LDAPMessage **res)
 {
     LDAP_TRACE(TRC_API, "ldap_search_ext_s\n");
-    zldap::OperationGuard op(ld);
+    zldap::OperationGuard op(ld, zldap::OnEntry::keep_error);
     if (!op.admitted())
         return op.code();
     if (!res)
@@ -151,7 +150,7 @@ int ldap_search_st(LDAP *ld, const char *base, int scope, const char *filter, ch
                    struct timeval *timeout, LDAPMessage **res)
 {
     LDAP_TRACE(TRC_API, "ldap_search_st\n");
-    zldap::OperationGuard op(ld);
+    zldap::OperationGuard op(ld, zldap::OnEntry::keep_error);
     if (!op.admitted())
         return op.code();
     if (!res)

@@ -51,15 +51,9 @@ int validated_send(LDAP *ld, int *msgidp, LDAPControl **serverctrls, LDAPControl
     return send(controls.server());
 }
 
-int refuse_parameters(LDAP *ld)
-{
-    ldap_set_error_direct(ld, LDAP_PARAM_ERROR, nullptr, nullptr);
-    return LDAP_PARAM_ERROR;
-}
-
 int guarded(LDAP *ld, zldap::FunctionRef<int()> run)
 {
-    zldap::OperationGuard op(ld);
+    zldap::OperationGuard op(ld, zldap::OnEntry::keep_error);
     if (!op.admitted())
         return op.code();
     return run();
@@ -79,7 +73,7 @@ struct SyncTraces {
 // return the response's result code with the chain released.
 int synchronous(LDAP *ld, const SyncTraces &traces, zldap::FunctionRef<int(int *)> send)
 {
-    zldap::OperationGuard op(ld);
+    zldap::OperationGuard op(ld, zldap::OnEntry::keep_error);
     if (!op.admitted())
         return op.code();
     int msgid = -1;
@@ -140,7 +134,7 @@ int ldap_modify_ext_int(LDAP *ld, const char *dn, LDAPMod **mods, LDAPControl **
                static_cast<void *>(clientctrls), static_cast<void *>(msgidp));
     int rc;
     if (!dn || !mods || !msgidp) {
-        rc = refuse_parameters(ld);
+        rc = ldap_fail(ld, LDAP_PARAM_ERROR);
     } else {
         auto send = [&](LDAPControl **server) {
             return ldap_modify_ext_direct(ld, dn, mods, server, msgidp, nullptr);
@@ -213,7 +207,7 @@ int ldap_add_ext_int(LDAP *ld, const char *dn, LDAPMod **attrs, LDAPControl **se
 {
     LDAP_TRACE(TRC_API, "ldap_add_ext_int\n");
     if (!dn || !attrs || !msgidp)
-        return refuse_parameters(ld);
+        return ldap_fail(ld, LDAP_PARAM_ERROR);
     auto send = [&](LDAPControl **server) { return ldap_add_ext_direct(ld, dn, attrs, server, msgidp, nullptr); };
     return validated_send(ld, msgidp, serverctrls, clientctrls, send);
 }
@@ -270,7 +264,7 @@ int ldap_delete_ext_int(LDAP *ld, const char *dn, LDAPControl **serverctrls, LDA
     LDAP_TRACE(TRC_API, "ldap_delete_ext_int\n");
     int rc;
     if (!dn || !msgidp) {
-        rc = refuse_parameters(ld);
+        rc = ldap_fail(ld, LDAP_PARAM_ERROR);
     } else {
         auto send = [&](LDAPControl **server) { return ldap_delete_ext_direct(ld, dn, server, msgidp, nullptr); };
         rc = validated_send(ld, msgidp, serverctrls, clientctrls, send);
@@ -333,7 +327,7 @@ int ldap_rename_int(LDAP *ld, const char *dn, const char *newrdn, const char *ne
                     LDAPControl **serverctrls, LDAPControl **clientctrls, int *msgidp)
 {
     if (!dn || !newrdn || !msgidp)
-        return refuse_parameters(ld);
+        return ldap_fail(ld, LDAP_PARAM_ERROR);
     auto send = [&](LDAPControl **server) {
         return ldap_rename_direct(ld, dn, newrdn, newsuperior, deleteoldrdn, server, msgidp, nullptr);
     };
@@ -363,7 +357,7 @@ int ldap_rename_s(LDAP *ld, const char *dn, const char *newrdn, const char *news
                   LDAPControl **serverctrls, LDAPControl **clientctrls)
 {
     LDAP_TRACE(TRC_API, "ldap_rename_s\n");
-    zldap::OperationGuard op(ld);
+    zldap::OperationGuard op(ld, zldap::OnEntry::keep_error);
     if (!op.admitted())
         return op.code();
     int msgid = -1;
@@ -402,7 +396,7 @@ int ldap_compare_ext_int(LDAP *ld, const char *dn, const char *attr, const struc
                          LDAPControl **serverctrls, LDAPControl **clientctrls, int *msgidp)
 {
     if (!dn || !attr || !value || !msgidp)
-        return refuse_parameters(ld);
+        return ldap_fail(ld, LDAP_PARAM_ERROR);
     auto send = [&](LDAPControl **server) {
         return ldap_compare_ext_direct(ld, dn, attr, value, server, msgidp, nullptr);
     };

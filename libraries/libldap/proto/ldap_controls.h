@@ -6,15 +6,11 @@
 #ifndef ZLDAP_LDAP_CONTROLS_H
 #define ZLDAP_LDAP_CONTROLS_H
 
-#include "zor8ldap.h"
+#include "zor8ldap_api.h"
 
 // Lists. A list is a NULL-terminated array of control pointers; NULL and an
-// array whose first entry is NULL are both empty. Lists handed out belong
-// to the caller, who releases them with ldap_controls_free.
-int ldap_copy_controls(LDAPControl ***to_here, LDAPControl **from);
-void ldap_control_free(LDAPControl *ctrl);
-void ldap_controls_free(LDAPControl **ctrls);
-int ldap_count_controls(LDAPControl **ctrls);
+// array whose first entry is NULL are both empty. Copying, creating,
+// adding, removing, counting and releasing are published (zor8ldap_api.h).
 
 // Moves the input's controls in front of the destination's, in one new
 // array that replaces *dest_ctrls. Both old arrays are released (not their
@@ -23,19 +19,6 @@ int ldap_count_controls(LDAPControl **ctrls);
 int ldap_merge_control_lists(LDAPControl ***dest_ctrls, LDAPControl **input_ctrls);
 // Releases the array of *ctrls but none of its controls, and clears *ctrls.
 void ldap_free_empty_control_list(LDAPControl ***ctrls);
-// A new control with copies of oid and of len value bytes (followed by a
-// NUL that len does not count); len 0 makes a control without a value.
-// 0, 89 or 90; *ctrlp is NULL on failure.
-int ldap_create_control(const char *oid, ber_len_t len, const char *value, int iscritical,
-                        LDAPControl **ctrlp);
-// ldap_create_control, then the control appended to *ctrls (a new array).
-// 0, 89 or 90 with the list unchanged.
-int ldap_add_control(const char *oid, ber_len_t len, const char *value, int iscritical,
-                     LDAPControl ***ctrls);
-// Replaces *ctrls by a new array without ctrl, which is released when
-// freeit is non-zero. 0, 89 when ctrl is not in the list, or 90; the list
-// is unchanged on failure.
-int ldap_remove_control(LDAPControl *ctrl, LDAPControl ***ctrls, int freeit);
 
 // The wire. put_ctrls_into_ber writes a non-empty list as the Controls of a
 // request (0, or 83 with possibly some bytes already written; the caller
@@ -58,19 +41,7 @@ int ldap_check_client_controls(LDAP *ld, LDAPControl ***serverctrls, LDAPControl
 // connection in place of the previous ones (NULL or an empty list clears
 // them). 0, 89, 90 (nothing kept) or 129.
 int ldap_store_bind_controls(LDAP *ld, LDAPControl **ctrls);
-// A copy of the controls the last SASL bind received. 0, 89, 129 or the
-// copy's code.
-int ldap_get_bind_controls(LDAP *ld, LDAPControl ***ctrls);
-
-// "dn:" followed by the DN, or a copy of a DN that already starts with
-// "dn:" in any case. 0, 89 or 90; release the text with ldap_memfree.
-int ldap_proxy_dn_prefix(char **proxy_dn, const char *dn);
-
-// The controls that follow a search entry. The direct form runs without
-// the operation guard; ldap_get_entry_controls enters it and returns -1
-// when it can't, ldap_get_entry_controls_np returns 89 then.
+// ldap_get_entry_controls without the operation guard.
 int ldap_get_entry_controls_direct(LDAP *ld, LDAPMessage *entry, LDAPControl ***serverctrls);
-int ldap_get_entry_controls(LDAP *ld, LDAPMessage *entry, LDAPControl ***serverctrls);
-int ldap_get_entry_controls_np(LDAP *ld, LDAPMessage *entry, LDAPControl ***serverctrls);
 
 #endif

@@ -27,13 +27,6 @@ bool at_end_of_attributes(BerElement *ber)
     return ber->ber_ptr >= ber->ber_end || fber_peek_tag(ber, &len) == kControlsTag;
 }
 
-// Sets the thread's error and returns NULL, for the walk's failure paths.
-template <class T> T *fail(LDAP *ld, int code)
-{
-    ldap_set_error_direct(ld, code, nullptr, nullptr);
-    return nullptr;
-}
-
 // The next attribute name at the cursor, in a new buffer; NULL with error
 // 0 at the end of the attributes.
 char *read_attribute_name(LDAP *ld, BerElement *cursor)
@@ -42,11 +35,11 @@ char *read_attribute_name(LDAP *ld, BerElement *cursor)
         return nullptr;
     char *name = static_cast<char *>(zldap::mem_malloc(kNameBuffer));
     if (!name)
-        return fail<char>(ld, LDAP_NO_MEMORY);
+        return ldap_fail_returning(ld, LDAP_NO_MEMORY, nullptr);
     ber_len_t size = kNameBuffer;
     if (fber_scanf(cursor, "{sx}", name, &size) == LBER_DEFAULT) {
         zldap::mem_free(name);
-        return fail<char>(ld, LDAP_DECODING_ERROR);
+        return ldap_fail_returning(ld, LDAP_DECODING_ERROR, nullptr);
     }
     return name;
 }
@@ -62,28 +55,25 @@ bool find_attribute(LDAP *ld, BerElement *reader, const char *attr)
         size = sizeof type;
         tag = fber_scanf(reader, "x}{s", type, &size);
     }
-    if (tag == LBER_DEFAULT) {
-        ldap_set_error_direct(ld, LDAP_DECODING_ERROR, nullptr, nullptr);
-        return false;
-    }
+    if (tag == LBER_DEFAULT)
+        return ldap_fail_returning(ld, LDAP_DECODING_ERROR, false);
     return true;
 }
 
 // The values of `attr` read with `format` ("[v]" or "[V]") into *out.
 template <class T> T **get_values(LDAP *ld, LDAPMessage *entry, const char *attr, const char *format)
 {
-    zldap::OperationGuard op(ld);
+    zldap::OperationGuard op(ld, zldap::OnEntry::reset_error);
     if (!op.admitted())
         return nullptr;
-    ldap_set_error_direct(ld, LDAP_SUCCESS, nullptr, nullptr);
     if (!entry || !attr || !entry->msg_ber)
-        return fail<T *>(ld, LDAP_PARAM_ERROR);
+        return ldap_fail_returning(ld, LDAP_PARAM_ERROR, nullptr);
     BerElement reader = *entry->msg_ber;
     if (!find_attribute(ld, &reader, attr))
         return nullptr;
     T **values = nullptr;
     if (fber_scanf(&reader, format, &values) == LBER_DEFAULT)
-        return fail<T *>(ld, LDAP_DECODING_ERROR);
+        return ldap_fail_returning(ld, LDAP_DECODING_ERROR, nullptr);
     return values;
 }
 
@@ -92,16 +82,16 @@ template <class T> T **get_values(LDAP *ld, LDAPMessage *entry, const char *attr
 char *ldap_get_dn(LDAP *ld, LDAPMessage *entry)
 {
     LDAP_TRACE(TRC_API, "ldap_get_dn\n");
-    zldap::OperationGuard op(ld);
+    zldap::OperationGuard op(ld, zldap::OnEntry::keep_error);
     if (!op.admitted())
         return nullptr;
     if (!entry || !entry->msg_ber)
-        return fail<char>(ld, LDAP_PARAM_ERROR);
+        return ldap_fail_returning(ld, LDAP_PARAM_ERROR, nullptr);
     BerElement reader = *entry->msg_ber;
     char *dn = nullptr;
     if (fber_scanf(&reader, "{a", &dn) == LBER_DEFAULT) {
         LDAP_TRACE(TRC_ERROR, "ldap_get_dn: fber_scanf failed\n");
-        return fail<char>(ld, LDAP_DECODING_ERROR);
+        return ldap_fail_returning(ld, LDAP_DECODING_ERROR, nullptr);
     }
     return dn;
 }
@@ -110,17 +100,16 @@ char *ldap_first_attribute(LDAP *ld, LDAPMessage *entry, BerElement **ber)
 {
     LDAP_TRACE(TRC_API, "ldap_first_attribute: ld(%p) entry(%p) ber(%p)\n", static_cast<void *>(ld),
                static_cast<void *>(entry), static_cast<void *>(ber));
-    zldap::OperationGuard op(ld);
+    zldap::OperationGuard op(ld, zldap::OnEntry::reset_error);
     if (!op.admitted())
         return nullptr;
-    ldap_set_error_direct(ld, LDAP_SUCCESS, nullptr, nullptr);
     if (!entry || !ber || !entry->msg_ber)
-        return fail<char>(ld, LDAP_PARAM_ERROR);
+        return ldap_fail_returning(ld, LDAP_PARAM_ERROR, nullptr);
     // The cursor shares the entry's buffer and never owns it.
     auto *cursor = static_cast<BerElement *>(zldap::mem_malloc(sizeof(BerElement)));
     *ber = cursor;
     if (!cursor)
-        return fail<char>(ld, LDAP_NO_MEMORY);
+        return ldap_fail_returning(ld, LDAP_NO_MEMORY, nullptr);
     *cursor = *entry->msg_ber;
     char *name = nullptr;
     if (fber_scanf(cursor, "{x{") == LBER_DEFAULT) {
@@ -141,12 +130,11 @@ char *ldap_next_attribute(LDAP *ld, LDAPMessage *entry, BerElement *ber)
 {
     LDAP_TRACE(TRC_API, "ldap_next_attribute: ld(%p) entry(%p) ber(%p)\n", static_cast<void *>(ld),
                static_cast<void *>(entry), static_cast<void *>(ber));
-    zldap::OperationGuard op(ld);
+    zldap::OperationGuard op(ld, zldap::OnEntry::reset_error);
     if (!op.admitted())
         return nullptr;
-    ldap_set_error_direct(ld, LDAP_SUCCESS, nullptr, nullptr);
     if (!entry || !ber)
-        return fail<char>(ld, LDAP_PARAM_ERROR);
+        return ldap_fail_returning(ld, LDAP_PARAM_ERROR, nullptr);
     return read_attribute_name(ld, ber);
 }
 
@@ -154,19 +142,14 @@ int ldap_count_attributes(LDAP *ld, LDAPMessage *entry)
 {
     LDAP_TRACE(TRC_API, "ldap_count_attributes, ld(%p), entry(%p)\n", static_cast<void *>(ld),
                static_cast<void *>(entry));
-    zldap::OperationGuard op(ld);
+    zldap::OperationGuard op(ld, zldap::OnEntry::reset_error);
     if (!op.admitted())
         return -1;
-    ldap_set_error_direct(ld, LDAP_SUCCESS, nullptr, nullptr);
-    if (!entry || !entry->msg_ber) {
-        ldap_set_error_direct(ld, LDAP_PARAM_ERROR, nullptr, nullptr);
-        return 0;
-    }
+    if (!entry || !entry->msg_ber)
+        return ldap_fail_returning(ld, LDAP_PARAM_ERROR, 0);
     BerElement reader = *entry->msg_ber;
-    if (fber_scanf(&reader, "{x{") == LBER_DEFAULT) {
-        ldap_set_error_direct(ld, LDAP_DECODING_ERROR, nullptr, nullptr);
-        return 0;
-    }
+    if (fber_scanf(&reader, "{x{") == LBER_DEFAULT)
+        return ldap_fail_returning(ld, LDAP_DECODING_ERROR, 0);
     int n = 0;
     while (!at_end_of_attributes(&reader) && fber_skip_element(&reader) == 0)
         n++;

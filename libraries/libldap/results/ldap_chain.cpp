@@ -108,7 +108,7 @@ int ldap_msgfree(LDAPMessage *res)
         LDAP_TRACE(TRC_ERROR, "ldap_msgfree: ld pointer NULL\n");
         return 0;
     }
-    zldap::OperationGuard op(ld);
+    zldap::OperationGuard op(ld, zldap::OnEntry::keep_error);
     if (!op.admitted())
         return 0;
     return ldap_msgfree_direct(res);
@@ -117,10 +117,9 @@ int ldap_msgfree(LDAPMessage *res)
 LDAPMessage *ldap_first_message(LDAP *ld, LDAPMessage *res)
 {
     LDAP_TRACE(TRC_API, "ldap_first_message: ld(%p) res(%p)\n", static_cast<void *>(ld), static_cast<void *>(res));
-    zldap::OperationGuard op(ld);
+    zldap::OperationGuard op(ld, zldap::OnEntry::reset_error);
     if (!op.admitted())
         return nullptr;
-    ldap_set_error_direct(ld, LDAP_SUCCESS, nullptr, nullptr);
     LDAP_TRACE(TRC_API, "ldap_first_message: returning (%p)\n", static_cast<void *>(res));
     return res;
 }
@@ -128,10 +127,9 @@ LDAPMessage *ldap_first_message(LDAP *ld, LDAPMessage *res)
 LDAPMessage *ldap_next_message(LDAP *ld, LDAPMessage *msg)
 {
     LDAP_TRACE(TRC_API, "ldap_next_message: ld(%p) msg(%p)\n", static_cast<void *>(ld), static_cast<void *>(msg));
-    zldap::OperationGuard op(ld);
+    zldap::OperationGuard op(ld, zldap::OnEntry::reset_error);
     if (!op.admitted())
         return nullptr;
-    ldap_set_error_direct(ld, LDAP_SUCCESS, nullptr, nullptr);
     LDAPMessage *next = (msg && !alone(msg)) ? msg->msg_next : nullptr;
     LDAP_TRACE(TRC_API, "ldap_next_message: returning (%p)\n", static_cast<void *>(next));
     return next;
@@ -140,10 +138,9 @@ LDAPMessage *ldap_next_message(LDAP *ld, LDAPMessage *msg)
 int ldap_count_messages(LDAP *ld, LDAPMessage *res)
 {
     LDAP_TRACE(TRC_API, "ldap_count_messages: ld(%p) res(%p)\n", static_cast<void *>(ld), static_cast<void *>(res));
-    zldap::OperationGuard op(ld);
+    zldap::OperationGuard op(ld, zldap::OnEntry::reset_error);
     if (!op.admitted())
         return -1;
-    ldap_set_error_direct(ld, LDAP_SUCCESS, nullptr, nullptr);
     int n = 0;
     for (LDAPMessage *m = res; m; m = alone(m) ? nullptr : m->msg_next)
         n++;
@@ -158,10 +155,9 @@ namespace {
 LDAPMessage *walk(LDAP *ld, LDAPMessage *msg, int type, bool after, const char *name)
 {
     LDAP_TRACE(TRC_API, "%s: ld(%p) msg(%p)\n", name, static_cast<void *>(ld), static_cast<void *>(msg));
-    zldap::OperationGuard op(ld);
+    zldap::OperationGuard op(ld, zldap::OnEntry::reset_error);
     if (!op.admitted())
         return nullptr;
-    ldap_set_error_direct(ld, LDAP_SUCCESS, nullptr, nullptr);
     LDAPMessage *found = find_type(after && msg ? msg->msg_next : msg, type);
     LDAP_TRACE(TRC_API, "%s: returning (%p)\n", name, static_cast<void *>(found));
     return found;
@@ -170,10 +166,9 @@ LDAPMessage *walk(LDAP *ld, LDAPMessage *msg, int type, bool after, const char *
 int count(LDAP *ld, LDAPMessage *msg, int type, const char *name)
 {
     LDAP_TRACE(TRC_API, "%s: ld(%p) msg(%p)\n", name, static_cast<void *>(ld), static_cast<void *>(msg));
-    zldap::OperationGuard op(ld);
+    zldap::OperationGuard op(ld, zldap::OnEntry::reset_error);
     if (!op.admitted())
         return -1;
-    ldap_set_error_direct(ld, LDAP_SUCCESS, nullptr, nullptr);
     int n = count_type(msg, type);
     LDAP_TRACE(TRC_API, "%s: returning (%d)\n", name, n);
     return n;
@@ -213,7 +208,7 @@ int ldap_parse_reference(LDAP *ld, LDAPMessage *ref, char ***referralsp, LDAPCon
     LDAP_TRACE(TRC_API, "ldap_parse_reference: ld(%p) ref(%p) referralsp(%p) serverctrlsp(%p) freeit(%d)\n",
                static_cast<void *>(ld), static_cast<void *>(ref), static_cast<void *>(referralsp),
                static_cast<void *>(serverctrlsp), freeit);
-    zldap::OperationGuard op(ld);
+    zldap::OperationGuard op(ld, zldap::OnEntry::keep_error);
     if (!op.admitted())
         return LDAP_PARAM_ERROR;
     int rc = LDAP_SUCCESS;

@@ -28,10 +28,8 @@ int read_result_code(LDAP *ld, const BerElement *ber)
 {
     BerElement reader = *ber;
     int code = 0;
-    if (fber_scanf(&reader, "{i", &code) == LBER_DEFAULT) {
-        ldap_set_error_direct(ld, LDAP_DECODING_ERROR, nullptr, nullptr);
-        return LDAP_DECODING_ERROR;
-    }
+    if (fber_scanf(&reader, "{i", &code) == LBER_DEFAULT)
+        return ldap_fail(ld, LDAP_DECODING_ERROR);
     char *texts[2] = {nullptr, nullptr};
     int rc = code;
     for (char *&text : texts) {
@@ -80,7 +78,7 @@ int ldap_result2error(LDAP *ld, LDAPMessage *res, int freeit)
         LDAP_TRACE(TRC_API, "ldap_result2error:  errno=%d\n", code);
         return code == 0 ? LDAP_PARAM_ERROR : code;
     }
-    zldap::OperationGuard op(ld);
+    zldap::OperationGuard op(ld, zldap::OnEntry::keep_error);
     if (!op.admitted())
         return LDAP_PARAM_ERROR;
     return ldap_result2error_direct(ld, res, freeit);

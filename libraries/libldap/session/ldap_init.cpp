@@ -6,6 +6,7 @@
 #include "base/ldap_lock.h"
 #include "base/memory.h"
 #include "base/trace.h"
+#include "base/version.h"
 #include "conn/ldap_connect.h"
 #include "core/ldap_error.h"
 #include "proto/url.h"
@@ -24,7 +25,7 @@ namespace {
 constexpr int kDefaultPort = 389;
 constexpr int kDefaultTableRows = 256;
 constexpr size_t kHostCopyLimit = 256;
-constexpr const char *kDefaultHome = "/opt/orn/ldap/V6.3.1";
+constexpr const char *kDefaultHome = "/opt/orn/ldap/V" ZLDAP_VERSION_TEXT;
 
 // The text and code-set library finds its tables through ULXDIR.
 void ensure_ulxdir()

@@ -417,14 +417,12 @@ int with_option_lock(LDAP *ld, zldap::FunctionRef<int(LDAP *)> call)
     }
     // A real handle is held inside the guard so that an unbind cannot
     // release it under the call.
-    zldap::OperationGuard hold(ld, ld != &g_defaults);
+    zldap::OperationGuard hold(ld, zldap::OnEntry::keep_error, ld != &g_defaults);
     if (!hold.admitted())
         return hold.code();
     LDAP_MUTEX_GUARD(guard, &ld->ld_mutex);
-    if (!guard.locked()) {
-        ldap_set_error_direct(ld, LDAP_LOCK_ERROR, nullptr, nullptr);
-        return LDAP_LOCK_ERROR;
-    }
+    if (!guard.locked())
+        return ldap_fail(ld, LDAP_LOCK_ERROR);
     return call(ld);
 }
 
@@ -435,10 +433,8 @@ int ldap_set_option(LDAP *ld, int option, const void *invalue)
     auto set = [&](LDAP *target) {
         const void *value = invalue;
         if (takes_int_pointer(target, option)) {
-            if (!invalue) {
-                ldap_set_error_direct(target, LDAP_PARAM_ERROR, nullptr, nullptr);
-                return LDAP_PARAM_ERROR;
-            }
+            if (!invalue)
+                return ldap_fail(target, LDAP_PARAM_ERROR);
             value = reinterpret_cast<const void *>(static_cast<intptr_t>(*static_cast<const int *>(invalue)));
         }
         return ldap_set_option_direct(target, option, value);
@@ -462,8 +458,10 @@ int ldap_get_version(ldap_version_record *record)
         record->protocol_version = 300;
         record->ssl_version = 300;
         record->security_level = 128;
-        std::strncpy(record->build_id, "zor8ldap 6.3.1 (C++20, Linux x86_64)", sizeof record->build_id - 1);
-        record->build_date = __DATE__;
+        std::strncpy(record->build_id, "zor8ldap " ZLDAP_VERSION_TEXT " (C++20, Linux x86_64)",
+                     sizeof record->build_id - 1);
+        // No date, so that two builds of the same sources are the same bytes.
+        record->build_date = "";
     }
     return LDAP_LIBRARY_VERSION;
 }

@@ -3,10 +3,9 @@
 #ifndef ZLDAP_LDAP_OPTIONS_H
 #define ZLDAP_LDAP_OPTIONS_H
 
+#include "base/version.h"
 #include "core/ldap_session.h"
-
-int ldap_set_option(LDAP *ld, int option, const void *invalue);
-int ldap_get_option(LDAP *ld, int option, void *outvalue);
+#include "zor8ldap_api.h"
 
 // Unlocked forms for callers that hold ld_mutex. The set form takes the
 // value itself: a pointer for strings, arrays, records and functions, the
@@ -19,16 +18,16 @@ int ldap_get_option_direct(LDAP *ld, int option, void *outvalue);
 LDAP *ldap_global_defaults();
 
 // The library's version record.
-inline constexpr int LDAP_LIBRARY_VERSION = 631;
+inline constexpr int LDAP_LIBRARY_VERSION = ZLDAP_VERSION_NUMBER;
 struct ldap_version_record {
-    int32_t sdk_version;      // 631
+    int32_t sdk_version;      // LDAP_LIBRARY_VERSION
     int32_t protocol_version; // 300
     int32_t ssl_version;      // 300
     int32_t security_level;   // 128
     char build_id[65];
-    const char *build_date;
+    const char *build_date;   // empty: builds record no date
 };
-// Fills the record when one is given; returns 631.
+// Fills the record when one is given; returns LDAP_LIBRARY_VERSION.
 int ldap_get_version(ldap_version_record *record);
 
 #endif

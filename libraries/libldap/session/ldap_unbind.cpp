@@ -15,10 +15,8 @@ int ldap_unbind(LDAP *ld)
     LDAP_TRACE(TRC_API, "ldap_unbind: ld(%p)\n", static_cast<void *>(ld));
     if (!ldap_handle_is_valid(ld))
         return LDAP_PARAM_ERROR;
-    if (LDAP_MUTEX_LOCK(&ld->ld_mutex) != 0) {
-        ldap_set_error_direct(ld, LDAP_LOCK_ERROR, nullptr, nullptr);
-        return LDAP_LOCK_ERROR;
-    }
+    if (LDAP_MUTEX_LOCK(&ld->ld_mutex) != 0)
+        return ldap_fail(ld, LDAP_LOCK_ERROR);
     if (ld->ld_unbind_started == 1) {
         // Another unbind owns the teardown.
         LDAP_MUTEX_UNLOCK(&ld->ld_mutex);

@@ -1,11 +1,9 @@
-// ldap_unbind.h - ending a session.
+// ldap_unbind.h - ending a session: ldap_unbind, ldap_unbind_s and
+// ldap_unbind_ext, whose declarations (C linkage) are in zor8ldap_api.h.
 #ifndef ZLDAP_LDAP_UNBIND_H
 #define ZLDAP_LDAP_UNBIND_H
 
 #include "core/ldap_session.h"
-
-int ldap_unbind(LDAP *ld);
-int ldap_unbind_s(LDAP *ld);
-int ldap_unbind_ext(LDAP *ld, LDAPControl **sctrls, LDAPControl **cctrls);
+#include "zor8ldap_api.h"
 
 #endif

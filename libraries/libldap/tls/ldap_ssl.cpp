@@ -5,6 +5,7 @@
 #include "base/memory.h"
 #include "base/trace.h"
 #include "core/ldap_error.h"
+#include "net/zorlib.h"
 
 #include <cstring>
 
@@ -22,10 +23,8 @@ int replace_text(LDAP *ld, char **field, const char *text)
     char *copy = nullptr;
     if (text) {
         copy = zldap::mem_strdup(text);
-        if (!copy) {
-            ldap_set_error_direct(ld, LDAP_NO_MEMORY, nullptr, nullptr);
-            return LDAP_NO_MEMORY;
-        }
+        if (!copy)
+            return ldap_fail(ld, LDAP_NO_MEMORY);
     }
     zldap::mem_free(*field);
     *field = copy;
@@ -56,12 +55,11 @@ int set_ssl_cipher(LDAP *ld, const char *text)
     const char *candidate = text ? text : ld->ld_ssl_cipher;
     if (!candidate) {
         // No current list and no supplier to take a default list from.
-        ldap_set_error_direct(ld, LDAP_NO_MEMORY, nullptr, nullptr);
-        return LDAP_NO_MEMORY;
+        return ldap_fail(ld, LDAP_NO_MEMORY);
     }
     if (checkCiphers(candidate) != LDAP_SUCCESS) {
         ldap_set_error_direct(ld, LDAP_SECURE_BAD_PARAM, nullptr, nullptr);
-        ldap_set_ext_error_direct(ld, 422);
+        ldap_set_ext_error_direct(ld, ZOR_ERR_BAD_V3_CIPHER);
         return LDAP_SECURE_BAD_PARAM;
     }
     return text ? replace_text(ld, &ld->ld_ssl_cipher, text) : LDAP_SUCCESS;

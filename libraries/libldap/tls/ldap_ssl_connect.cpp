@@ -7,6 +7,7 @@
 
 #define LDAP_MODULE "libraries/libldap/ldap_ssl"
 
+// Until the toolkit is wired in: refuses every handshake (116).
 int open_ssl_connection(LDAP *ld, Sockbuf *sb)
 {
     LDAP_TRACE(TRC_ERROR,
@@ -15,9 +16,10 @@ int open_ssl_connection(LDAP *ld, Sockbuf *sb)
     return LDAP_SECURE_CONNECT_FAILED;
 }
 
+// Until the toolkit is wired in: nothing creates a secure record, so there
+// is nothing to end.
 void ssl_close_direct(Sockbuf *sb)
 {
-    // Nothing creates a secure record yet, so there is nothing to end.
     if (!sb || !sb->secure)
         return;
     LDAP_TRACE(TRC_CONN, "ssl_close_direct: sb(%p) secure(%p) left to its owner\n",

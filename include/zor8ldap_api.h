@@ -1,0 +1,386 @@
+/*
+ * zor8ldap_api.h - the functions of the published LDAP C interface that
+ * the library implements, with C linkage so that C and C++ programs alike
+ * reach them through the static library. The shared object exports only
+ * the zor_ family of zor8ldap.h; the types and constants come from there.
+ */
+#ifndef ZOR8LDAP_API_H
+#define ZOR8LDAP_API_H
+
+#include "zor8ldap.h"
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* ------------------------------------------------------------------ */
+/* Sessions and options                                                */
+/* ------------------------------------------------------------------ */
+
+/* A new handle; nothing is sent until the first operation. */
+LDAP *ldap_init(const char *host, int port);
+/* ldap_init, then the protocol version from LDAP_VERSION (exactly "3"
+ * gives 3, anything else 2) and the default connection opened. */
+LDAP *ldap_open(const char *host, int port);
+/* ld NULL sets or reads the process-wide defaults. */
+int ldap_set_option(LDAP *ld, int option, const void *invalue);
+int ldap_get_option(LDAP *ld, int option, void *outvalue);
+/* Each waits for the handle's running operations, then releases it; no
+ * unbind request is sent and the controls are not looked at. */
+int ldap_unbind(LDAP *ld);
+int ldap_unbind_s(LDAP *ld);
+int ldap_unbind_ext(LDAP *ld, LDAPControl **sctrls, LDAPControl **cctrls);
+
+/* ------------------------------------------------------------------ */
+/* Result codes and each thread's last error                           */
+/* ------------------------------------------------------------------ */
+
+char *ldap_err2string(int err);
+char *ldap_pwdpolicy_err2string(int err);
+int ldap_get_errno(LDAP *ld);
+/* The outs receive new copies (release with ldap_memfree), or NULL. */
+int ldap_get_error(LDAP *ld, char **matched, char **text);
+int ldap_set_error(LDAP *ld, int code, const char *matched, const char *text);
+int ldap_get_ext_error(LDAP *ld);
+void ldap_perror(LDAP *ld, const char *prefix);
+/* The result code of a chain's final response, with its matched DN and
+ * text as the thread's error; the chain is released when freeit is set. */
+int ldap_result2error(LDAP *ld, LDAPMessage *res, int freeit);
+
+/* ------------------------------------------------------------------ */
+/* Bind                                                                */
+/* ------------------------------------------------------------------ */
+
+int ldap_simple_bind(LDAP *ld, const char *dn, const char *passwd);
+int ldap_simple_bind_s(LDAP *ld, const char *dn, const char *passwd);
+/* Only LDAP_AUTH_SIMPLE is accepted as method. */
+int ldap_bind(LDAP *ld, const char *dn, const char *passwd, int method);
+int ldap_bind_s(LDAP *ld, const char *dn, const char *passwd, int method);
+int ldap_sasl_bind(LDAP *ld, const char *dn, const char *mechanism, const struct berval *cred,
+                   LDAPControl **serverctrls, LDAPControl **clientctrls, int *msgidp);
+/* *servercredp, when given, receives the server's credentials (release
+ * with ber_bvfree). */
+int ldap_sasl_bind_s(LDAP *ld, const char *dn, const char *mechanism, const struct berval *cred,
+                     LDAPControl **serverctrls, LDAPControl **clientctrls, struct berval **servercredp);
+
+/* ------------------------------------------------------------------ */
+/* Search                                                              */
+/* ------------------------------------------------------------------ */
+
+/* Asynchronous forms return the message id (or, for the _ext forms, a
+ * result code with the id in *msgidp); collect with ldap_result. */
+int ldap_search(LDAP *ld, const char *base, int scope, const char *filter, char **attrs, int attrsonly);
+int ldap_search_ext(LDAP *ld, const char *base, int scope, const char *filter, char **attrs, int attrsonly,
+                    LDAPControl **serverctrls, LDAPControl **clientctrls, struct timeval *timeout,
+                    int sizelimit, int *msgidp);
+int ldap_search_s(LDAP *ld, const char *base, int scope, const char *filter, char **attrs, int attrsonly,
+                  LDAPMessage **res);
+int ldap_search_st(LDAP *ld, const char *base, int scope, const char *filter, char **attrs, int attrsonly,
+                   struct timeval *timeout, LDAPMessage **res);
+int ldap_search_ext_s(LDAP *ld, const char *base, int scope, const char *filter, char **attrs,
+                      int attrsonly, LDAPControl **serverctrls, LDAPControl **clientctrls,
+                      struct timeval *timeout, int sizelimit, LDAPMessage **res);
+
+/* ------------------------------------------------------------------ */
+/* Add, modify, delete, rename and compare                             */
+/* ------------------------------------------------------------------ */
+
+int ldap_add(LDAP *ld, const char *dn, LDAPMod **attrs);
+int ldap_add_ext(LDAP *ld, const char *dn, LDAPMod **attrs, LDAPControl **serverctrls,
+                 LDAPControl **clientctrls, int *msgidp);
+int ldap_add_s(LDAP *ld, const char *dn, LDAPMod **attrs);
+int ldap_add_ext_s(LDAP *ld, const char *dn, LDAPMod **attrs, LDAPControl **serverctrls,
+                   LDAPControl **clientctrls);
+
+int ldap_modify(LDAP *ld, const char *dn, LDAPMod **mods);
+int ldap_modify_ext(LDAP *ld, const char *dn, LDAPMod **mods, LDAPControl **serverctrls,
+                    LDAPControl **clientctrls, int *msgidp);
+int ldap_modify_s(LDAP *ld, const char *dn, LDAPMod **mods);
+int ldap_modify_ext_s(LDAP *ld, const char *dn, LDAPMod **mods, LDAPControl **serverctrls,
+                      LDAPControl **clientctrls);
+
+int ldap_delete(LDAP *ld, const char *dn);
+int ldap_delete_ext(LDAP *ld, const char *dn, LDAPControl **serverctrls, LDAPControl **clientctrls,
+                    int *msgidp);
+int ldap_delete_s(LDAP *ld, const char *dn);
+int ldap_delete_ext_s(LDAP *ld, const char *dn, LDAPControl **serverctrls, LDAPControl **clientctrls);
+
+int ldap_rename(LDAP *ld, const char *dn, const char *newrdn, const char *newsuperior, int deleteoldrdn,
+                LDAPControl **serverctrls, LDAPControl **clientctrls, int *msgidp);
+int ldap_rename_s(LDAP *ld, const char *dn, const char *newrdn, const char *newsuperior, int deleteoldrdn,
+                  LDAPControl **serverctrls, LDAPControl **clientctrls);
+int ldap_modrdn2(LDAP *ld, const char *dn, const char *newrdn, int deleteoldrdn);
+int ldap_modrdn_s(LDAP *ld, const char *dn, const char *newrdn, int deleteoldrdn);
+
+int ldap_compare(LDAP *ld, const char *dn, const char *attr, const char *value);
+int ldap_compare_ext(LDAP *ld, const char *dn, const char *attr, const struct berval *value,
+                     LDAPControl **serverctrls, LDAPControl **clientctrls, int *msgidp);
+int ldap_compare_s(LDAP *ld, const char *dn, const char *attr, const char *value);
+int ldap_compare_ext_s(LDAP *ld, const char *dn, const char *attr, const struct berval *value,
+                       LDAPControl **serverctrls, LDAPControl **clientctrls);
+
+/* ------------------------------------------------------------------ */
+/* Results                                                             */
+/* ------------------------------------------------------------------ */
+
+/* Type of the (last) message handed out, 0 on time-out, -1 on error. */
+int ldap_result(LDAP *ld, int msgid, int all, struct timeval *timeout, LDAPMessage **result);
+/* The type of what was released, or 0. */
+int ldap_msgfree(LDAPMessage *res);
+int ldap_msgid(LDAPMessage *msg);
+int ldap_msgtype(LDAPMessage *msg);
+
+LDAPMessage *ldap_first_message(LDAP *ld, LDAPMessage *res);
+LDAPMessage *ldap_next_message(LDAP *ld, LDAPMessage *msg);
+int ldap_count_messages(LDAP *ld, LDAPMessage *res);
+LDAPMessage *ldap_first_entry(LDAP *ld, LDAPMessage *res);
+LDAPMessage *ldap_next_entry(LDAP *ld, LDAPMessage *entry);
+int ldap_count_entries(LDAP *ld, LDAPMessage *res);
+LDAPMessage *ldap_first_reference(LDAP *ld, LDAPMessage *res);
+LDAPMessage *ldap_next_reference(LDAP *ld, LDAPMessage *ref);
+int ldap_count_references(LDAP *ld, LDAPMessage *res);
+int ldap_parse_reference(LDAP *ld, LDAPMessage *ref, char ***referralsp, LDAPControl ***serverctrlsp, int freeit);
+int ldap_parse_reference_np(LDAP *ld, LDAPMessage *ref, char ***referralsp, LDAPControl ***serverctrlsp,
+                            int freeit);
+
+char *ldap_get_dn(LDAP *ld, LDAPMessage *entry);
+char *ldap_first_attribute(LDAP *ld, LDAPMessage *entry, BerElement **ber);
+char *ldap_next_attribute(LDAP *ld, LDAPMessage *entry, BerElement *ber);
+int ldap_count_attributes(LDAP *ld, LDAPMessage *entry);
+char **ldap_get_values(LDAP *ld, LDAPMessage *entry, const char *attr);
+struct berval **ldap_get_values_len(LDAP *ld, LDAPMessage *entry, const char *attr);
+int ldap_count_values(char **values);
+int ldap_count_values_len(struct berval **values);
+
+/* Release functions; each accepts NULL. */
+void ldap_value_free(char **values);
+void ldap_value_free_len(struct berval **values);
+void ldap_memfree(void *p);
+/* Releases the cursor only: it never owns the buffer it walks. */
+void ldap_ber_free(BerElement *ber, int freebuf);
+void ldap_mods_free(LDAPMod **mods, int freemods);
+void ber_bvfree(struct berval *bv);
+void ber_bvecfree(struct berval **bvec);
+
+/* ------------------------------------------------------------------ */
+/* Controls                                                            */
+/* ------------------------------------------------------------------ */
+
+/* A list is a NULL-terminated array of control pointers; NULL and an
+ * array whose first entry is NULL are both empty. Lists handed out belong
+ * to the caller, who releases them with ldap_controls_free. */
+int ldap_copy_controls(LDAPControl ***to_here, LDAPControl **from);
+void ldap_control_free(LDAPControl *ctrl);
+void ldap_controls_free(LDAPControl **ctrls);
+int ldap_count_controls(LDAPControl **ctrls);
+/* A new control with copies of oid and of len value bytes (followed by a
+ * NUL that len does not count); len 0 makes a control without a value.
+ * 0, 89 or 90; *ctrlp is NULL on failure. */
+int ldap_create_control(const char *oid, ber_len_t len, const char *value, int iscritical,
+                        LDAPControl **ctrlp);
+/* ldap_create_control, then the control appended to *ctrls (a new array).
+ * 0, 89 or 90 with the list unchanged. */
+int ldap_add_control(const char *oid, ber_len_t len, const char *value, int iscritical,
+                     LDAPControl ***ctrls);
+/* Replaces *ctrls by a new array without ctrl, which is released when
+ * freeit is non-zero. 0, 89 when ctrl is not in the list, or 90; the list
+ * is unchanged on failure. */
+int ldap_remove_control(LDAPControl *ctrl, LDAPControl ***ctrls, int freeit);
+/* A copy of the controls the last SASL bind received. 0, 89, 129 or the
+ * copy's code. */
+int ldap_get_bind_controls(LDAP *ld, LDAPControl ***ctrls);
+/* "dn:" followed by the DN, or a copy of a DN that already starts with
+ * "dn:" in any case. 0, 89 or 90; release the text with ldap_memfree. */
+int ldap_proxy_dn_prefix(char **proxy_dn, const char *dn);
+/* The controls that follow a search entry. ldap_get_entry_controls
+ * returns -1 when the handle is refused, the _np form 89. */
+int ldap_get_entry_controls(LDAP *ld, LDAPMessage *entry, LDAPControl ***serverctrls);
+int ldap_get_entry_controls_np(LDAP *ld, LDAPMessage *entry, LDAPControl ***serverctrls);
+
+/* ------------------------------------------------------------------ */
+/* LDAP URLs                                                           */
+/* ------------------------------------------------------------------ */
+
+/* 0 and a record with defaults applied (port 389 or 636, base scope, the
+ * filter "(objectClass=*)"); else 96, 98, 99 or 21 and no record. */
+int ldap_url_parse(const char *url, LDAPURLDesc **ludpp);
+void ldap_free_urldesc(LDAPURLDesc *ludp);
+/* 1 when the string starts like an LDAP URL, else 0. */
+int ldap_is_ldap_url(const char *url);
+
+/* ------------------------------------------------------------------ */
+/* Distinguished names (release arrays with ldap_value_free, strings  */
+/* with ldap_memfree)                                                  */
+/* ------------------------------------------------------------------ */
+
+/* The escaped values only, RDNs joined by commas; a text without "=" and
+ * "," comes back as a copy. NULL for NULL, a malformed or an empty DN. */
+char *ldap_dn2ufn(const char *dn);
+/* One string per RDN (values escaped); a text without "=" and "," is split
+ * as a DNS or mail name. NULL for a malformed or empty DN. */
+char **ldap_explode_dn(const char *dn, int notypes);
+/* One string per pair of the first RDN, values as parsed (not escaped). */
+char **ldap_explode_rdn(const char *dn, int notypes);
+/* The pieces between "@" and "." characters, empty ones dropped. */
+char **ldap_split_dns_name(const char *name);
+
+/* ------------------------------------------------------------------ */
+/* Ready-made controls and request values. Criticality arguments of type */
+/* char are T-flags (critical exactly when 'T'); int ones are booleans.  */
+/* Controls are released with ldap_control_free, values with ber_bvfree. */
+/* ------------------------------------------------------------------ */
+#define LDAP_CONTROL_PAGEDRESULTS      "1.2.840.113556.1.4.319"
+#define LDAP_CONTROL_SORTREQUEST       "1.2.840.113556.1.4.473"
+#define LDAP_CONTROL_SORTRESPONSE      "1.2.840.113556.1.4.474"
+#define LDAP_CONTROL_PERSISTENTSEARCH  "2.16.840.1.113730.3.4.3"
+#define LDAP_CONTROL_ENTRYCHANGE       "2.16.840.1.113730.3.4.7"
+#define LDAP_CONTROL_VLVREQUEST        "2.16.840.1.113730.3.4.9"
+#define LDAP_CONTROL_VLVRESPONSE       "2.16.840.1.113730.3.4.10"
+#define LDAP_CONTROL_ASSERTION         "1.3.6.1.1.12"
+#define LDAP_CONTROL_PROXYAUTH         "2.16.840.1.113730.3.4.18"
+#define LDAP_CONTROL_LIMIT_NUM_VALUES  "1.3.18.0.2.10.30"
+#define LDAP_CONTROL_GROUP             "1.3.18.0.2.10.21"
+#define LDAP_CONTROL_CHAINING_AUDIT    "1.3.18.0.2.10.22"
+#define LDAP_CONTROL_TRANSACTION       "1.3.18.0.2.10.5"
+#define LDAP_CONTROL_VENDOR_25         "1.3.18.0.2.10.25"
+#define LDAP_CONTROL_VENDOR_26         "1.3.18.0.2.10.26"
+#define LDAP_CONTROL_VENDOR_33         "1.3.18.0.2.10.33"
+#define LDAP_EXOP_EFFECTIVE_PWDPOLICY  "1.3.18.0.2.12.77"
+
+/* Persistent search change types, alone or all together (15). */
+#define LDAP_CHANGETYPE_ADD    1
+#define LDAP_CHANGETYPE_DELETE 2
+#define LDAP_CHANGETYPE_MODIFY 4
+#define LDAP_CHANGETYPE_MODDN  8
+#define LDAP_CHANGETYPE_ANY    15
+
+/* One key of a server-side sort request. */
+typedef struct ldapsortkey {
+    char *sk_attrtype;
+    char *sk_matchruleoid; /* NULL: the attribute's own ordering rule */
+    int sk_reverseorder;   /* 1: reverse order */
+} LDAPsortkey;
+
+/* A virtual list view request. With an assertion value the target is the */
+/* first entry at or after it; without one, the entry at the offset of a */
+/* list of the given content count (offset 0 is refused). */
+typedef struct ldapvlvinfo {
+    int ldvlv_version;
+    int ldvlv_before_count;
+    int ldvlv_after_count;
+    int ldvlv_offset;
+    int ldvlv_count;
+    struct berval *ldvlv_attrvalue; /* target assertion value, or NULL */
+    struct berval *ldvlv_context;   /* context ID from the last response, or NULL */
+} LDAPVLVInfo;
+
+/* One attribute of an effective password policy and its values. */
+typedef struct ldappwdpolicyattr {
+    char *pa_attr;
+    char **pa_values; /* NULL when the server sent none */
+} LDAPPwdPolicyAttr;
+
+/* ---- request controls: 0, or 83, 87, 89, 90 with *ctrlp NULL ---------- */
+
+/* The page size is written as a signed 32-bit INTEGER; cookie NULL (or */
+/* without bytes) starts a new paged search. */
+int ldap_create_page_control(LDAP *ld, unsigned long pagesize, struct berval *cookie, char iscritical,
+                             LDAPControl **ctrlp);
+/* changetypes: one of the LDAP_CHANGETYPE_ values; changesonly 0 or 1. */
+int ldap_create_persistentsearch_control(LDAP *ld, int changetypes, int changesonly, int return_echg_ctls,
+                                         int iscritical, LDAPControl **ctrlp);
+/* The filter in the usual text form; 87 when it does not parse. */
+int ldap_create_assertion_control(LDAP *ld, const char *filter, int iscritical, LDAPControl **ctrlp);
+/* Always critical. */
+int ldap_create_vlv_control(LDAP *ld, LDAPVLVInfo *vlvinfop, LDAPControl **ctrlp);
+/* iscritical 0 is refused: the server must not run the operation as the */
+/* bound identity instead. USE_JAVA_PROXIED_AUTH_CONTROL_ENCODING=YES */
+/* (read once per process) wraps the DN in a SEQUENCE. */
+int ldap_create_proxyauth_control(LDAP *ld, const char *proxydn, int iscritical, LDAPControl **ctrlp);
+/* Two non-negative limits and a flag, as the server defines them. */
+int ldap_create_limit_num_values_control(LDAP *ld, int first_limit, int second_limit, int flag, int iscritical,
+                                         LDAPControl **ctrlp);
+/* Controls without a value; the first two are always critical. */
+int ldap_create_vendor_25_control(LDAP *ld, LDAPControl **ctrlp);
+int ldap_create_vendor_26_control(LDAP *ld, LDAPControl **ctrlp);
+int ldap_create_vendor_33_control(LDAP *ld, int iscritical, LDAPControl **ctrlp);
+
+/* ---- request controls returned directly: NULL on failure, the reason */
+/* in the trace --------------------------------------------------------- */
+
+/* Critical; the value is a copy of the given bytes. */
+LDAPControl *ldap_create_group_control(struct berval *value);
+/* Critical; kind 0 or 1, then the group DNs (NULL: none). */
+LDAPControl *ldap_create_group_control_from_list(char **groups, int kind);
+LDAPControl *ldap_create_chaining_audit_control(char **list, const char *text, int iscritical);
+/* Critical; the value is the id's text without its NUL. */
+LDAPControl *ldap_create_transaction_control(const char *tran_id);
+
+/* ---- extended request values: a new berval, or NULL -------------------- */
+
+struct berval *ldap_create_account_status_request(const char *entry_dn);
+struct berval *ldap_create_effective_pwdpolicy_request(const char *entry_dn);
+/* attrs NULL: the entry DN alone. */
+struct berval *ldap_create_group_eval_request(const char *entry_dn, char **attrs);
+struct berval *ldap_create_prepare_transaction_request(const char *tran_id);
+/* One octet, 1 when commit is non-zero else 0, then the id's text. */
+struct berval *ldap_create_end_transaction_request(const char *tran_id, int commit);
+/* An empty value, for requests whose value must be present. */
+struct berval *ldap_create_empty_request_value(void);
+
+/* ---- response controls: 0, 84, 89, 90, or 93 when no control matches ---- */
+
+/* The last paged-results control decides. *cookie is a new value (release */
+/* with ber_bvfree), or NULL when the server sent none. */
+int ldap_parse_page_control(LDAP *ld, LDAPControl **ctrls, unsigned long *size_estimate,
+                            struct berval **cookie);
+/* Every output may be NULL; *contextp is a new value or NULL. */
+int ldap_parse_vlv_control(LDAP *ld, LDAPControl **ctrls, unsigned long *target_posp, unsigned long *list_countp,
+                           struct berval **contextp, int *errcodep);
+
+/* The value of an effective password policy response (name */
+/* LDAP_EXOP_EFFECTIVE_PWDPOLICY): at most 23 attributes, NULL-terminated, */
+/* and the DNs the policy comes from (NULL when none). 0, 84, 89 or 90 with */
+/* both outputs NULL. Release both with ldap_free_effective_pwdpolicy_response. */
+int ldap_parse_effective_pwdpolicy_response(const char *oidres, struct berval *result, LDAPPwdPolicyAttr ***attrs,
+                                            char ***dns);
+void ldap_free_effective_pwdpolicy_response(LDAPPwdPolicyAttr **attrs, char **dns);
+
+/* One attribute whose values the server cut short, with the two numbers */
+/* the server reports for it. */
+typedef struct ldaplimitnumvaluesattr {
+    char *lnva_attr;
+    int lnva_first;
+    int lnva_second;
+    struct ldaplimitnumvaluesattr *lnva_next;
+} LDAPLimitNumValuesAttr;
+
+typedef struct ldaplimitnumvaluesresponse {
+    char *lnvr_dn;
+    LDAPLimitNumValuesAttr *lnvr_attrs; /* in the reverse of the order received */
+} LDAPLimitNumValuesResponse;
+
+/* A sort request for the NULL-terminated keys (T-flag criticality). The */
+/* result is also recorded as the calling thread's error: 0, 83, 89 or 90. */
+int ldap_create_sort_control(LDAP *ld, LDAPsortkey **keys, char iscritical, LDAPControl **ctrlp);
+/* The last sort response control decides: its result code and, when */
+/* attribute is given, the attribute that caused it (a new string) or NULL. */
+/* 0, 84, 89, 90 or 93, recorded as the calling thread's error. */
+int ldap_parse_sort_control(LDAP *ld, LDAPControl **ctrls, unsigned long *result, char **attribute);
+
+/* The first entry change control: the change type and, each when asked */
+/* for, the previous DN of a renamed entry (a new string or NULL), whether */
+/* a change number above 0 came and that number. 0, 84, 89, 90 or 93. */
+int ldap_parse_entrychange_control(LDAP *ld, LDAPControl **ctrls, int *chgtypep, char **prevdnp, int *chgnumpresentp,
+                                   int *chgnump);
+
+/* The first value-limit response control, as a new record released with */
+/* ldap_free_limit_num_values_response. 0, 84, 89, 90 or 93. */
+int ldap_parse_limit_num_values_response(LDAP *ld, LDAPControl **ctrls, LDAPLimitNumValuesResponse **response);
+void ldap_free_limit_num_values_response(LDAPLimitNumValuesResponse *response);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif /* ZOR8LDAP_API_H */

@@ -1,0 +1,141 @@
+// request_values.cpp - values of extended requests: account status,
+// effective password policy, group evaluation, transaction preparation and
+// end, and the empty value. Each is a new berval, or NULL with the reason
+// in the trace.
+#include "zor8ldap_api.h"
+
+#include "base/memory.h"
+#include "base/trace.h"
+#include "ber/lber.h"
+#include "proto/control_codec.h"
+
+#include <cstring>
+
+namespace {
+
+struct berval *flatten(BerElement *ber)
+{
+    struct berval *value = nullptr;
+    return fber_flatten(ber, &value) == 0 ? value : nullptr;
+}
+
+// "{s}" of an entry DN, written in two steps that fail with their own texts.
+struct berval *entry_dn_request(const char *name, const char *entry_dn)
+{
+    if (!entry_dn) {
+        LDAP_TRACE(TRC_ERROR, "EntryDN must not be NULL.\n");
+        return nullptr;
+    }
+    zldap::BerOwner ber(fber_alloc());
+    if (!ber) {
+        LDAP_TRACE(TRC_ERROR, "fber_alloc failed\n");
+        return nullptr;
+    }
+    if (fber_printf(ber.get(), "{s", entry_dn) != 0) {
+        LDAP_TRACE(TRC_ERROR, "%s:first fber_printf failed\n", name);
+        return nullptr;
+    }
+    if (fber_printf(ber.get(), "}") != 0) {
+        LDAP_TRACE(TRC_ERROR, "%s:second fber_printf failed\n", name);
+        return nullptr;
+    }
+    struct berval *value = flatten(ber.get());
+    if (!value)
+        LDAP_TRACE(TRC_ERROR, "%s:fber_flatten failed\n", name);
+    return value;
+}
+
+// A value of `lead` octets (0 or 1) followed by the id's text; bv_len
+// counts both, and a NUL follows.
+struct berval *tran_id_value(const char *name, const char *tran_id, int lead, int lead_octet)
+{
+    auto *value = static_cast<struct berval *>(zldap::mem_calloc(1, sizeof(struct berval)));
+    if (!value) {
+        LDAP_TRACE(TRC_ERROR, "%s: calloc of berval failed.\n", name);
+        return nullptr;
+    }
+    size_t len = std::strlen(tran_id);
+    value->bv_val = static_cast<char *>(zldap::mem_calloc(lead + len + 1, 1));
+    if (!value->bv_val) {
+        LDAP_TRACE(TRC_ERROR, "%s: calloc of berval->bv_val failed.\n", name);
+        zldap::mem_free(value);
+        return nullptr;
+    }
+    if (lead)
+        value->bv_val[0] = static_cast<char>(lead_octet);
+    std::memcpy(value->bv_val + lead, tran_id, len);
+    value->bv_len = lead + len;
+    return value;
+}
+
+} // namespace
+
+struct berval *ldap_create_account_status_request(const char *entry_dn)
+{
+    return entry_dn_request("ldap_create_account_status_request", entry_dn);
+}
+
+struct berval *ldap_create_effective_pwdpolicy_request(const char *entry_dn)
+{
+    return entry_dn_request("ldap_create_effective_pwdpolicy_request", entry_dn);
+}
+
+struct berval *ldap_create_group_eval_request(const char *entry_dn, char **attrs)
+{
+    if (!entry_dn) {
+        LDAP_TRACE(TRC_ERROR, "EntryDN must not be NULL.\n");
+        return nullptr;
+    }
+    zldap::BerOwner ber(fber_alloc());
+    if (!ber) {
+        LDAP_TRACE(TRC_ERROR, "fber_alloc failed\n");
+        return nullptr;
+    }
+    if (fber_printf(ber.get(), "{s", entry_dn) != 0) {
+        LDAP_TRACE(TRC_ERROR, "ldap_create_group_eval_request: first fber_printf failed\n");
+        return nullptr;
+    }
+    if (attrs && fber_printf(ber.get(), "{v}}", attrs) != 0) {
+        LDAP_TRACE(TRC_ERROR, "ldap_create_group_eval_request: second fber_printf failed\n");
+        return nullptr;
+    }
+    if (!attrs && fber_printf(ber.get(), "}") != 0) {
+        LDAP_TRACE(TRC_ERROR, "ldap_create_group_eval_request: third fber_printf failed\n");
+        return nullptr;
+    }
+    struct berval *value = flatten(ber.get());
+    if (!value)
+        LDAP_TRACE(TRC_ERROR, "ldap_create_group_eval_request: fber_flatten failed\n");
+    return value;
+}
+
+struct berval *ldap_create_prepare_transaction_request(const char *tran_id)
+{
+    if (!tran_id) {
+        LDAP_TRACE(TRC_ERROR, "ldap_create_prepare_transaction_request: tran_id is null.\n");
+        return nullptr;
+    }
+    return tran_id_value("ldap_create_prepare_transaction_request", tran_id, 0, 0);
+}
+
+struct berval *ldap_create_end_transaction_request(const char *tran_id, int commit)
+{
+    if (!tran_id) {
+        LDAP_TRACE(TRC_ERROR, "ldap_create_end_transaction_request: tran_id is NULL\n");
+        return nullptr;
+    }
+    return tran_id_value("ldap_create_end_transaction_request", tran_id, 1, commit != 0 ? 1 : 0);
+}
+
+struct berval *ldap_create_empty_request_value(void)
+{
+    zldap::BerOwner ber(fber_alloc());
+    if (!ber) {
+        LDAP_TRACE(TRC_ERROR, "ber_alloc_t failed\n");
+        return nullptr;
+    }
+    struct berval *value = flatten(ber.get());
+    if (!value)
+        LDAP_TRACE(TRC_ERROR, "ber_flatten failed\n");
+    return value;
+}

@@ -1,0 +1,89 @@
+// session.cpp - the session set-up the tools share, and the alarm that
+// bounds the calls of the exported family that wait without limit.
+#include "session.h"
+
+#include <algorithm>
+#include <csignal>
+#include <cstdio>
+#include <unistd.h>
+
+namespace tool {
+
+namespace {
+
+// Made before the alarm is armed: the handler may only write it.
+char g_timeout_message[1024];
+size_t g_timeout_length = 0;
+
+extern "C" void on_alarm(int)
+{
+    ssize_t written = write(STDERR_FILENO, g_timeout_message, g_timeout_length);
+    (void)written;
+    _exit(LDAP_TIMEOUT);
+}
+
+} // namespace
+
+Deadline::Deadline(const char *program, const std::string &what, int seconds) : armed_(seconds > 0)
+{
+    if (!armed_)
+        return;
+    int length = std::snprintf(g_timeout_message, sizeof g_timeout_message, "%s: %s: %s (%d)\n", program,
+                               what.c_str(), zor_ldap_err2string(LDAP_TIMEOUT), LDAP_TIMEOUT);
+    g_timeout_length = length < 0 ? 0 : std::min(static_cast<size_t>(length), sizeof g_timeout_message - 1);
+    // What was printed so far must not be lost if the process ends here.
+    std::fflush(stdout);
+    struct sigaction action {};
+    action.sa_handler = on_alarm;
+    sigemptyset(&action.sa_mask);
+    sigaction(SIGALRM, &action, nullptr);
+    alarm(static_cast<unsigned>(seconds));
+}
+
+Deadline::~Deadline()
+{
+    if (armed_)
+        alarm(0);
+}
+
+int report(const char *program, const std::string &what, int code)
+{
+    std::fprintf(stderr, "%s: %s: %s (%d)\n", program, what.c_str(), zor_ldap_err2string(code), code);
+    return code;
+}
+
+LDAP *open_session(const char *program, const SessionOptions &options, int *rc)
+{
+    LDAP *ld = options.url.empty() ? zor_ldap_init(options.host.c_str(), options.port)
+                                   : zor_ldap_init(options.url.c_str(), 0);
+    if (!ld) {
+        std::fprintf(stderr, "%s: cannot make a session for %s\n", program,
+                     options.url.empty() ? options.host.c_str() : options.url.c_str());
+        *rc = LDAP_PARAM_ERROR;
+        return nullptr;
+    }
+    auto fail = [&](const char *what, int code) {
+        *rc = report(program, what, code);
+        zor_ldap_unbind(ld);
+        return nullptr;
+    };
+    // The connect is made by the first operation and is bounded by this
+    // option alone: without it an unanswered connect waits for the
+    // system's retries (minutes).
+    struct timeval connect_timeout {options.connect_seconds(), 0};
+    int code = LDAP_SUCCESS;
+    if (options.connect_seconds() > 0)
+        code = zor_ldap_set_option(ld, LDAP_OPT_CONNECT_TIMEOUT, &connect_timeout);
+    if (code != LDAP_SUCCESS)
+        return fail("connect time-out", code);
+    if (!options.binddn.empty()) {
+        Deadline deadline(program, "bind", options.call_seconds());
+        code = zor_ldap_simple_bind_s(ld, options.binddn.c_str(), options.password.c_str());
+    }
+    if (code != LDAP_SUCCESS)
+        return fail("bind", code);
+    *rc = LDAP_SUCCESS;
+    return ld;
+}
+
+} // namespace tool
