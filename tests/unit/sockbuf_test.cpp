@@ -9,6 +9,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <string>
 #include <sys/resource.h>
 #include <sys/socket.h>
@@ -88,6 +89,37 @@ TEST_F(SocketPair, LengthFormsBackToBackAndAnEarlyEnd)
     EXPECT_EQ(Next(), static_cast<ber_tag_t>(LBER_WOULD_BLOCK));
     shutdown(peer, SHUT_WR);
     EXPECT_EQ(Next(), LBER_DEFAULT) << "the stream ended in mid-message";
+}
+
+// The content buffer grows as bytes arrive: a declared length alone costs
+// one small block, and an element left in mid-frame is freed whole (by the
+// fixture, under the sanitizers' watch).
+TEST_F(SocketPair, ADeclaredLengthCostsNothingUntilItsBytesArrive)
+{
+    Send({0x30, 0x84, 0x40, 0x00, 0x00, 0x00}); // 1 GB
+    ASSERT_EQ(Next(), static_cast<ber_tag_t>(LBER_WOULD_BLOCK));
+    EXPECT_LE(ber->ber_end - ber->ber_buf, 64 * 1024);
+    Send(Bytes(100 * 1024, 0x5A));
+    ASSERT_EQ(Next(), static_cast<ber_tag_t>(LBER_WOULD_BLOCK));
+    EXPECT_EQ(ber->ber_ptr - ber->ber_buf, 100 * 1024);
+    EXPECT_LE(ber->ber_end - ber->ber_buf, 256 * 1024);
+    EXPECT_EQ(state, 0x40000000 - 100 * 1024);
+}
+
+TEST_F(SocketPair, ALargeMessageInPiecesFramesByteForByte)
+{
+    Bytes contents(300 * 1000 + 17), message = {0x30, 0x83, 0x04, 0x93, 0xF1};
+    for (size_t i = 0; i < contents.size(); i++)
+        contents[i] = static_cast<unsigned char>(i * 7 + i / 251);
+    message.insert(message.end(), contents.begin(), contents.end());
+    for (size_t at = 0, round = 0; at < message.size(); round++) {
+        size_t piece = std::min<size_t>(message.size() - at, round % 2 ? 7001 : 3);
+        Send(Bytes(message.begin() + at, message.begin() + at + piece));
+        at += piece;
+        ASSERT_EQ(Next(), at < message.size() ? static_cast<ber_tag_t>(LBER_WOULD_BLOCK) : 0x30u) << at;
+    }
+    EXPECT_EQ(Contents(), contents);
+    EXPECT_EQ(ber->ber_end[0], '\0');
 }
 
 TEST(Sockbuf, MalformedFramesAreRefused)
