@@ -484,6 +484,39 @@ int ldap_parse_entrychange_control(LDAP *ld, LDAPControl **ctrls, int *chgtypep,
 int ldap_parse_limit_num_values_response(LDAP *ld, LDAPControl **ctrls, LDAPLimitNumValuesResponse **response);
 void ldap_free_limit_num_values_response(LDAPLimitNumValuesResponse *response);
 
+/* ------------------------------------------------------------------ */
+/* Code-set translation between the local code page and UTF-8          */
+/* ------------------------------------------------------------------ */
+
+/* Sets the process locale for all categories (NULL or "" for the */
+/* environment's) and settles the local code page again. 0, 82 when the */
+/* locale is refused, 129, or the result of ldap_set_iconv_local_codepage. */
+int ldap_set_locale(const char *locale);
+/* Sets the local code page (NULL: LDAP_CODEPAGE, else the locale's code */
+/* set). A code page already set is replaced only by a named one; an empty */
+/* name then gives 89 and keeps it. 0, 89 or 90. */
+int ldap_set_iconv_local_codepage(const char *codepage);
+/* Sets the code page that stands for one of the library's charset names */
+/* ("ISO-8859-1", "ORN437", "Shift-JIS", ...). 89 for a missing or unknown name. */
+int ldap_set_iconv_local_charset(const char *charset);
+/* A new copy of the name, "ISO8859-1" for NULL or ""; NULL when memory runs out. */
+char *ldap_get_iconv_compliant_codepage(const char *codepage);
+/* A new copy of "/usr/lib/nls/loc"; NULL when memory runs out. */
+char *ldap_get_default_locale_path(void);
+
+/* Translate *inlen bytes from inbuf into outbuf, which has *outlen bytes of */
+/* room; *outlen is reduced by the bytes written (also when the translation */
+/* fails part way). 0, 89 for a missing argument, 82, 90 or 160 to 163. */
+int ldap_xlate_local_to_utf8(char *inbuf, unsigned int *inlen, char *outbuf, size_t *outlen);
+int ldap_xlate_utf8_to_local(char *inbuf, unsigned int *inlen, char *outbuf, size_t *outlen);
+/* UCS-2 here is big-endian, two bytes a character. */
+int ldap_xlate_local_to_unicode(char *inbuf, unsigned int *inlen, char *outbuf, size_t *outlen);
+int ldap_xlate_unicode_to_local(char *inbuf, unsigned int *inlen, char *outbuf, size_t *outlen);
+/* *result receives a new NUL-terminated UTF-8 copy of text (NULL on */
+/* failure). 0, 1 for a missing text, 89 for a missing result pointer, 90, */
+/* or a translation result. */
+int ldap_xlate_local_to_utf8_wrp(const char *text, char **result);
+
 #ifdef __cplusplus
 }
 #endif

@@ -84,3 +84,5 @@ void ldap_init_all_mutex_once()
 
 void ldap_lock_defaults_mutex() { lock_global(&g_defaults_mutex, __LINE__); }
 void ldap_unlock_defaults_mutex() { unlock_global(&g_defaults_mutex, __LINE__); }
+void ldap_lock_xlate_mutex() { lock_global(&g_xlate_mutex, __LINE__); }
+void ldap_unlock_xlate_mutex() { unlock_global(&g_xlate_mutex, __LINE__); }

@@ -1,9 +1,12 @@
 // ldap_charset.h - translation of strings between the local code page and
-// UTF-8.
+// UTF-8 (and UCS-2): the process's locale and code page, and the
+// translation entry points.
 #ifndef ZLDAP_LDAP_CHARSET_H
 #define ZLDAP_LDAP_CHARSET_H
 
-#include "zor8ldap.h"
+#include "zor8ldap_api.h"
+
+#include <stddef.h>
 
 // Translate *buf (*len bytes) into a new buffer with room for three times
 // the length, which replaces *buf; *len becomes the bytes produced, and a

@@ -10,6 +10,7 @@
 #include "message/ldap_message.h"
 #include "message/ldap_table.h"
 #include "proto/dn.h"
+#include "proto/filter.h"
 #include "proto/ldap_controls.h"
 #include "proto/url.h"
 #include "results/parse_result.h"
@@ -19,12 +20,15 @@
 #include "session/ldap_options.h"
 #include "session/ldap_unbind.h"
 #include "test_util.h"
+#include "xlate/ldap_charset.h"
 #include "zor8ldap_api.h"
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cstring>
 #include <functional>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
@@ -33,6 +37,23 @@ namespace {
 
 using zldap_test::AllocFaultScenario;
 using zldap_test::ExpectEachAllocationFailure;
+using Sweep = std::function<void(const AllocFaultScenario &)>;
+using ControlsPtr = std::unique_ptr<LDAPControl *, decltype(&ldap_controls_free)>;
+
+// A call that hands out a control list: its code, or -2 when a failed call
+// still handed one out.
+AllocFaultScenario HandsOutControls(const std::function<int(LDAPControl ***)> &call)
+{
+    return {[call] {
+                LDAPControl **out = nullptr;
+                int rc = call(&out);
+                rc = rc != 0 && out ? -2 : rc;
+                ldap_controls_free(out);
+                return rc;
+            },
+            LDAP_NO_MEMORY};
+}
+
 
 struct SweepRow {
     const char *name;
@@ -195,9 +216,145 @@ void EffectivePwdPolicyParse(const std::function<void(const AllocFaultScenario &
            LDAP_NO_MEMORY, nullptr, [](int rc) { return rc == LDAP_DECODING_ERROR; }});
 }
 
+// Translation replaces the caller's buffer only when it succeeds; the
+// failed attempt leaves it for the caller to free.
+int TranslateCopy(int (*xlate)(char **, ber_len_t *, int), const char *text)
+{
+    char *buf = zldap::mem_strdup(text);
+    ber_len_t len = std::strlen(text);
+    int rc = buf ? xlate(&buf, &len, 1) : LDAP_NO_MEMORY;
+    zldap::mem_free(buf);
+    return rc;
+}
+
+void Xlate(const std::function<void(const AllocFaultScenario &)> &sweep)
+{
+    ASSERT_EQ(ldap_set_iconv_local_codepage("ISO8859-1"), 0);
+    sweep({[] { return TranslateCopy(xlate_local_to_utf8, "M\xFCller"); }, LDAP_NO_MEMORY});
+    sweep({[] { return TranslateCopy(xlate_utf8_to_local, "M\xC3\xBCller"); }, LDAP_NO_MEMORY});
+    sweep({[] {
+               char *out = nullptr;
+               int rc = ldap_xlate_local_to_utf8_wrp("M\xFCller", &out);
+               zldap::mem_free(out);
+               return rc;
+           },
+           LDAP_NO_MEMORY});
+}
+
+// Every allocating reader in one walk, on an element that converts its
+// strings; a request that grows twice and converts its strings; elements
+// copied in and out; a filter of every kind of item.
+void BerCodec(const Sweep &sweep)
+{
+    using namespace zldap_test;
+    Bytes bytes = Hex("04 02 61 62 04 02 61 62 04 02 61 62 04 02 61 62 03 02 00 FF 31 06 04 01 61 04 01 62"
+                      "31 06 04 01 61 04 01 62");
+    sweep({[&] {
+               BerPtr ber = ExactReader(bytes);
+               ScanOutputs out;
+               bool read = ber && SetStringSettings(ber.get(), 3, nullptr) &&
+                           ScanByItems(ber.get(), "asoOBvV", out) != LBER_DEFAULT;
+               return read ? 0 : -1;
+           },
+           -1});
+    std::string value(7000, 'z');
+    sweep({[&] {
+               BerPtr ber(fber_alloc_t(16));
+               if (!ber || !SetStringSettings(ber.get(), 3, nullptr))
+                   return -1;
+               return fber_printf(ber.get(), "{it{s{s[ss]}}}", 2, ber_tag_t{0x68}, "cn=x", "description",
+                                  value.c_str(), value.c_str());
+           },
+           -1});
+    struct berval bv = {value.size(), value.data()};
+    sweep({[&] {
+               struct berval *out = reinterpret_cast<struct berval *>(1);
+               BerPtr ber(fber_init2(&bv));
+               int rc = ber ? fber_flatten(ber.get(), &out) : -1;
+               rc = rc != 0 && ber && out ? -2 : rc;
+               ber_bvfree(ber ? out : nullptr);
+               return rc;
+           },
+           -1});
+    sweep({[] {
+               BerPtr ber(fber_alloc());
+               return ber ? put_filter(ber.get(), "(&(cn=a*b)(|(x=1)(y:dn:=2))(!(z=*)))", 0) : -1;
+           },
+           -1});
+}
+
+// Lists built, merged and cut (on failure the lists built so far stay
+// whole); a list written into an element that grows for every item and
+// read back into a list that grows; the prefix a proxy DN gets; and what a
+// handle copies: its elements, the default controls an operation sends,
+// the bind response controls stored and handed out. The thread's error
+// record exists before each walk, so recording a failure allocates nothing
+// the handle keeps.
+void Controls(const Sweep &sweep)
+{
+    sweep({[] {
+               LDAPControl **dest = nullptr, **input = nullptr;
+               int rc = ldap_add_control("Y1", 1, "y", 0, &dest);
+               rc = rc ? rc : ldap_add_control("X1", 0, nullptr, 0, &input);
+               rc = rc ? rc : ldap_add_control("X2", 2, "xx", 1, &input);
+               rc = rc ? rc : ldap_merge_control_lists(&dest, input);
+               input = rc ? input : nullptr;
+               rc = rc ? rc : ldap_remove_control(dest[1], &dest, 1);
+               ldap_controls_free(dest);
+               ldap_controls_free(input);
+               return rc;
+           },
+           LDAP_NO_MEMORY});
+    using namespace zldap_test;
+    LDAPControl **list = nullptr;
+    ldap_add_control("1.2.840.113556.1.4.319", 300, std::string(300, 'v').c_str(), 1, &list);
+    for (const char *oid : {"1.2", "1.3", "1.4"})
+        ldap_add_control(oid, 0, nullptr, 0, &list);
+    ControlsPtr owned(list, ldap_controls_free);
+    sweep({[&] {
+               BerPtr ber(fber_alloc_t(0));
+               return ber ? put_ctrls_into_ber(ber.get(), list) : LDAP_ENCODING_ERROR;
+           },
+           LDAP_ENCODING_ERROR});
+    BerPtr written(fber_alloc());
+    ASSERT_EQ(put_ctrls_into_ber(written.get(), list), LDAP_SUCCESS);
+    sweep(HandsOutControls([&](LDAPControl ***out) {
+        BerPtr ber = ExactReader(Written(written.get()));
+        return ber ? get_ctrls_from_ber(ber.get(), out) : LDAP_NO_MEMORY;
+    }));
+    for (const char *dn : {"cn=x", "DN:cn=x"})
+        sweep({[dn] {
+                   char *text = nullptr;
+                   int rc = ldap_proxy_dn_prefix(&text, dn);
+                   rc = rc != 0 && text ? -2 : rc;
+                   zldap::mem_free(text);
+                   return rc;
+               },
+               LDAP_NO_MEMORY});
+
+    std::unique_ptr<LDAP, decltype(&ldap_unbind)> owner(ldap_init("localhost", 389), ldap_unbind);
+    LDAP *ld = owner.get();
+    ldap_set_error_direct(ld, LDAP_OTHER, nullptr, nullptr);
+    for (int reading : {0, 1})
+        sweep({[&] { return BerPtr(new_ldap_ber(ld, reading)) ? 0 : ldap_get_errno_direct(ld); }, LDAP_NO_MEMORY});
+    ASSERT_EQ(ldap_set_option(ld, LDAP_OPT_SERVER_CONTROLS, list), 0);
+    int copied = 0;
+    sweep(HandsOutControls([&](LDAPControl ***out) { return ldap_check_client_controls(ld, out, nullptr, &copied); }));
+    sweep({[&] {
+               int rc = ldap_store_bind_controls(ld, list);
+               bool stale = rc != 0 && ld->ld_defconn->lconn_ctrls;
+               ldap_store_bind_controls(ld, nullptr);
+               return stale ? -2 : rc;
+           },
+           LDAP_NO_MEMORY});
+    ASSERT_EQ(ldap_store_bind_controls(ld, list), LDAP_SUCCESS);
+    AllocFaultScenario get_bind = HandsOutControls([&](LDAPControl ***out) { return ldap_get_bind_controls(ld, out); });
+    get_bind.check_usable = [&] { EXPECT_EQ(ldap_count_controls(ld->ld_defconn->lconn_ctrls), 4); };
+    sweep(get_bind);
+}
+
 // ---- session and connections ------------------------------------------
 
-using Sweep = std::function<void(const AllocFaultScenario &)>;
 
 int Unbound(LDAP *ld, int rc) { return ldap_unbind(ld) == 0 ? rc : -1; }
 
@@ -289,10 +446,10 @@ struct SweepResponse {
     explicit SweepResponse(const zldap_test::Bytes &operation)
     {
         using namespace zldap_test::wire;
-        zldap_test::Bytes controls = Tlv(0xA0, zldap_test::Concat(Seq({Octets("1.2.3"), Octets("value")}),
-                                                                    Seq({Octets("1.2.4"), Tlv(0x01, {0xFF})})));
+        zldap_test::Bytes controls = Tlv(0xA0, zldap_test::Join({Seq({Octets("1.2.3"), Octets("value")}),
+                                                                  Seq({Octets("1.2.4"), Tlv(0x01, {0xFF})})}));
         zldap_test::BerPtr ber =
-            zldap_test::ExactReader(zldap_test::Concat(zldap_test::Concat(Integer(1), operation), controls));
+            zldap_test::ExactReader(zldap_test::Join({Integer(1), operation, controls}));
         int id = 0;
         fber_get_int(ber.get(), &id);
         msg = ldap_alloc_msg(ld->ld_defconn);
@@ -320,7 +477,7 @@ zldap_test::Bytes SweepOperation(int tag, int code, const zldap_test::Bytes &ext
     using namespace zldap_test::wire;
     zldap_test::Bytes contents = Integer(code, 0x0A);
     for (const zldap_test::Bytes &field : {Octets("o=x"), Octets("see there"), extra})
-        contents = zldap_test::Concat(contents, field);
+        contents = zldap_test::Join({contents, field});
     return Tlv(tag, contents);
 }
 
@@ -348,7 +505,7 @@ void ParseResult(const std::function<void(const AllocFaultScenario &)> &sweep)
 void ParseExtendedResult(const std::function<void(const AllocFaultScenario &)> &sweep, bool with_controls)
 {
     using namespace zldap_test::wire;
-    SweepResponse r(SweepOperation(0x78, 0, zldap_test::Concat(Octets("1.2.9", 0x8A), Octets("data", 0x8B))));
+    SweepResponse r(SweepOperation(0x78, 0, zldap_test::Join({Octets("1.2.9", 0x8A), Octets("data", 0x8B)})));
     sweep({[&, with_controls] {
                r.msg->msg_ber->ber_ptr = r.start;
                char *oid = nullptr;
@@ -444,6 +601,8 @@ void ExtendedOperation(const Sweep &sweep)
 const SweepRow kRows[] = {
     // ---- codec and protocol pieces rows ----
     {"UrlParse", UrlParse},
+    {"BerCodec", BerCodec},
+    {"Controls", Controls},
     {"DnParse", DnParse},
     {"DnExplode", DnExplode},
     {"DnExplodeRdn", DnExplodeRdn},
@@ -454,6 +613,7 @@ const SweepRow kRows[] = {
     {"PageControlParse", PageControlParse},
     {"LimitNumValuesParse", LimitNumValuesParse},
     {"EffectivePwdPolicyParse", EffectivePwdPolicyParse},
+    {"Xlate", Xlate},
 
     // ---- session and connections rows ----
     {"InitAndOpen", InitAndOpen},

@@ -1,6 +1,5 @@
 // The search filter encoder: byte-exact items of every kind, escapes,
 // nesting, and one case per kind of malformed filter.
-#include "alloc_faults.h"
 #include "ber_test_support.h"
 #include "proto/filter.h"
 
@@ -83,17 +82,6 @@ TEST(FilterEncoding, CompressHexCountsZeroBytes)
     ASSERT_EQ(compress_hex(text, &len), 0);
     EXPECT_EQ(len, 3u);
     EXPECT_EQ(std::string(text, 3), std::string("a\0A", 3));
-}
-
-TEST(FilterEncoding, SurvivesEveryAllocationFailure)
-{
-    ExpectEachAllocationFailure({[] {
-                                     BerPtr ber(fber_alloc());
-                                     if (!ber)
-                                         return -1;
-                                     return put_filter(ber.get(), "(&(cn=a*b)(|(x=1)(y:dn:=2))(!(z=*)))", 0);
-                                 },
-                                 -1, nullptr});
 }
 
 } // namespace
