@@ -189,6 +189,22 @@ TEST_P(AbandonCases, GiveTheirCodeAndTellTheServerOnlyWhenItWorks)
 INSTANTIATE_TEST_SUITE_P(Rows, AbandonCases, testing::ValuesIn(kCases),
                          [](const testing::TestParamInfo<AbandonCase> &info) { return std::string(info.param.test); });
 
+TEST(Abandon, TheReferralRequestChasedForTheIdIsAbandonedToo)
+{
+    HoldingServer s;
+    int parent = s.Search();
+    int child = s.Search(); // stands for the request sent to a referral server
+    auto *link = static_cast<ldap_msg_link *>(zldap::mem_calloc(1, sizeof(ldap_msg_link)));
+    link->table = TableOf(s.ld());
+    link->row_id = child;
+    TableOf(s.ld())->rows[parent].child = link; // released with the row
+    ASSERT_EQ(ldap_abandon_ext(s.ld(), parent, nullptr, nullptr), 0);
+    std::vector<Request> abandons = s.Abandons();
+    ASSERT_EQ(abandons.size(), 2u);
+    EXPECT_EQ(ToHex(abandons[1].message), "30 84 00 00 00 06 02 01 04 50 01 02");
+    EXPECT_TRUE(s.Row(child).flags & LDAP_ROW_ABANDON);
+}
+
 TEST(Abandon, TheClassicFormGivesZeroOrMinusOne)
 {
     HoldingServer s;
