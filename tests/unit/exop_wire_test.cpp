@@ -175,12 +175,6 @@ const ExopRow kExopRows[] = {
          return rc;
      },
      {0, "1.3.18.0.2.12.5", Bytes{'t', 'i', 'd', '7'}}, "1.3.18.0.2.12.5", std::nullopt, 0, {std::nullopt, "tid7"}},
-    {"StartTransactionAsynchronous",
-     [](LDAP *ld, Outcome &o) {
-         int id = -1;
-         return Collect(ld, ldap_start_transaction(ld, nullptr, nullptr, &id), id, o);
-     },
-     {0, std::nullopt, Bytes{'t'}}, "1.3.18.0.2.12.5", std::nullopt, 0, {std::nullopt, "t"}},
     {"EndTransactionCommits",
      [](LDAP *ld, Outcome &) { return ldap_end_transaction_s(ld, "abc", 1, nullptr, nullptr); },
      {0, "1.3.18.0.2.12.6", Bytes{'x'}}, "1.3.18.0.2.12.6", "01 61 62 63", 0, {}},
@@ -196,12 +190,6 @@ const ExopRow kExopRows[] = {
     {"TransactionIdRequest",
      [](LDAP *ld, Outcome &) { return ldap_tran_id_request_s(ld, "abc", nullptr, nullptr); },
      {}, "1.3.18.0.2.12.64", "61 62 63", 0, {}},
-    {"TransactionIdRequestAsynchronous",
-     [](LDAP *ld, Outcome &o) {
-         int id = -1;
-         return Collect(ld, ldap_tran_id_request(ld, "t1", nullptr, nullptr, &id), id, o);
-     },
-     {0, "1.2.9", std::nullopt}, "1.3.18.0.2.12.64", "74 31", 0, {"1.2.9", std::nullopt}},
     {"BackupReadsTheOperationsResult", [](LDAP *ld, Outcome &o) { return ldap_backup(ld, &o.result); },
      {0, kBackupRestore, Hex("30 03 02 01 00")}, kBackupRestore, "30 84 00 00 00 03 0A 01 01", 0,
      {std::nullopt, std::nullopt, 0}},
@@ -252,9 +240,6 @@ TEST(ExtendedRequest, IsWrittenExactly)
     ASSERT_EQ(Synchronous(s.ld(), "1.2.3", nullptr, out), 0);
     EXPECT_EQ(ToHex(s.Requests()[0].message),
               "30 84 00 00 00 10 02 01 01 77 84 00 00 00 07 80 05 31 2E 32 2E 33");
-    ASSERT_EQ(Synchronous(s.ld(), "1.2.3", "ab", out), 0);
-    EXPECT_EQ(ToHex(s.Requests()[1].message),
-              "30 84 00 00 00 14 02 01 02 77 84 00 00 00 0B 80 05 31 2E 32 2E 33 81 02 61 62");
 }
 
 TEST(ExtendedRequest, RefusalsSendNothing)
