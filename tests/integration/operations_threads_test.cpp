@@ -2,14 +2,12 @@
 // number of rounds of mixed operations on entries of its own, with every
 // result checked. Also run under ThreadSanitizer.
 #include "ops/ldap_bind.h"
-#include "core/ldap_error.h"
-#include "core/ldap_init_guard.h"
+#include "ops/search.h"
+#include "ops/update.h"
+#include "results/results.h"
 #include "session/ldap_init.h"
 #include "session/ldap_unbind.h"
-#include "results/results.h"
-#include "ops/search.h"
 #include "slapd_fixture.h"
-#include "ops/update.h"
 
 #include <gtest/gtest.h>
 
@@ -25,23 +23,25 @@ namespace {
 constexpr int kThreads = 8;
 constexpr int kRounds = 15;
 
+// One attribute of one string value, for adds and modifies.
+struct Value {
+    Value(int op, const char *type, const std::string &value) : text(value), mod{op, const_cast<char *>(type), {values}}
+    {
+    }
+    std::string text;
+    char *values[2] = {text.data(), nullptr};
+    LDAPMod mod;
+};
+
 // One round for thread t: add an entry, read it back, change it, compare,
 // rename it and delete it; returns the first step that went wrong.
 std::string Round(LDAP *ld, int t, int round)
 {
     std::string name = "t" + std::to_string(t) + "r" + std::to_string(round);
     std::string dn = "cn=" + name + ",ou=scratch,dc=example,dc=com";
-    std::string renamed_rdn = "cn=" + name + "x";
-    std::string renamed = renamed_rdn + ",ou=scratch,dc=example,dc=com";
-    char person[] = "person", surname[] = "Threads";
-    char *oc[] = {person, nullptr}, *sn[] = {surname, nullptr};
-    std::vector<char> cn_value(name.begin(), name.end());
-    cn_value.push_back('\0');
-    char *cn[] = {cn_value.data(), nullptr};
-    LDAPMod m1{LDAP_MOD_ADD, const_cast<char *>("objectClass"), {oc}};
-    LDAPMod m2{LDAP_MOD_ADD, const_cast<char *>("cn"), {cn}};
-    LDAPMod m3{LDAP_MOD_ADD, const_cast<char *>("sn"), {sn}};
-    LDAPMod *attrs[] = {&m1, &m2, &m3, nullptr};
+    std::string renamed = "cn=" + name + "x,ou=scratch,dc=example,dc=com";
+    Value oc(LDAP_MOD_ADD, "objectClass", "person"), cn(LDAP_MOD_ADD, "cn", name), sn(LDAP_MOD_ADD, "sn", "Threads");
+    LDAPMod *attrs[] = {&oc.mod, &cn.mod, &sn.mod, nullptr};
     if (int rc = ldap_add_s(ld, dn.c_str(), attrs); rc != 0)
         return "add " + std::to_string(rc);
 
@@ -57,16 +57,13 @@ std::string Round(LDAP *ld, int t, int round)
         return "search " + std::to_string(rc) + " found " + std::to_string(found);
 
     std::string text = "round " + std::to_string(round);
-    std::vector<char> text_value(text.begin(), text.end());
-    text_value.push_back('\0');
-    char *desc[] = {text_value.data(), nullptr};
-    LDAPMod replace{LDAP_MOD_REPLACE, const_cast<char *>("description"), {desc}};
-    LDAPMod *mods[] = {&replace, nullptr};
+    Value description(LDAP_MOD_REPLACE, "description", text);
+    LDAPMod *mods[] = {&description.mod, nullptr};
     if (int rc2 = ldap_modify_s(ld, dn.c_str(), mods); rc2 != 0)
         return "modify " + std::to_string(rc2);
     if (int rc2 = ldap_compare_s(ld, dn.c_str(), "description", text.c_str()); rc2 != LDAP_COMPARE_TRUE)
         return "compare " + std::to_string(rc2);
-    if (int rc2 = ldap_modrdn_s(ld, dn.c_str(), renamed_rdn.c_str(), 1); rc2 != 0)
+    if (int rc2 = ldap_modrdn_s(ld, dn.c_str(), ("cn=" + name + "x").c_str(), 1); rc2 != 0)
         return "rename " + std::to_string(rc2);
     if (int rc2 = ldap_delete_s(ld, renamed.c_str()); rc2 != 0)
         return "delete " + std::to_string(rc2);

@@ -12,6 +12,7 @@
 
 #include <cstdio>
 #include <cstring>
+#include <functional>
 #include <initializer_list>
 #include <memory>
 #include <string>
@@ -64,6 +65,28 @@ inline Bytes Tlv(unsigned tag, const Bytes &contents)
     return Join({header, contents});
 }
 
+// An INTEGER (or ENUMERATED, with tag 0x0A) in its shortest two's complement form.
+inline Bytes Integer(int value, unsigned tag = 0x02)
+{
+    Bytes octets;
+    long v = value;
+    do {
+        octets.insert(octets.begin(), static_cast<unsigned char>(v & 0xFF));
+        v >>= 8;
+    } while (!((v == 0 && !(octets.front() & 0x80)) || (v == -1 && (octets.front() & 0x80))));
+    return Tlv(tag, octets);
+}
+
+inline Bytes Octets(const std::string &text, unsigned tag = 0x04) { return Tlv(tag, Text(text)); }
+
+inline Bytes Seq(const std::vector<Bytes> &items, unsigned tag = 0x30)
+{
+    Bytes contents;
+    for (const Bytes &item : items)
+        contents.insert(contents.end(), item.begin(), item.end());
+    return Tlv(tag, contents);
+}
+
 struct BerFree {
     void operator()(BerElement *ber) const { fber_free(ber); }
 };
@@ -71,6 +94,15 @@ using BerPtr = std::unique_ptr<BerElement, BerFree>;
 
 // What an element has encoded so far.
 inline Bytes Written(const BerElement *ber) { return Bytes(ber->ber_buf, ber->ber_ptr); }
+
+// The bytes the codec writes; empty when writing fails.
+inline Bytes Encode(const std::function<int(BerElement *)> &write)
+{
+    BerPtr ber(fber_alloc());
+    if (!ber || write(ber.get()) != 0)
+        return {};
+    return Written(ber.get());
+}
 
 // An element positioned for reading whose buffer is a heap block of
 // exactly the data's size, like one framed from a socket. NULL on memory

@@ -1,4 +1,4 @@
-// loopback.cpp - loopback servers and descriptor helpers for connection tests.
+// loopback.cpp - loopback servers and descriptor helpers for the tests.
 #include "loopback.h"
 
 #include <arpa/inet.h>
@@ -13,31 +13,33 @@ namespace zldap_test {
 
 namespace {
 
-// Binds a new socket of the family to its loopback address on a free port.
-int bound_loopback_socket(int family, int &port)
+// The loopback address of the family at port (0: any free port).
+socklen_t loopback_address(int family, int port, struct sockaddr_storage &storage)
 {
-    int fd = socket(family, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (fd < 0)
-        return -1;
-    struct sockaddr_storage storage;
     std::memset(&storage, 0, sizeof storage);
-    socklen_t length;
     if (family == AF_INET6) {
         auto *in6 = reinterpret_cast<struct sockaddr_in6 *>(&storage);
         in6->sin6_family = AF_INET6;
         in6->sin6_addr = in6addr_loopback;
-        length = sizeof *in6;
-    } else {
-        auto *in4 = reinterpret_cast<struct sockaddr_in *>(&storage);
-        in4->sin_family = AF_INET;
-        in4->sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        length = sizeof *in4;
+        in6->sin6_port = htons(static_cast<uint16_t>(port));
+        return sizeof *in6;
     }
+    auto *in4 = reinterpret_cast<struct sockaddr_in *>(&storage);
+    in4->sin_family = AF_INET;
+    in4->sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    in4->sin_port = htons(static_cast<uint16_t>(port));
+    return sizeof *in4;
+}
+
+// Binds a new socket of the family to its loopback address on a free port.
+ScopedFd bound_loopback_socket(int family, int &port)
+{
+    ScopedFd fd(socket(family, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    struct sockaddr_storage storage;
+    socklen_t length = loopback_address(family, 0, storage);
     auto *address = reinterpret_cast<struct sockaddr *>(&storage);
-    if (bind(fd, address, length) != 0 || getsockname(fd, address, &length) != 0) {
-        close(fd);
-        return -1;
-    }
+    if (fd.get() < 0 || bind(fd.get(), address, length) != 0 || getsockname(fd.get(), address, &length) != 0)
+        return ScopedFd();
     port = ntohs(family == AF_INET6 ? reinterpret_cast<struct sockaddr_in6 *>(&storage)->sin6_port
                                     : reinterpret_cast<struct sockaddr_in *>(&storage)->sin_port);
     return fd;
@@ -78,7 +80,7 @@ void ScopedFd::reset(int fd)
 
 LoopbackListener::LoopbackListener(int family, int backlog)
 {
-    ScopedFd fd(bound_loopback_socket(family, port_));
+    ScopedFd fd = bound_loopback_socket(family, port_);
     if (fd.get() >= 0 && listen(fd.get(), backlog) == 0)
         fd_ = std::move(fd);
 }
@@ -94,7 +96,7 @@ int LoopbackListener::Drain() const
     return count;
 }
 
-RefusedPort::RefusedPort(int family) { fd_.reset(bound_loopback_socket(family, port_)); }
+RefusedPort::RefusedPort(int family) { fd_ = bound_loopback_socket(family, port_); }
 
 LocalListener::LocalListener(const std::string &path, int backlog)
 {
@@ -113,19 +115,18 @@ LocalListener::LocalListener(const std::string &path, int backlog)
 
 ScopedFd LocalListener::Accept(int timeout_ms) const { return accept_within(fd_.get(), timeout_ms); }
 
+bool Connects(int family, int port)
+{
+    ScopedFd client(socket(family, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    struct sockaddr_storage storage;
+    socklen_t length = loopback_address(family, port, storage);
+    return client.get() >= 0 && connect(client.get(), reinterpret_cast<struct sockaddr *>(&storage), length) == 0;
+}
+
 bool HasIPv6Loopback()
 {
     LoopbackListener listener(AF_INET6);
-    if (!listener.ok())
-        return false;
-    ScopedFd client(socket(AF_INET6, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    struct sockaddr_in6 address;
-    std::memset(&address, 0, sizeof address);
-    address.sin6_family = AF_INET6;
-    address.sin6_addr = in6addr_loopback;
-    address.sin6_port = htons(static_cast<uint16_t>(listener.port()));
-    return client.get() >= 0 &&
-           connect(client.get(), reinterpret_cast<struct sockaddr *>(&address), sizeof address) == 0;
+    return listener.ok() && Connects(AF_INET6, listener.port());
 }
 
 int OpenDescriptorCount()

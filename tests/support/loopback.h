@@ -1,6 +1,7 @@
-// loopback.h - loopback servers for connection tests: TCP listeners on
-// 127.0.0.1 or ::1, a port that refuses connections, a local stream socket
-// listener, and small descriptor helpers.
+// loopback.h - loopback servers for the tests: TCP listeners on 127.0.0.1
+// or ::1 (the scripted server listens through one too), a port that
+// refuses connections, a local stream socket listener, and small
+// descriptor helpers.
 #ifndef ZLDAP_TEST_LOOPBACK_H
 #define ZLDAP_TEST_LOOPBACK_H
 
@@ -68,6 +69,8 @@ private:
     ScopedFd fd_;
 };
 
+// Whether a connect to the family's loopback address at port succeeds.
+bool Connects(int family, int port);
 // Whether ::1 can be bound and connected here.
 bool HasIPv6Loopback();
 // Number of open descriptors of this process.

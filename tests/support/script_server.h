@@ -6,6 +6,9 @@
 #ifndef ZLDAP_TEST_SCRIPT_SERVER_H
 #define ZLDAP_TEST_SCRIPT_SERVER_H
 
+#include "ber_test_support.h"
+#include "loopback.h"
+
 #include <atomic>
 #include <chrono>
 #include <functional>
@@ -17,33 +20,30 @@
 
 namespace zldap_test {
 
-using Bytes = std::vector<unsigned char>;
-
 // A request as the server framed it.
 struct Request {
     int id = -1;
-    int tag = -1;   // the protocol operation's tag
-    Bytes message;  // the whole LDAPMessage, header included
+    int tag = -1;  // the protocol operation's tag
+    Bytes message; // the whole LDAPMessage
+    Bytes op;      // what follows the message id: the operation and any controls
 };
 
-// One accepted connection, as seen by a script.
+// One accepted connection, as seen by a script. Reading never allocates
+// through the library's seam, so a script may serve an allocation sweep
+// (with answers built before the sweep starts).
 class ScriptConnection {
 public:
     explicit ScriptConnection(int fd) : fd_(fd) {}
-    ~ScriptConnection();
-    ScriptConnection(const ScriptConnection &) = delete;
-    ScriptConnection &operator=(const ScriptConnection &) = delete;
+    ~ScriptConnection() { Close(); }
 
     // The next request, or nothing when the client closed or the wait
     // (generous by default) ran out.
     std::optional<Request> Read(std::chrono::milliseconds wait = std::chrono::seconds(30));
     void Send(const Bytes &bytes);
-    // Sends the bytes in pieces cut at the given offsets, pausing between them.
-    void SendSplit(const Bytes &bytes, const std::vector<size_t> &cuts, std::chrono::milliseconds pause);
     void Close();
 
 private:
-    int fd_;
+    ScopedFd fd_;
     Bytes pending_;
 };
 
@@ -55,38 +55,36 @@ public:
     explicit ScriptServer(Script script);
     // Stops listening and waits for every script to end.
     ~ScriptServer();
-    ScriptServer(const ScriptServer &) = delete;
-    ScriptServer &operator=(const ScriptServer &) = delete;
 
-    int port() const { return port_; }
-    std::string host() const { return "127.0.0.1:" + std::to_string(port_); }
+    int port() const { return listener_.port(); }
+    std::string host() const { return "127.0.0.1:" + std::to_string(port()); }
     int connections() const { return accepted_.load(); }
 
 private:
-    void AcceptLoop();
-
     Script script_;
-    int listener_ = -1;
-    int port_ = 0;
+    LoopbackListener listener_;
     std::atomic<bool> stopping_{false};
     std::atomic<int> accepted_{0};
-    std::thread acceptor_;
     std::mutex workers_mutex_;
     std::vector<std::thread> workers_;
+    std::thread acceptor_;
 };
 
-// Responses, encoded with short-form lengths as servers usually send them.
+// Responses, encoded by the library's own encoder (which allocates through
+// the seam).
 namespace wire {
 
-Bytes Tlv(int tag, const Bytes &contents);
-Bytes Integer(int value, int tag = 0x02);
-Bytes Octets(const std::string &text, int tag = 0x04);
-Bytes Seq(const std::vector<Bytes> &items, int tag = 0x30);
-// An LDAPMessage: the id, the protocol operation, optionally controls.
-Bytes Message(int id, const Bytes &op, const Bytes &controls = {});
+// The element builders of the one BER builder set, for answers written by hand.
+using zldap_test::Integer;
+using zldap_test::Octets;
+using zldap_test::Seq;
+using zldap_test::Tlv;
+
+// An LDAPMessage: the id and whatever `op` writes after it.
+Bytes Message(int id, const std::function<int(BerElement *)> &op);
 // An LDAPResult-shaped response (bind, search done, modify, ...).
 Bytes Result(int id, int tag, int code, const std::string &matched = "", const std::string &text = "");
-// A search entry with attributes of string values.
+// A search entry whose attributes have the given values.
 Bytes Entry(int id, const std::string &dn,
             const std::vector<std::pair<std::string, std::vector<std::string>>> &attributes);
 

@@ -7,9 +7,7 @@
 #include "test_util.h"
 
 #include <string>
-#include <sys/stat.h>
 #include <sys/types.h>
-#include <vector>
 
 namespace zldap_test {
 
@@ -30,19 +28,12 @@ public:
 
     explicit Slapd(const SlapdData &data = {});
     ~Slapd();
-    Slapd(const Slapd &) = delete;
-    Slapd &operator=(const Slapd &) = delete;
 
     bool running() const { return pid_ > 0; }
     const std::string &error() const { return error_; }
-    int port() const { return port_; }
     std::string host() const { return "127.0.0.1:" + std::to_string(port_); }
     std::string url() const { return "ldap://127.0.0.1:" + std::to_string(port_); }
     const SlapdData &data() const { return data_; }
-    // The data's entries with escaped characters in their DNs.
-    static std::vector<std::string> EscapedDns();
-    // Their cn values, unescaped, in the same order.
-    static std::vector<std::string> EscapedNames();
 
     void Stop();
 

@@ -6,9 +6,11 @@
 #include "ber_test_support.h"
 #include "conn/ldap_connect.h"
 #include "core/ldap_error.h"
+#include "engine_fixture.h"
 #include "loopback.h"
 #include "message/ldap_message.h"
 #include "message/ldap_table.h"
+#include "ops/update.h"
 #include "proto/dn.h"
 #include "proto/filter.h"
 #include "proto/ldap_controls.h"
@@ -522,8 +524,57 @@ void ParseExtendedResult(const std::function<void(const AllocFaultScenario &)> &
            LDAP_NO_MEMORY});
 }
 
+// A table is made and grown; a failed growth leaves it as it was, so that
+// a later one still works.
+void TableGrowth(const std::function<void(const AllocFaultScenario &)> &sweep)
+{
+    sweep({[] {
+               ldap_msg_table *table = ldap_msg_table_init(8);
+               if (!table)
+                   return LDAP_NO_MEMORY;
+               for (int i = 0; i < 7; i++)
+                   ldap_msg_table_get_next_msgid(table);
+               int rc = ldap_msg_table_get_next_msgid(table) == 8 ? LDAP_SUCCESS : LDAP_NO_MEMORY;
+               if (rc != LDAP_SUCCESS && ldap_msg_table_get_next_msgid(table) != 8)
+                   rc = LDAP_OTHER;
+               ldap_msg_table_free(table);
+               return rc;
+           },
+           LDAP_NO_MEMORY});
+}
+
+// A modify against a scripted server, on a fresh handle each run (a failed
+// read ends its connection). Failures while sending are memory errors;
+// while reading the answer they cost the connection; once the answer is
+// in, its code comes back even when its texts cannot be kept.
+void ModifyOverTheWire(const std::function<void(const AllocFaultScenario &)> &sweep)
+{
+    // Encoded before the sweep: the server's own encoding must not count.
+    zldap_test::Bytes reply = zldap_test::wire::Result(1, 0x67, 0);
+    zldap_test::ScriptServer server([&](zldap_test::ScriptConnection &c) {
+        while (auto r = c.Read())
+            if (r->tag != 0x42)
+                c.Send(reply);
+    });
+    static char x[] = "x";
+    static char *values[] = {x, nullptr};
+    static LDAPMod mod{LDAP_MOD_REPLACE, const_cast<char *>("description"), {values}};
+    static LDAPMod *mods[] = {&mod, nullptr};
+    sweep({[&] {
+               LDAP *ld = zldap_test::HandleFor(server);
+               if (!ld)
+                   return LDAP_NO_MEMORY;
+               int rc = ldap_modify_s(ld, "cn=a", mods);
+               ldap_unbind(ld);
+               return rc;
+           },
+           LDAP_NO_MEMORY, nullptr, [](int rc) { return rc == LDAP_SERVER_DOWN || rc == LDAP_SUCCESS; }});
+}
+
 // A server that answers extended requests with a name and a value, and
 // nothing else: other requests stay outstanding until they are abandoned.
+// The answer is written by hand, so the server allocates nothing through
+// the seam.
 class ExopSweepServer {
 public:
     ExopSweepServer()
@@ -531,9 +582,9 @@ public:
               using namespace zldap_test::wire;
               while (auto r = c.Read())
                   if (r->tag == 0x77)
-                      c.Send(Message(r->id, Seq({Integer(0, 0x0A), Octets(""), Octets(""), Octets("1.2.9", 0x8A),
-                                                 Octets("data", 0x8B)},
-                                                0x78)));
+                      c.Send(Seq({Integer(r->id), Seq({Integer(0, 0x0A), Octets(""), Octets(""),
+                                                       Octets("1.2.9", 0x8A), Octets("data", 0x8B)},
+                                                      0x78)}));
           })
     {
     }
@@ -624,6 +675,8 @@ const SweepRow kRows[] = {
     {"ParseResult", ParseResult},
     {"ParseExtendedResult", [](const auto &sweep) { ParseExtendedResult(sweep, false); }},
     {"ParseExtendedResultWithControls", [](const auto &sweep) { ParseExtendedResult(sweep, true); }},
+    {"TableGrowth", TableGrowth},
+    {"ModifyOverTheWire", ModifyOverTheWire},
     {"AbandonRequest", AbandonRequest},
     {"ExtendedOperation", ExtendedOperation},
 };

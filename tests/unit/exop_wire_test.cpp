@@ -67,7 +67,7 @@ public:
                       items.push_back(wire::Octets(*a.name, 0x8A));
                   if (a.value)
                       items.push_back(wire::Tlv(0x8B, *a.value));
-                  c.Send(wire::Message(r->id, wire::Seq(items, 0x78)));
+                  c.Send(wire::Seq({wire::Integer(r->id), wire::Seq(items, 0x78)}));
               }
           }),
           ld_(HandleFor(server_))

@@ -261,7 +261,7 @@ TEST(SaslBindResponse, IsReadThroughTheParsers)
     int answer = 0x61;
     ScriptServer server([&answer](ScriptConnection &c) {
         while (auto r = c.Read())
-            c.Send(wire::Message(r->id, Op(answer, 14, "", "more", Octets("next", 0x87)), kControls));
+            c.Send(Seq({Integer(r->id), Op(answer, 14, "", "more", Octets("next", 0x87)), kControls}));
     });
     LDAP *ld = HandleFor(server);
     struct berval cred {1, const_cast<char *>("x")};

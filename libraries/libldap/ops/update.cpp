@@ -59,8 +59,10 @@ int guarded(LDAP *ld, zldap::FunctionRef<int()> run)
     return run();
 }
 
-// The classic asynchronous forms: the id, or -1.
-int id_or_failure(int rc, int msgid) { return rc == LDAP_SUCCESS ? msgid : -1; }
+// The classic asynchronous forms: the id, or -1. The id is read through a
+// pointer: as a second argument its value could be taken before the call
+// in the first argument has stored it.
+int id_or_failure(int rc, const int *msgid) { return rc == LDAP_SUCCESS ? *msgid : -1; }
 
 struct SyncTraces {
     const char *send_failed;   // with the code
@@ -159,7 +161,7 @@ int ldap_modify(LDAP *ld, const char *dn, LDAPMod **mods)
 {
     LDAP_TRACE(TRC_API, "ldap_modify\n");
     int msgid = -1;
-    return id_or_failure(ldap_modify_ext(ld, dn, mods, nullptr, nullptr, &msgid), msgid);
+    return id_or_failure(ldap_modify_ext(ld, dn, mods, nullptr, nullptr, &msgid), &msgid);
 }
 
 int ldap_modify_ext_s(LDAP *ld, const char *dn, LDAPMod **mods, LDAPControl **serverctrls,
@@ -222,7 +224,7 @@ int ldap_add(LDAP *ld, const char *dn, LDAPMod **attrs)
 {
     LDAP_TRACE(TRC_API, "ldap_add\n");
     int msgid = -1;
-    return id_or_failure(ldap_add_ext(ld, dn, attrs, nullptr, nullptr, &msgid), msgid);
+    return id_or_failure(ldap_add_ext(ld, dn, attrs, nullptr, nullptr, &msgid), &msgid);
 }
 
 int ldap_add_ext_s(LDAP *ld, const char *dn, LDAPMod **attrs, LDAPControl **serverctrls,
@@ -285,7 +287,7 @@ int ldap_delete(LDAP *ld, const char *dn)
 {
     LDAP_TRACE(TRC_API, "ldap_delete: ld(%p) dn(%s)\n", static_cast<void *>(ld), trace_str(dn));
     int msgid = -1;
-    return id_or_failure(ldap_delete_ext(ld, dn, nullptr, nullptr, &msgid), msgid);
+    return id_or_failure(ldap_delete_ext(ld, dn, nullptr, nullptr, &msgid), &msgid);
 }
 
 int ldap_delete_ext_s(LDAP *ld, const char *dn, LDAPControl **serverctrls, LDAPControl **clientctrls)
@@ -348,7 +350,7 @@ int ldap_rename(LDAP *ld, const char *dn, const char *newrdn, const char *newsup
 int ldap_modrdn2(LDAP *ld, const char *dn, const char *newrdn, int deleteoldrdn)
 {
     int msgid = -1;
-    return id_or_failure(ldap_rename(ld, dn, newrdn, nullptr, deleteoldrdn, nullptr, nullptr, &msgid), msgid);
+    return id_or_failure(ldap_rename(ld, dn, newrdn, nullptr, deleteoldrdn, nullptr, nullptr, &msgid), &msgid);
 }
 
 int ldap_rename_s(LDAP *ld, const char *dn, const char *newrdn, const char *newsuperior, int deleteoldrdn,
@@ -418,7 +420,7 @@ int ldap_compare(LDAP *ld, const char *dn, const char *attr, const char *value)
     }
     struct berval bv = string_value(value);
     int msgid = -1;
-    return id_or_failure(ldap_compare_ext(ld, dn, attr, &bv, nullptr, nullptr, &msgid), msgid);
+    return id_or_failure(ldap_compare_ext(ld, dn, attr, &bv, nullptr, nullptr, &msgid), &msgid);
 }
 
 int ldap_compare_ext_s(LDAP *ld, const char *dn, const char *attr, const struct berval *value,

@@ -1,6 +1,8 @@
-// Sixteen threads share one handle: each sends its own requests and waits
-// for its own ids while the server answers them out of order, and every
-// answer must reach the thread that owns it. Also run under ThreadSanitizer.
+// Threads sharing one handle: sixteen send their own requests and wait for
+// their own ids while the server answers out of order, and every answer
+// must reach the thread that owns it; each thread reads its own error; an
+// unbind waits for the operations inside the handle's guard. Also run
+// under ThreadSanitizer.
 #include "engine_fixture.h"
 #include "core/ldap_error.h"
 #include "core/ldap_init_guard.h"
@@ -10,12 +12,8 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <atomic>
-#include <chrono>
+#include <future>
 #include <random>
-#include <string>
-#include <thread>
-#include <vector>
 
 using namespace zldap_test;
 using namespace std::chrono_literals;
@@ -34,14 +32,13 @@ void ShuffledAnswers(ScriptConnection &c)
     std::mt19937 random(12345);
     std::vector<Request> batch;
     for (;;) {
-        auto r = c.Read(batch.empty() ? std::chrono::milliseconds(30000) : std::chrono::milliseconds(5));
-        if (r) {
+        auto r = c.Read(batch.empty() ? 30000ms : 5ms);
+        if (r)
             batch.push_back(*r);
-            if (batch.size() < 8)
-                continue;
-        } else if (batch.empty()) {
+        else if (batch.empty())
             return; // the client has gone
-        }
+        if (r && batch.size() < 8)
+            continue;
         std::shuffle(batch.begin(), batch.end(), random);
         for (const Request &q : batch) {
             if (q.id % 3 != 0)
@@ -52,26 +49,22 @@ void ShuffledAnswers(ScriptConnection &c)
     }
 }
 
-TEST(EngineThreads, EveryAnswerReachesItsOwner)
+TEST(HandleThreads, EveryAnswerReachesItsOwner)
 {
     ScriptServer server(ShuffledAnswers);
     LDAP *ld = HandleFor(server);
-    ASSERT_NE(ld, nullptr);
-    std::atomic<int> delivered{0};
-    std::atomic<int> misrouted{0};
+    std::atomic<int> delivered{0}, misrouted{0};
     std::vector<std::thread> threads;
     for (int t = 0; t < kThreads; t++) {
         threads.emplace_back([&, t] {
             for (int round = 0; round < kRounds; round++) {
                 int id = 0;
-                if (SendDelete(ld, "cn=t" + std::to_string(t), &id) != 0) {
-                    ADD_FAILURE() << "send failed: " << ldap_get_errno(ld);
-                    return;
-                }
                 LDAPMessage *res = nullptr;
                 struct timeval tv {60, 0};
-                int type = ldap_result(ld, id, LDAP_MSG_ALL, &tv, &res);
-                if (type != kDelResp || !res) {
+                int type = SendDelete(ld, "cn=t" + std::to_string(t), &id) == 0
+                               ? ldap_result(ld, id, LDAP_MSG_ALL, &tv, &res)
+                               : -2;
+                if (type != kDelResp) {
                     ADD_FAILURE() << "ldap_result gave " << type << " error " << ldap_get_errno(ld);
                     return;
                 }
@@ -92,53 +85,16 @@ TEST(EngineThreads, EveryAnswerReachesItsOwner)
     EXPECT_EQ(ldap_unbind(ld), 0);
 }
 
-TEST(EngineThreads, AnyMessageWaitersShareTheRows)
-{
-    ScriptServer server(ShuffledAnswers);
-    LDAP *ld = HandleFor(server);
-    ASSERT_NE(ld, nullptr);
-    constexpr int kRequests = 40;
-    for (int i = 0; i < kRequests; i++) {
-        int id = 0;
-        ASSERT_EQ(SendDelete(ld, "cn=any", &id), 0);
-    }
-    std::atomic<int> collected{0};
-    std::vector<std::thread> threads;
-    for (int t = 0; t < 4; t++) {
-        threads.emplace_back([&] {
-            while (collected.load() < kRequests) {
-                LDAPMessage *res = nullptr;
-                struct timeval tv {0, 200000};
-                int type = ldap_result(ld, LDAP_RES_ANY, LDAP_MSG_ALL, &tv, &res);
-                if (type == kDelResp) {
-                    ReleaseRow(ld, res->msg_id);
-                    collected++;
-                } else if (type == -1 && ldap_get_errno(ld) == LDAP_PARAM_ERROR) {
-                    std::this_thread::sleep_for(1ms); // every remaining row is taken
-                } else if (type != 0) {
-                    ADD_FAILURE() << "ldap_result gave " << type << " error " << ldap_get_errno(ld);
-                    return;
-                }
-            }
-        });
-    }
-    for (std::thread &t : threads)
-        t.join();
-    EXPECT_EQ(collected.load(), kRequests);
-    EXPECT_EQ(ldap_unbind(ld), 0);
-}
-
-TEST(EngineThreads, UnbindWaitsForAThreadInsideLdapResult)
+TEST(HandleThreads, UnbindWaitsForAThreadInsideLdapResult)
 {
     std::atomic<bool> answer{false};
     ScriptServer server([&](ScriptConnection &c) {
-        auto r = c.Read();
-        if (!r)
-            return;
-        for (int i = 0; i < 5000 && !answer; i++)
-            std::this_thread::sleep_for(1ms);
-        c.Send(wire::Result(r->id, kDelResp, 0));
-        c.Read(5s);
+        if (auto r = c.Read()) {
+            for (int i = 0; i < 5000 && !answer; i++)
+                std::this_thread::sleep_for(1ms);
+            c.Send(wire::Result(r->id, kDelResp, 0));
+            c.Read(5s);
+        }
     });
     LDAP *ld = HandleFor(server);
     int id = 0;
@@ -168,6 +124,52 @@ TEST(EngineThreads, UnbindWaitsForAThreadInsideLdapResult)
     waiter.join();
     answerer.join();
     EXPECT_EQ(result.load(), kDelResp);
+}
+
+TEST(HandleThreads, EachThreadReadsItsOwnError)
+{
+    LDAP *ld = ldap_init("localhost", 0);
+    ASSERT_EQ(ldap_set_error(ld, LDAP_NO_SUCH_OBJECT, "o=example", "no entry"), 0);
+    std::thread([&] {
+        EXPECT_EQ(ldap_get_errno(ld), 0);
+        ldap_set_error(ld, LDAP_BUSY, nullptr, nullptr);
+    }).join();
+    EXPECT_EQ(ldap_get_errno(ld), LDAP_NO_SUCH_OBJECT);
+    EXPECT_EQ(ldap_unbind(ld), 0);
+}
+
+TEST(HandleThreads, UnbindWaitsForOperationsInsideTheGuard)
+{
+    LDAP *ld = ldap_init("localhost", 0);
+    std::promise<void> inside, leave;
+    std::thread operation([&] {
+        EXPECT_EQ(ldap_start_operation(ld), 0);
+        inside.set_value();
+        leave.get_future().wait();
+        ldap_end_operation(ld);
+    });
+    inside.get_future().wait();
+    std::atomic<bool> unbound{false};
+    std::thread unbinder([&] {
+        EXPECT_EQ(ldap_unbind(ld), 0);
+        unbound = true;
+    });
+    // Once the unbind has marked the handle closing, a new operation is
+    // turned away while the one inside keeps the handle alive.
+    int rc = 0;
+    for (int i = 0; i < 2000 && rc == 0; i++) {
+        rc = ldap_start_operation(ld);
+        if (rc == 0) {
+            ldap_end_operation(ld);
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        }
+    }
+    EXPECT_EQ(rc, LDAP_PARAM_ERROR);
+    EXPECT_FALSE(unbound.load()) << "unbind returned while an operation was inside";
+    leave.set_value();
+    operation.join();
+    unbinder.join();
+    EXPECT_TRUE(unbound.load());
 }
 
 } // namespace
