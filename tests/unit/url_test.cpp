@@ -62,11 +62,13 @@ TEST(UrlParse, RefusalsGiveTheirCodeAndNoRecord)
         {"ldap://h:12a/", LDAP_INVALID_SYNTAX},     {"ldap://h:99999999999/", LDAP_INVALID_SYNTAX},
         {"ldap://h/o=x??subtree", LDAP_URL_BAD_SCOPE}, {"ldap://h/o=x??x?", LDAP_URL_BAD_SCOPE},
         {"ldap://h:65536/", LDAP_INVALID_SYNTAX},
-        // A bad escape never shortens a part: refused wherever it stands.
+        // A bad escape, or text after the "]" of an address, never shortens
+        // a part: refused wherever it stands.
         {"ldap://h/o=admin%zz,c=us", LDAP_INVALID_SYNTAX}, {"ldap://h/o=a%2z", LDAP_INVALID_SYNTAX},
         {"ldap://h/o=a%00,c=us", LDAP_INVALID_SYNTAX},    {"ldap://h/o=a%4", LDAP_INVALID_SYNTAX},
         {"ldap://h%zzevil.example/", LDAP_INVALID_SYNTAX}, {"ldap://h/?cn%,mail", LDAP_INVALID_SYNTAX},
         {"ldap://h/o=x?cn?sub?(cn=a%2)", LDAP_INVALID_SYNTAX},
+        {"ldap://[::1]evil.example/", LDAP_INVALID_SYNTAX}, {"ldap://h]evil.example", LDAP_INVALID_SYNTAX},
     };
     for (const auto &c : cases) {
         LDAPURLDesc *d = reinterpret_cast<LDAPURLDesc *>(1);

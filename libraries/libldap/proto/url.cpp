@@ -188,8 +188,12 @@ int parse_parts(LDAPURLDesc *desc, const Prefix &prefix)
     bool has_port = false;
     size_t bracket = host.find(']');
     if (bracket != std::string_view::npos) {
+        // Only a port may follow the "]": anything else would be dropped,
+        // and the URL would name a host it does not spell.
         std::string_view after = host.substr(bracket + 1);
         has_port = !after.empty() && after.front() == ':';
+        if (!after.empty() && !has_port)
+            return LDAP_INVALID_SYNTAX;
         if (has_port)
             port_text = after.substr(1);
         host = host.substr(0, bracket);
