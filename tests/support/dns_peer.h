@@ -1,0 +1,68 @@
+// dns_peer.h - a scripted UDP name server for what dnsmasq cannot be made
+// to do: malformed and hostile answers, stale ids, silence. It listens on a
+// port of 127.0.0.1; each query goes to the test's script, whose answers
+// are sent back as they are. Also builders for DNS answers written by hand.
+#ifndef ZLDAP_TEST_DNS_PEER_H
+#define ZLDAP_TEST_DNS_PEER_H
+
+#include "ber_test_support.h"
+#include "loopback.h"
+
+#include <atomic>
+#include <functional>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace zldap_test {
+
+namespace dns {
+
+Bytes U16(unsigned value);
+// The name as labels, ended by a zero byte.
+Bytes Name(const std::string &dotted);
+// A resource record of class IN with the given data.
+Bytes Record(const std::string &name, int type, const Bytes &data);
+Bytes Srv(const std::string &name, unsigned priority, unsigned weight, unsigned port, const std::string &target);
+Bytes Txt(const std::string &name, const std::vector<std::string> &strings);
+Bytes Cname(const std::string &name, const std::string &target);
+// A response: header (with counts of one question and of the answers
+// unless given), the question, the answers.
+Bytes Answer(unsigned id, unsigned flags, const std::string &question, int type, const std::vector<Bytes> &answers);
+
+} // namespace dns
+
+struct DnsQuery {
+    unsigned id = 0;
+    std::string name;
+    int type = 0;
+};
+
+class DnsPeer {
+public:
+    // Returns the messages to send for a query; none means silence.
+    using Script = std::function<std::vector<Bytes>(const DnsQuery &)>;
+
+    explicit DnsPeer(Script script);
+    ~DnsPeer();
+    DnsPeer(const DnsPeer &) = delete;
+    DnsPeer &operator=(const DnsPeer &) = delete;
+
+    bool ok() const { return port_ > 0; }
+    std::string name_server() const { return "127.0.0.1#" + std::to_string(port_); }
+    int queries() const { return queries_.load(); }
+
+private:
+    void Serve();
+
+    Script script_;
+    ScopedFd udp_;
+    int port_ = 0;
+    std::atomic<bool> stopping_{false};
+    std::atomic<int> queries_{0};
+    std::thread thread_;
+};
+
+} // namespace zldap_test
+
+#endif
