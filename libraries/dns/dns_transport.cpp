@@ -137,13 +137,13 @@ int send_all(DnsQueryState *q, const uint8_t *bytes, size_t length)
     return LDAP_SUCCESS;
 }
 
-// Waits for something to read until the deadline. 0 or 91.
+// Waits for something to read until the deadline. 0, 85 (timed out) or 91.
 int await_readable(int sd, int64_t deadline)
 {
     int ready = wait_for_descriptor(sd, POLLIN, deadline);
     if (ready == 0) {
         LDAP_TRACE(TRC_ERROR, "ldapdns: connection has timed out\n");
-        return LDAP_CONNECT_ERROR;
+        return LDAP_TIMEOUT;
     }
     if (ready < 0) {
         LDAP_TRACE(TRC_ERROR, "ldapdns: error receiving response: rc = %d\n", errno);
@@ -152,8 +152,8 @@ int await_readable(int sd, int64_t deadline)
     return LDAP_SUCCESS;
 }
 
-// Reads exactly length bytes from a stream. 0, or 91 when the peer closes,
-// fails or stays silent past the deadline.
+// Reads exactly length bytes from a stream. 0, 85 when the peer stays
+// silent past the deadline, 91 when it closes or the read fails.
 int read_stream(int sd, uint8_t *bytes, size_t length, int64_t deadline)
 {
     size_t got = 0;
@@ -187,46 +187,60 @@ bool same_address(const struct sockaddr_storage &a, const struct sockaddr_storag
     return x.sin6_port == y.sin6_port && std::memcmp(&x.sin6_addr, &y.sin6_addr, sizeof x.sin6_addr) == 0;
 }
 
+// Receives one datagram from the name server into q->buffer. 0, 85, 90 or 91.
+int receive_datagram(DnsQueryState *q, int64_t deadline)
+{
+    q->buffer = static_cast<uint8_t *>(mem_malloc(kUdpAnswerSize));
+    if (!q->buffer)
+        return LDAP_NO_MEMORY;
+    for (;;) {
+        int rc = await_readable(q->sd, deadline);
+        if (rc != LDAP_SUCCESS)
+            return rc;
+        struct sockaddr_storage from;
+        socklen_t from_length = sizeof from;
+        ssize_t n =
+            recvfrom(q->sd, q->buffer, kUdpAnswerSize, 0, reinterpret_cast<struct sockaddr *>(&from), &from_length);
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n < 0) {
+            LDAP_TRACE(TRC_ERROR, "ldapdns: error receiving response: rc = %d\n", errno);
+            return LDAP_CONNECT_ERROR;
+        }
+        // A datagram from anyone but the name server is not its answer.
+        if (same_address(from, q->server)) {
+            q->length = static_cast<size_t>(n);
+            return LDAP_SUCCESS;
+        }
+        LDAP_TRACE(TRC_ERROR, "ldapdns: Oops, wrong packet\n");
+    }
+}
+
+// Receives one length-prefixed message into q->buffer; a length that
+// cannot be read counts as 0. 0, 85, 90 or 91.
+int receive_stream_message(DnsQueryState *q, int64_t deadline)
+{
+    uint8_t prefix[2];
+    int rc = read_stream(q->sd, prefix, sizeof prefix, deadline);
+    if (rc == LDAP_TIMEOUT)
+        return rc;
+    size_t length = rc == LDAP_SUCCESS ? dns_get16(prefix) : 0;
+    q->buffer = static_cast<uint8_t *>(mem_malloc(length));
+    if (!q->buffer)
+        return LDAP_NO_MEMORY;
+    rc = read_stream(q->sd, q->buffer, length, deadline);
+    q->length = rc == LDAP_SUCCESS ? length : 0;
+    return rc;
+}
+
 // Receives one message into q->buffer. 0, 90 or 91.
 int receive_message(DnsQueryState *q, int64_t deadline)
 {
     mem_free(q->buffer);
     q->buffer = nullptr;
     q->length = 0;
-    if (q->transport == DnsTransport::Udp) {
-        q->buffer = static_cast<uint8_t *>(mem_malloc(kUdpAnswerSize));
-        if (!q->buffer)
-            return LDAP_NO_MEMORY;
-        for (;;) {
-            int rc = await_readable(q->sd, deadline);
-            if (rc != LDAP_SUCCESS)
-                return rc;
-            struct sockaddr_storage from;
-            socklen_t from_length = sizeof from;
-            ssize_t n = recvfrom(q->sd, q->buffer, kUdpAnswerSize, 0, reinterpret_cast<struct sockaddr *>(&from),
-                                 &from_length);
-            if (n < 0 && errno == EINTR)
-                continue;
-            if (n < 0) {
-                LDAP_TRACE(TRC_ERROR, "ldapdns: error receiving response: rc = %d\n", errno);
-                return LDAP_CONNECT_ERROR;
-            }
-            // A datagram from anyone but the name server is not its answer.
-            if (same_address(from, q->server)) {
-                q->length = static_cast<size_t>(n);
-                return LDAP_SUCCESS;
-            }
-            LDAP_TRACE(TRC_API, "ldapdns: Oops, wrong packet\n");
-        }
-    }
-    uint8_t prefix[2];
-    size_t length = read_stream(q->sd, prefix, sizeof prefix, deadline) == LDAP_SUCCESS ? dns_get16(prefix) : 0;
-    q->buffer = static_cast<uint8_t *>(mem_malloc(length));
-    if (!q->buffer)
-        return LDAP_NO_MEMORY;
-    int rc = read_stream(q->sd, q->buffer, length, deadline);
-    q->length = rc == LDAP_SUCCESS ? length : 0;
-    return rc;
+    int rc = q->transport == DnsTransport::Udp ? receive_datagram(q, deadline) : receive_stream_message(q, deadline);
+    return rc == LDAP_TIMEOUT ? LDAP_CONNECT_ERROR : rc;
 }
 
 } // namespace
@@ -307,7 +321,7 @@ int dns_query(DnsQueryState *q, const char *name, int type)
             return LDAP_DNS_BAD_DATA;
         if (dns_get16(q->buffer) == id)
             return dns_read_answer_header(q);
-        LDAP_TRACE(TRC_API, "ldapdns: Oops, wrong packet\n");
+        LDAP_TRACE(TRC_ERROR, "ldapdns: Oops, wrong packet\n");
     }
     return rc;
 }

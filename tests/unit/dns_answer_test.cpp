@@ -3,7 +3,7 @@
 // messages, a host's key:value strings, and the DN suffix filter.
 #include "dns/ldapdns.h"
 #include "dns/server_list.h"
-#include "dns_peer.h"
+#include "dns_test_support.h"
 
 #include "base/memory.h"
 #include "base/trace.h"
@@ -39,16 +39,6 @@ struct Received {
     }
     ~Received() { zldap::dns_state_release(&q); }
 };
-
-// "host:port/priority/weight" for each server of the list.
-std::vector<std::string> Servers(const server_info *list)
-{
-    std::vector<std::string> out;
-    for (; list; list = list->next)
-        out.push_back(std::string(list->host) + ":" + std::to_string(list->port) + "/" +
-                      std::to_string(list->priority) + "/" + std::to_string(list->weight));
-    return out;
-}
 
 Bytes Response(const std::vector<Bytes> &answers, unsigned flags = 0x8180)
 {
@@ -141,7 +131,7 @@ TEST_P(DnsAnswer, ServersOrCode)
     if (rc == LDAP_SUCCESS)
         rc = zldap::dns_collect_servers(&r.q);
     EXPECT_EQ(rc, row.rc);
-    EXPECT_EQ(Servers(r.q.current), row.servers);
+    EXPECT_EQ(dns::Servers(r.q.current), row.servers);
     EXPECT_EQ(r.q.truncated, row.truncated);
     for (const server_info *s = r.q.current; s; s = s->next) {
         EXPECT_STREQ(s->service, "ldap");

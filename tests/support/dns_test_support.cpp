@@ -1,7 +1,7 @@
-// dns_peer.cpp - the scripted name server and the answer builders.
-#include "dns_peer.h"
+// dns_test_support.cpp - answer builders, one lookup, the scripted name server.
+#include "dns_test_support.h"
 
-#include <cstring>
+#include <chrono>
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
@@ -57,6 +57,38 @@ Bytes Answer(unsigned id, unsigned flags, const std::string &question, int type,
                       U16(static_cast<unsigned>(type)), U16(1)});
     for (const Bytes &a : answers)
         out.insert(out.end(), a.begin(), a.end());
+    return out;
+}
+
+std::vector<std::string> Servers(const server_info *list)
+{
+    std::vector<std::string> out;
+    for (; list; list = list->next)
+        out.push_back(std::string(list->host) + ":" + std::to_string(list->port) + "/" +
+                      std::to_string(list->priority) + "/" + std::to_string(list->weight));
+    return out;
+}
+
+LookupOutcome Lookup(const LookupRequest &request)
+{
+    server_request r{};
+    r.connection_type = request.connection_type;
+    r.connection_timeout = request.timeout;
+    r.DN_filter = const_cast<char *>(request.filter);
+    zldap::DnsQueryState q;
+    zldap::dns_state_reset(&q, &r);
+    auto start = std::chrono::steady_clock::now();
+    LookupOutcome out{};
+    out.rc = zldap::dns_lookup_service(&q, request.service, request.protocol, request.domain,
+                                       request.name_server.c_str(), request.transport);
+    out.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+    out.servers = Servers(q.results);
+    auto text = [](const char *t) { return std::string(t ? t : "-"); };
+    for (const server_info *s = q.results; s; s = s->next)
+        out.details.push_back(std::to_string(s->sec_flag) + " " + std::to_string(s->replica) + " " + text(s->suffix) +
+                              " " + text(s->vendor) + " " + text(s->info));
+    out.truncated = q.truncated;
+    zldap::dns_state_release(&q);
     return out;
 }
 
