@@ -65,11 +65,11 @@ int record_server(DnsQueryState *q, const DnsRecord &record, server_info **serve
     const uint8_t *msg = q->buffer;
     char host[kHostSize + kTextSize];
     unsigned priority = 0, weight = 0, port = 0;
-    const char *kind;
+    const char *found; // the trace line of the record's type
     int rc = LDAP_SUCCESS;
     size_t pos = record.data;
     if (record.type == kDnsTypeSrv) {
-        kind = "SRV";
+        found = "ldapdns: SRV record found: %d %d %d %s\n";
         if (record.data_length < 7)
             return LDAP_DNS_BAD_DATA;
         priority = dns_get16(msg + pos);
@@ -78,7 +78,7 @@ int record_server(DnsQueryState *q, const DnsRecord &record, server_info **serve
         pos += 6;
         rc = dns_read_name(msg, q->length, &pos, host);
     } else if (record.type == kDnsTypeTxt) {
-        kind = "TXT";
+        found = "ldapdns: TXT record found: %d %d %d %s\n";
         char items[4][kTextSize];
         if (!text_items(msg, record, items, &rc))
             return rc;
@@ -92,12 +92,12 @@ int record_server(DnsQueryState *q, const DnsRecord &record, server_info **serve
         else
             std::snprintf(host, sizeof host, "%s.%s", items[3], q->domain);
     } else {
-        kind = "CNAME";
+        found = "ldapdns: CNAME record found: %d %d %d %s\n";
         rc = dns_read_name(msg, q->length, &pos, host);
     }
     if (rc != LDAP_SUCCESS)
         return rc;
-    LDAP_TRACE(TRC_API, "ldapdns: %s record found: %d %d %d %s\n", kind, static_cast<int>(priority & 0xffff),
+    LDAP_TRACE(TRC_API, found, static_cast<int>(priority & 0xffff),
                static_cast<int>(weight & 0xffff), static_cast<int>(port & 0xffff), host);
     *server = server_info_new(host, static_cast<int>(port & 0xffff), priority, weight, q->service, q->domain);
     return *server ? LDAP_SUCCESS : LDAP_NO_MEMORY;
