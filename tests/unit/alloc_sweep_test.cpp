@@ -3,6 +3,7 @@
 // leaks, and whatever the row calls usable still works afterwards.
 #include "alloc_faults.h"
 #include "base/memory.h"
+#include "config/conf_file.h"
 #include "ber_test_support.h"
 #include "conn/ldap_connect.h"
 #include "core/ldap_error.h"
@@ -10,6 +11,7 @@
 #include "loopback.h"
 #include "message/ldap_message.h"
 #include "message/ldap_table.h"
+#include "plugin_support.h"
 #include "ops/update.h"
 #include "proto/dn.h"
 #include "proto/filter.h"
@@ -571,6 +573,77 @@ void ModifyOverTheWire(const std::function<void(const AllocFaultScenario &)> &sw
            LDAP_NO_MEMORY, nullptr, [](int rc) { return rc == LDAP_SERVER_DOWN || rc == LDAP_SUCCESS; }});
 }
 
+// ---- configuration ----------------------------------------------------
+
+// The configuration file read into a list of its own. A failure while the
+// file is located leaves it unfound.
+void ConfRead(const std::function<void(const AllocFaultScenario &)> &sweep)
+{
+    zldap_test::ConfFile conf("plugin sasl A lib init a b\n# comment\nplugin sasl B lib\n");
+    sweep({[] {
+               ldap_conf_list list{};
+               int rc = ldap_read_conf_file(&list);
+               EXPECT_EQ(rc == 0, list.first && list.first->next);
+               ldap_conf_list_clear(&list);
+               return rc;
+           },
+           LDAP_NO_MEMORY, nullptr, [](int rc) { return rc == LDAP_PLUGIN_CONF_NOT_OPENED; }});
+}
+
+// A registration replacing its own entry. The configuration file it reads
+// first is not looked at, so a failure there goes unnoticed; a record for
+// the opened library that can't be made is a library not loaded.
+void RegisterPlugin(const std::function<void(const AllocFaultScenario &)> &sweep)
+{
+    zldap_test::TestPluginDescription d("SWEEP-REGISTER", "test_plugin_init", "a b");
+    sweep({[&] {
+               LDAPPluginInfo info = d.info();
+               return ldap_register_plugin(&info);
+           },
+           LDAP_NO_MEMORY, nullptr, [](int rc) { return rc == LDAP_SUCCESS || rc == LDAP_PLUGIN_NOT_LOADED; }});
+}
+
+void RegistryCopy(const std::function<void(const AllocFaultScenario &)> &sweep)
+{
+    zldap_test::TestPluginDescription d("SWEEP-COPY", "test_plugin_init", "a b");
+    LDAPPluginInfo info = d.info();
+    ASSERT_EQ(ldap_register_plugin(&info), LDAP_SUCCESS);
+    sweep({[] {
+               LDAPPluginInfo **list = nullptr;
+               int rc = ldap_plugin_registry_copy(&list);
+               EXPECT_EQ(rc == 0, list && list[0]);
+               ldap_plugin_registry_free(list);
+               return rc;
+           },
+           LDAP_NO_MEMORY});
+}
+
+// A SASL bind handed to a plug-in that binds through the library and keeps
+// its block for its close function, on a fresh handle each run. Failures
+// while reading the answer cost the connection, as in ModifyOverTheWire.
+void PluginBind(const std::function<void(const AllocFaultScenario &)> &sweep)
+{
+    zldap_test::TestPluginDescription d("SWEEP-BIND", "test_plugin_init", "send close");
+    LDAPPluginInfo info = d.info();
+    ASSERT_EQ(ldap_register_plugin(&info), LDAP_SUCCESS);
+    zldap_test::Bytes reply = zldap_test::wire::Result(1, 0x61, 0);
+    zldap_test::ScriptServer server([&](zldap_test::ScriptConnection &c) {
+        while (auto r = c.Read())
+            if (r->tag != 0x42)
+                c.Send(reply);
+    });
+    static struct berval cred {2, const_cast<char *>("ab")};
+    sweep({[&] {
+               LDAP *ld = zldap_test::HandleFor(server);
+               if (!ld)
+                   return LDAP_NO_MEMORY;
+               int rc = ldap_sasl_bind_s(ld, "cn=a", "SWEEP-BIND", &cred, nullptr, nullptr, nullptr);
+               ldap_unbind(ld);
+               return rc;
+           },
+           LDAP_NO_MEMORY, nullptr, [](int rc) { return rc == LDAP_SERVER_DOWN || rc == LDAP_SUCCESS; }});
+}
+
 const SweepRow kRows[] = {
     // ---- codec and protocol pieces rows ----
     {"UrlParse", UrlParse},
@@ -599,6 +672,12 @@ const SweepRow kRows[] = {
     {"ParseExtendedResultWithControls", [](const auto &sweep) { ParseExtendedResult(sweep, true); }},
     {"TableGrowth", TableGrowth},
     {"ModifyOverTheWire", ModifyOverTheWire},
+
+    // ---- configuration rows ----
+    {"ConfRead", ConfRead},
+    {"RegisterPlugin", RegisterPlugin},
+    {"RegistryCopy", RegistryCopy},
+    {"PluginBind", PluginBind},
 };
 
 class AllocSweep : public testing::TestWithParam<SweepRow> {};
