@@ -1,6 +1,5 @@
 // plugin_support.h - the test plug-in (tests/plugins) as the tests use it:
-// its file, what it recorded, descriptions of it for the registration, and
-// a configuration file naming it.
+// its file, what it recorded, its registration, and a configuration file.
 #ifndef ZLDAP_TEST_PLUGIN_SUPPORT_H
 #define ZLDAP_TEST_PLUGIN_SUPPORT_H
 
@@ -8,39 +7,42 @@
 #include "test_util.h"
 #include "zor8ldap_api.h"
 
+#include <dlfcn.h>
+#include <fstream>
 #include <string>
 
 namespace zldap_test {
 
-// The plug-in's library file, and the same path ending in ".sl", which the
-// library opens as the former.
-const std::string &TestPluginPath();
-const std::string &TestPluginSlPath();
+// The plug-in's file; the library opens the ".sl" form of the name as it.
+inline const std::string kTestPlugin = ZLDAP_TEST_PLUGIN;
+inline const std::string kTestPluginSl = kTestPlugin.substr(0, kTestPlugin.size() - 3) + ".sl";
 
-// What the plug-in recorded since the last reset.
-TestPluginRecord ReadTestPlugin();
-void ResetTestPlugin();
+// What the plug-in recorded since the last call (loading it here again
+// finds the library's copy).
+inline TestPluginRecord TakeTestPluginRecord()
+{
+    static void *take = dlsym(dlopen(kTestPlugin.c_str(), RTLD_NOW | RTLD_GLOBAL), "test_plugin_take");
+    TestPluginRecord record{};
+    reinterpret_cast<void (*)(TestPluginRecord *)>(take)(&record);
+    return record;
+}
 
-// An "sasl" description of the test plug-in for the mechanism; the texts
-// are kept by the description.
-struct TestPluginDescription {
-    TestPluginDescription(const std::string &mechanism, const char *init_func, const char *args,
-                          const std::string &path = TestPluginSlPath());
-    LDAPPluginInfo info();
-    std::string type = "sasl", mechanism, path, init_func, args;
-    bool has_init, has_args;
-};
+inline int RegisterTestPlugin(std::string mechanism, std::string init, std::string args, std::string path = kTestPluginSl)
+{
+    std::string type = "sasl";
+    LDAPPluginInfo info{type.data(), mechanism.data(), path.data(), init.empty() ? nullptr : init.data(), args.data()};
+    return ldap_register_plugin(&info);
+}
 
-// Writes ornldap.conf with these lines into a directory of its own and
-// points ORNLDAP_CONF at that directory for the object's lifetime.
+// ornldap.conf with this text, in a directory that ORNLDAP_CONF names while the object lives.
 class ConfFile {
 public:
-    explicit ConfFile(const std::string &text);
+    explicit ConfFile(const std::string &text) { std::ofstream(dir_.file("ornldap.conf")) << text; }
     const std::string &dir() const { return dir_.path(); }
 
 private:
     TempDir dir_;
-    ScopedEnv env_;
+    ScopedEnv env_{"ORNLDAP_CONF", dir_.path()};
 };
 
 } // namespace zldap_test
