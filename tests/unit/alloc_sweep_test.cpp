@@ -10,6 +10,7 @@
 #include "loopback.h"
 #include "message/ldap_message.h"
 #include "message/ldap_table.h"
+#include "net/sockbuf.h"
 #include "ops/update.h"
 #include "proto/dn.h"
 #include "proto/filter.h"
@@ -33,6 +34,8 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <sys/socket.h>
+#include <unistd.h>
 #include <vector>
 
 namespace {
@@ -241,6 +244,27 @@ void Xlate(const std::function<void(const AllocFaultScenario &)> &sweep)
                return rc;
            },
            LDAP_NO_MEMORY});
+}
+
+// A 40 kB message framed from a socket: its content buffer grows twice on
+// the way, and a failed growth leaves nothing behind.
+void Framing(const Sweep &sweep)
+{
+    const std::string message = std::string("\x30\x82\xA0", 3) + '\0' + std::string(0xA000, 'z');
+    sweep({[&] {
+               int fds[2] = {-1, -1};
+               if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0, fds) != 0 ||
+                   write(fds[1], message.data(), message.size()) != static_cast<ssize_t>(message.size()))
+                   return -2;
+               Sockbuf sb{fds[0], nullptr};
+               zldap_test::BerPtr ber(fber_alloc_t(0));
+               int state = 0;
+               ber_tag_t tag = ber ? fber_get_next_nb(&sb, ber.get(), &state) : LBER_DEFAULT;
+               close(fds[0]);
+               close(fds[1]);
+               return tag == 0x30 ? 0 : -1;
+           },
+           -1});
 }
 
 // Every allocating reader in one walk, on an element that converts its
@@ -653,6 +677,7 @@ const SweepRow kRows[] = {
     // ---- codec and protocol pieces rows ----
     {"UrlParse", UrlParse},
     {"BerCodec", BerCodec},
+    {"Framing", Framing},
     {"Controls", Controls},
     {"DnParse", DnParse},
     {"DnExplode", DnExplode},
