@@ -151,6 +151,8 @@ const char *kdb_status_text(KdbStatus status)
         return "wrong password";
     case KdbStatus::duplicate_label:
         return "the label is already in use";
+    case KdbStatus::duplicate_key:
+        return "the key is already in the database under another label";
     case KdbStatus::no_such_label:
         return "no entry has that label";
     case KdbStatus::bad_label:
@@ -194,6 +196,11 @@ KdbStatus KeyDatabase::add_key(std::string label, PkeyPtr key, X509Ptr cert)
         ERR_clear_error();
         return KdbStatus::key_mismatch;
     }
+    // A key's certificate identifies it in the file (its digest is the
+    // localKeyID), so one key pair is kept once.
+    for (const KdbEntry &e : entries_)
+        if (e.key && X509_cmp(e.cert.get(), cert.get()) == 0)
+            return KdbStatus::duplicate_key;
     entries_.push_back({std::move(label), std::move(cert), std::move(key)});
     return KdbStatus::ok;
 }
@@ -233,7 +240,7 @@ KdbStatus parse_key_database(const unsigned char *data, size_t size, const std::
     bool orphan_key = std::any_of(contents.keys.begin(), contents.keys.end(), [](auto &k) { return k.second != nullptr; });
     if (status == KdbStatus::ok && orphan_key)
         status = KdbStatus::bad_format;
-    if (status == KdbStatus::duplicate_label || status == KdbStatus::bad_label || status == KdbStatus::key_mismatch)
+    if (status != KdbStatus::ok && status != KdbStatus::bad_password)
         status = KdbStatus::bad_format;
     ERR_clear_error();
     if (status == KdbStatus::ok)

@@ -21,6 +21,7 @@ enum class KdbStatus {
     bad_format,
     bad_password,
     duplicate_label,
+    duplicate_key,
     no_such_label,
     bad_label,
     key_mismatch,

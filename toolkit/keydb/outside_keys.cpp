@@ -72,6 +72,10 @@ KdbStatus parse_pkcs12_key(const std::string &bytes, const std::string &password
     cert.reset(raw_cert);
     if (!parsed || !key || !cert)
         return finish(KdbStatus::bad_format);
+    // The file's own name and key id for the pair give way to the label
+    // and the id the database gives it.
+    X509_alias_set1(cert.get(), nullptr, 0);
+    X509_keyid_set1(cert.get(), nullptr, 0);
     return finish(X509_check_private_key(cert.get(), key.get()) ? KdbStatus::ok : KdbStatus::key_mismatch);
 }
 

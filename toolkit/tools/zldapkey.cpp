@@ -50,8 +50,8 @@ constexpr const char *kHelp =
     "write the stash file as well.\n"
     "\n"
     "Exit codes: 0 success, 1 usage, 2 file missing or not readable/writable,\n"
-    "3 wrong password, 4 label duplicate, unknown or malformed, 5 damaged or\n"
-    "unreadable input, 6 stash file readable by group or others.\n";
+    "3 wrong password, 4 label (or key) duplicate, label unknown or malformed,\n"
+    "5 damaged or unreadable input, 6 stash file readable by group or others.\n";
 
 struct Options {
     std::string command, db, label, cert, key, p12;
@@ -69,6 +69,7 @@ int fail(const std::string &what, KdbStatus status)
     case KdbStatus::bad_password:
         return kPassword;
     case KdbStatus::duplicate_label:
+    case KdbStatus::duplicate_key:
     case KdbStatus::no_such_label:
     case KdbStatus::bad_label:
         return kLabel;
