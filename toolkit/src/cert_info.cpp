@@ -14,6 +14,13 @@ namespace zor {
 
 namespace {
 
+// OpenSSL's long name of an object, or "" for one it has no name for.
+std::string object_name(int nid)
+{
+    const char *name = OBJ_nid2ln(nid);
+    return name ? name : "";
+}
+
 std::string name_text(const X509_NAME *name)
 {
     BioPtr bio(BIO_new(BIO_s_mem()));
@@ -130,12 +137,12 @@ std::vector<CertText> describe_certificate(X509 *cert)
     EVP_PKEY *key = X509_get0_pubkey(cert);
     out.push_back({ZOR_CERT_SERIAL_NUMBER, serial_text(X509_get0_serialNumber(cert))});
     out.push_back({ZOR_CERT_VERSION, std::to_string(X509_get_version(cert) + 1)});
-    out.push_back({ZOR_CERT_SIGNATURE_ALGORITHM, OBJ_nid2ln(X509_get_signature_nid(cert))});
+    out.push_back({ZOR_CERT_SIGNATURE_ALGORITHM, object_name(X509_get_signature_nid(cert))});
     out.push_back({ZOR_CERT_ISSUER_DN, name_text(issuer)});
     out.push_back({ZOR_CERT_VALIDITY_NOT_BEFORE, time_text(X509_get0_notBefore(cert))});
     out.push_back({ZOR_CERT_VALIDITY_NOT_AFTER, time_text(X509_get0_notAfter(cert))});
     out.push_back({ZOR_CERT_SUBJECT_DN, name_text(subject)});
-    out.push_back({ZOR_CERT_PUBLIC_KEY_ALGORITHM, key ? OBJ_nid2ln(EVP_PKEY_get_base_id(key)) : ""});
+    out.push_back({ZOR_CERT_PUBLIC_KEY_ALGORITHM, key ? object_name(EVP_PKEY_get_base_id(key)) : ""});
     out.push_back({ZOR_CERT_SUBJECT_CN, common_name(subject)});
     out.push_back({ZOR_CERT_ISSUER_CN, common_name(issuer)});
     out.push_back({ZOR_CERT_SHA256_FINGERPRINT, fingerprint_text(cert)});

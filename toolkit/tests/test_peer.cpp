@@ -10,6 +10,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <mutex>
 #include <stdexcept>
 
 namespace zortest {
@@ -166,6 +167,9 @@ void connected_pair(int fds[2], bool tcp)
             throw std::runtime_error("listen");
         return fd;
     }();
+    // Connect and accept in one step, so that each caller gets its own pair.
+    static std::mutex pairing;
+    std::lock_guard<std::mutex> lock(pairing);
     fds[0] = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     if (connect(fds[0], reinterpret_cast<sockaddr *>(&address), length) != 0 ||
         (fds[1] = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC)) < 0)

@@ -82,7 +82,7 @@ int fail(const std::string &what, KdbStatus status)
 
 int usage(const char *message)
 {
-    std::fprintf(stderr, "zldapkey: %s\n%s", message, kHelp);
+    std::fprintf(stderr, "zldapkey: %s (zldapkey --help tells more)\n", message);
     return kUsage;
 }
 
