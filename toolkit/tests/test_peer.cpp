@@ -15,7 +15,7 @@
 
 namespace zortest {
 
-TestServer::TestServer(const ServerSpec &spec) : ctx_(SSL_CTX_new(TLS_server_method()))
+TestServer::TestServer(const ServerSpec &spec) : ctx_(SSL_CTX_new(TLS_server_method())), hang_up_(spec.hang_up)
 {
     SSL_CTX *ctx = ctx_.get();
     if (spec.security_level >= 0)
@@ -66,7 +66,7 @@ void TestServer::serve(int fd)
                 result_.client_cn = subject_cn(peer);
             char buffer[4096];
             int n;
-            while ((n = SSL_read(ssl.get(), buffer, sizeof buffer)) > 0)
+            while (!hang_up_ && (n = SSL_read(ssl.get(), buffer, sizeof buffer)) > 0)
                 if (SSL_write(ssl.get(), buffer, n) <= 0)
                     break;
             SSL_shutdown(ssl.get());

@@ -21,6 +21,7 @@ struct ServerSpec {
     bool server_preference = false;
     const KeyPair *client_ca = nullptr; // asks for, and requires, a client certificate
     int security_level = -1;
+    bool hang_up = false; // closes right after the handshake
 };
 
 class TestServer {
@@ -40,6 +41,7 @@ public:
 
 private:
     zor::SslCtxPtr ctx_;
+    bool hang_up_;
     std::thread thread_;
     Result result_;
 };

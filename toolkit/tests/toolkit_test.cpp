@@ -465,6 +465,24 @@ TEST_F(Toolkit, SecureIoThroughTheCallbacks)
     EXPECT_EQ(info.find(ZOR_CERT_VALIDITY_NOT_AFTER)->second.size(), 20u);
 }
 
+TEST_F(Toolkit, WritingToAPeerThatHasGoneIsAnErrorNotASignal)
+{
+    Environment env;
+    ASSERT_EQ(env.prepare(keys_, kPassword), 0);
+    ASSERT_EQ(z.environment_init(env.h), 0);
+    ServerSpec spec{&pki().server};
+    spec.hang_up = true;
+    TestServer server(spec);
+    Connection conn(env.h, server);
+    ASSERT_EQ(z.secure_soc_init(conn.soc), 0);
+    server.wait(); // the server's end is closed
+    // The callback's plain write meets EPIPE; SIGPIPE would end this program.
+    int count = 0, rc = 0;
+    for (int i = 0; i < 3 && rc == 0; i++)
+        rc = z.secure_soc_write(conn.soc, "late", 4, &count);
+    EXPECT_EQ(rc, ZOR_ERR_IO);
+}
+
 TEST_F(Toolkit, SessionsAreResumedPerPeerWithinTheTimeOut)
 {
     for (int timeout : {300, 0}) {
