@@ -15,25 +15,25 @@
 
 namespace zortest {
 
-TestServer::TestServer(const ServerSpec &spec) : ctx_(SSL_CTX_new(TLS_server_method())), hang_up_(spec.hang_up)
+TestServer::TestServer(const ServerSetup &setup) : ctx_(SSL_CTX_new(TLS_server_method())), hang_up_(setup.hang_up)
 {
     SSL_CTX *ctx = ctx_.get();
-    if (spec.security_level >= 0)
-        SSL_CTX_set_security_level(ctx, spec.security_level);
-    if (!SSL_CTX_use_certificate(ctx, spec.identity->cert.get()) || !SSL_CTX_use_PrivateKey(ctx, spec.identity->key.get()))
+    if (setup.security_level >= 0)
+        SSL_CTX_set_security_level(ctx, setup.security_level);
+    if (!SSL_CTX_use_certificate(ctx, setup.identity->cert.get()) || !SSL_CTX_use_PrivateKey(ctx, setup.identity->key.get()))
         throw std::runtime_error("server identity");
-    if (spec.min_version)
-        SSL_CTX_set_min_proto_version(ctx, spec.min_version);
-    if (spec.max_version)
-        SSL_CTX_set_max_proto_version(ctx, spec.max_version);
-    if (spec.cipher_list)
-        SSL_CTX_set_cipher_list(ctx, spec.cipher_list);
-    if (spec.ciphersuites)
-        SSL_CTX_set_ciphersuites(ctx, spec.ciphersuites);
-    if (spec.server_preference)
+    if (setup.min_version)
+        SSL_CTX_set_min_proto_version(ctx, setup.min_version);
+    if (setup.max_version)
+        SSL_CTX_set_max_proto_version(ctx, setup.max_version);
+    if (setup.cipher_list)
+        SSL_CTX_set_cipher_list(ctx, setup.cipher_list);
+    if (setup.ciphersuites)
+        SSL_CTX_set_ciphersuites(ctx, setup.ciphersuites);
+    if (setup.server_preference)
         SSL_CTX_set_options(ctx, SSL_OP_CIPHER_SERVER_PREFERENCE);
-    if (spec.client_ca) {
-        X509_STORE_add_cert(SSL_CTX_get_cert_store(ctx), spec.client_ca->cert.get());
+    if (setup.client_ca) {
+        X509_STORE_add_cert(SSL_CTX_get_cert_store(ctx), setup.client_ca->cert.get());
         SSL_CTX_set_verify(ctx, SSL_VERIFY_PEER | SSL_VERIFY_FAIL_IF_NO_PEER_CERT, nullptr);
     }
     static const unsigned char context[] = "zortest";

@@ -14,7 +14,7 @@
 
 namespace zortest {
 
-struct ServerSpec {
+struct ServerSetup {
     const KeyPair *identity = nullptr;
     int min_version = 0, max_version = 0;
     const char *cipher_list = nullptr, *ciphersuites = nullptr;
@@ -32,7 +32,7 @@ public:
         std::string client_cn;
     };
 
-    explicit TestServer(const ServerSpec &spec);
+    explicit TestServer(const ServerSetup &setup);
     ~TestServer();
     // Runs one connection on fd (closed when it ends) in a thread.
     void serve(int fd);

@@ -333,7 +333,7 @@ TEST_F(Toolkit, SocketAttributes)
 
 struct HandshakeCase {
     const char *name;
-    ServerSpec server;
+    ServerSetup server;
     std::vector<std::pair<int, int>> env_enums, socket_enums;
     std::vector<std::pair<int, std::string>> socket_buffers;
     int expected;
@@ -470,9 +470,9 @@ TEST_F(Toolkit, WritingToAPeerThatHasGoneIsAnErrorNotASignal)
     Environment env;
     ASSERT_EQ(env.prepare(keys_, kPassword), 0);
     ASSERT_EQ(z.environment_init(env.h), 0);
-    ServerSpec spec{&pki().server};
-    spec.hang_up = true;
-    TestServer server(spec);
+    ServerSetup setup{&pki().server};
+    setup.hang_up = true;
+    TestServer server(setup);
     Connection conn(env.h, server);
     ASSERT_EQ(z.secure_soc_init(conn.soc), 0);
     server.wait(); // the server's end is closed
