@@ -1,7 +1,7 @@
 // Referral chasing against scripted servers, several at once, each on its
 // own loopback port: search references and referral results followed to a
-// second server, the referred requests' exact bytes, LDAPv2 referral
-// texts, lists that cannot be followed, hop limits, chasing turned off,
+// second server, the referred requests' exact bytes, referral lists and
+// LDAPv2 texts that are followed or left to the caller, hop limits,
 // rebinding, and the requests whose referrals are never followed.
 #include "engine_fixture.h"
 #include "session/ldap_unbind.h"
@@ -89,7 +89,6 @@ struct Outcome {
     int type = -1;
     int code = -1; // of the chain's last message; -1 when it does not parse
     std::string text;
-    std::vector<std::string> referrals;
     std::vector<std::string> dns;
     uint32_t referral_error = 0;
 };
@@ -113,14 +112,10 @@ Outcome Collect(LDAP *ld, int id)
         }
     }
     char *text = nullptr;
-    char **refs = nullptr;
-    if (last && ldap_parse_result(ld, last, &o.code, nullptr, &text, &refs, nullptr, 0) != 0)
+    if (last && ldap_parse_result(ld, last, &o.code, nullptr, &text, nullptr, nullptr, 0) != 0)
         o.code = -1;
     o.text = text ? text : "";
-    for (char **r = refs; r && *r; r++)
-        o.referrals.push_back(*r);
     ldap_memfree(text);
-    ldap_value_free(refs);
     ldap_msgfree(res);
     return o;
 }
@@ -133,9 +128,11 @@ void ExpectNoRowsLeft(LDAP *ld)
 }
 
 struct Handle {
-    explicit Handle(const Peer &peer, int version = LDAP_VERSION3) : ld(ldap_init(peer.Host().c_str(), 0))
+    explicit Handle(const Peer &peer, int version = LDAP_VERSION3, bool chase = true)
+        : ld(ldap_init(peer.Host().c_str(), 0))
     {
         ldap_set_option(ld, LDAP_OPT_PROTOCOL_VERSION, &version);
+        ldap_set_option(ld, LDAP_OPT_REFERRALS, chase ? LDAP_OPT_ON : LDAP_OPT_OFF);
     }
     ~Handle() { ldap_unbind(ld); }
     int Delete(const char *dn = "cn=old,o=a")
@@ -159,27 +156,20 @@ TEST_P(SearchReference, TheSecondServersEntriesLandInTheInitialRow)
     Handle h(a);
     int id = -1;
     ASSERT_EQ(ldap_search_ext(h.ld, "o=a", 2, "(cn=*)", nullptr, 0, nullptr, nullptr, nullptr, 0, &id), 0);
-    std::vector<std::string> dns;
-    int last = -1;
-    if (GetParam() == LDAP_MSG_ALL) {
-        Outcome o = Collect(h.ld, id);
-        dns = o.dns;
-        last = o.type;
-    } else {
-        for (LDAPMessage *m = nullptr; last != LDAP_RES_SEARCH_RESULT; ldap_msgfree(m)) {
-            struct timeval wait {20, 0};
-            last = ldap_result(h.ld, id, LDAP_MSG_ONE, &wait, &m);
-            ASSERT_GT(last, 0);
-            EXPECT_EQ(ldap_msgid(m), id) << "every message is the initial request's";
-            if (last == LDAP_RES_SEARCH_ENTRY) {
-                char *dn = ldap_get_dn(h.ld, m);
-                dns.push_back(dn);
-                ldap_memfree(dn);
-            }
+    Outcome o;
+    if (GetParam() == LDAP_MSG_ALL)
+        o = Collect(h.ld, id);
+    for (LDAPMessage *m = nullptr; o.type != LDAP_RES_SEARCH_RESULT; ldap_msgfree(m)) {
+        struct timeval wait {20, 0};
+        ASSERT_GT(o.type = ldap_result(h.ld, id, LDAP_MSG_ONE, &wait, &m), 0);
+        EXPECT_EQ(ldap_msgid(m), id) << "every message is the initial request's";
+        if (char *dn = o.type == LDAP_RES_SEARCH_ENTRY ? ldap_get_dn(h.ld, m) : nullptr) {
+            o.dns.push_back(dn);
+            ldap_memfree(dn);
         }
     }
-    EXPECT_EQ(last, LDAP_RES_SEARCH_RESULT) << "the first server's result comes last";
-    EXPECT_EQ(dns, (std::vector<std::string>{"cn=a1,o=a", "cn=there,o=b", "cn=a2,o=a"}));
+    EXPECT_EQ(o.dns, (std::vector<std::string>{"cn=a1,o=a", "cn=there,o=b", "cn=a2,o=a"}))
+        << "the second server's entry where its reference was; the first server's result last";
     ASSERT_EQ(b.Requests().size(), 1u);
     EXPECT_EQ(b.Requests()[0].tag, 0x63);
     ExpectNoRowsLeft(h.ld);
@@ -212,7 +202,6 @@ struct Referred {
     bool controls = true; // sent with kControls
 };
 
-const Bytes kOld = Octets("cn=old,o=a");
 const Bytes kNew = Octets("cn=new,o=b");
 const Bytes kSearchTail = Long(0x30, {Octets("cn")});
 
@@ -279,104 +268,73 @@ TEST(ReferralResult, AFailedReferredSearchIsTheCallersResult)
     EXPECT_EQ(o.text, "gone");
 }
 
-// Referral lists of a delete: what is skipped, and what the caller gets
-// when nothing can be followed (result 0 with the first URL as its text).
-struct List {
+// Referral responses to a delete: what is skipped, and what the caller
+// gets when nothing can be followed (result 0 with the first URL as its
+// text). On LDAPv2 a non-zero result's text holds the URLs, one a line.
+// With chasing off the referral is the caller's as it came.
+struct Response {
     const char *name;
+    int version;
     std::function<Bytes(const Request &, const std::string &b_url)> answer;
-    bool followed;
-    int code;
-    std::string text; // for a list not followed; "<b>" stands for b_url
+    size_t followed; // requests the second server reads (an LDAPv2 bind first)
+    int code;        // of the caller's result; -1 when it does not parse
+    std::string text;
+    bool chase = true;
 };
 
 const RefusedPort kRefusedPort;
 const std::string kRefused = "ldap://127.0.0.1:" + std::to_string(kRefusedPort.port()) + "/cn=x";
 
-Bytes Op(const Request &r, std::vector<Bytes> fields)
+Bytes Fields(const Request &r, std::vector<Bytes> rest)
 {
-    fields.insert(fields.begin(), {Integer(10, 0x0A), Octets(""), Octets("")});
-    return Seq({Integer(r.id), Seq(fields, 0x6B)});
+    rest.insert(rest.begin(), {Integer(10, 0x0A), Octets(""), Octets("")});
+    return Seq({Integer(r.id), Seq(rest, 0x6B)});
 }
 
-const List kLists[] = {
-    {"PlainHandleSkipsLdapsAndTakesTheNextLdapUrl",
-     [](const Request &r, const std::string &b) { return ReferralTo(r, {"ldaps" + b.substr(4), b}); }, true, 0, ""},
-    {"UnparsableAndUnreachableUrlsAreSkipped",
-     [](const Request &r, const std::string &b) { return ReferralTo(r, {"not a url", "ldap://h:12a/", kRefused, b}); }, true, 0, ""},
-    {"AnUnreachableServerLeavesItsUrlForTheCaller",
-     [](const Request &r, const std::string &) { return ReferralTo(r, {kRefused}); }, false, 0, "Referral:\n" + kRefused + "\n"},
-    {"TheFirstUrlOfAListThatFailsIsRecorded",
-     [](const Request &r, const std::string &b) { return ReferralTo(r, {"http://x/", "ldaps" + b.substr(4), kRefused}); }, false,
-     0, "Referral:\nhttp://x/\n"},
-    {"AnEmptyList", [](const Request &r, const std::string &) { return Op(r, {Tlv(0xA3, {})}); }, false, 0, "Referral:\n \n"},
-    {"NoListAtAll", [](const Request &r, const std::string &) { return Op(r, {}); }, false, 0, "Referral:\n \n"},
-    {"ATruncatedListIsHandedOverAsItCame",
-     [](const Request &r, const std::string &) { return Op(r, {Hex("A3 09 04 01 78")}); }, false, -1, ""},
+Bytes V2Text(const Request &r, const std::string &text) { return wire::Result(r.id, 0x6B, LDAP_PARTIAL_RESULTS, "", text); }
+
+const Response kResponses[] = {
+    {"PlainHandleSkipsLdapsAndTakesTheNextLdapUrl", 3,
+     [](const Request &r, const std::string &b) { return ReferralTo(r, {"ldaps" + b.substr(4), b}); }, 1, 0, ""},
+    {"UnparsableAndUnreachableUrlsAreSkipped", 3,
+     [](const Request &r, const std::string &b) { return ReferralTo(r, {"not a url", "ldap://h:12a/", kRefused, b}); }, 1, 0, ""},
+    {"AnUnreachableServerLeavesItsUrlForTheCaller", 3,
+     [](const Request &r, const std::string &) { return ReferralTo(r, {kRefused}); }, 0, 0, "Referral:\n" + kRefused + "\n"},
+    {"TheFirstUrlOfAListThatFailsIsRecorded", 3,
+     [](const Request &r, const std::string &b) { return ReferralTo(r, {"http://x/", "ldaps" + b.substr(4), kRefused}); }, 0, 0,
+     "Referral:\nhttp://x/\n"},
+    {"AnEmptyList", 3, [](const Request &r, const std::string &) { return Fields(r, {Tlv(0xA3, {})}); }, 0, 0, "Referral:\n \n"},
+    {"NoListAtAll", 3, [](const Request &r, const std::string &) { return Fields(r, {}); }, 0, 0, "Referral:\n \n"},
+    {"ATruncatedListIsHandedOverAsItCame", 3,
+     [](const Request &r, const std::string &) { return Fields(r, {Hex("A3 09 04 01 78")}); }, 0, -1, ""},
+    {"V2OneUrl", 2, [](const Request &r, const std::string &b) { return V2Text(r, "Referral:\n" + b + "\n"); }, 2, 0, ""},
+    {"V2TheNextLineWhenOneFails", 2, [](const Request &r, const std::string &b) { return V2Text(r, "Referral:\nhttp://x/\n" + b); },
+     2, 0, ""},
+    {"V2TheMarkerInAnyCase", 2, [](const Request &r, const std::string &b) { return V2Text(r, "partial REFERRAL:\n" + b); }, 2, 0, ""},
+    {"V2NoMarker", 2, [](const Request &r, const std::string &) { return V2Text(r, "no referral"); }, 0, LDAP_PARTIAL_RESULTS,
+     "no referral"},
+    {"V2NoUrlAfterTheMarker", 2, [](const Request &r, const std::string &) { return V2Text(r, "Referral:\n\n"); }, 0,
+     LDAP_PARTIAL_RESULTS, "Referral:\n\n"},
+    {"ChasingOff", 3, [](const Request &r, const std::string &b) { return ReferralTo(r, {b}); }, 0, LDAP_REFERRAL, "", false},
 };
 
-class ReferralList : public testing::TestWithParam<List> {};
+class ReferralResponse : public testing::TestWithParam<Response> {};
 
-TEST_P(ReferralList, IsFollowedOrLeftToTheCaller)
+TEST_P(ReferralResponse, IsFollowedOrLeftToTheCaller)
 {
-    const List &row = GetParam();
+    const Response &row = GetParam();
     Peer b(Succeeds);
     Peer a([&](const Request &r) { return row.answer(r, b.Url("/cn=new,o=b")); });
-    Handle h(a);
+    Handle h(a, row.version, row.chase);
     Outcome o = Collect(h.ld, h.Delete());
     EXPECT_EQ(o.type, LDAP_RES_DELETE);
-    EXPECT_EQ(b.Requests().size(), row.followed ? 1u : 0u);
+    EXPECT_EQ(b.Requests().size(), row.followed);
     EXPECT_EQ(o.code, row.code);
     EXPECT_EQ(o.text, row.text);
     ExpectNoRowsLeft(h.ld);
 }
 
-INSTANTIATE_TEST_SUITE_P(Lists, ReferralList, testing::ValuesIn(kLists),
-                         [](const auto &info) { return std::string(info.param.name); });
-
-// LDAPv2: a non-zero result whose text holds "Referral:\n" and URLs.
-struct V2Text {
-    const char *name;
-    std::string text; // "<b>" stands for the second server's URL
-    bool followed;
-};
-
-const V2Text kV2Texts[] = {
-    {"OneUrl", "Referral:\n<b>\n", true},
-    {"TheNextLineWhenOneFails", "Referral:\nhttp://x/\n<b>", true},
-    {"TheMarkerInAnyCase", "partial: REFERRAL:\n<b>\n", true},
-    {"NoMarker", "no referral here <b>", false},
-    {"NoUrlAfterTheMarker", "Referral:\n\n", false},
-};
-
-class V2Referral : public testing::TestWithParam<V2Text> {};
-
-TEST_P(V2Referral, TextsAreFollowedLineByLineAfterAnAnonymousBind)
-{
-    const V2Text &row = GetParam();
-    Peer b(Succeeds);
-    std::string text = row.text;
-    Peer a([&](const Request &r) {
-        std::string t = text;
-        if (size_t at = t.find("<b>"); at != std::string::npos)
-            t.replace(at, 3, b.Url("/cn=new,o=b"));
-        return wire::Result(r.id, 0x6B, LDAP_PARTIAL_RESULTS, "", t);
-    });
-    Handle h(a, LDAP_VERSION2);
-    Outcome o = Collect(h.ld, h.Delete());
-    auto requests = b.Requests();
-    if (!row.followed) {
-        EXPECT_EQ(o.code, LDAP_PARTIAL_RESULTS) << "handed over as it came";
-        EXPECT_TRUE(requests.empty());
-        return;
-    }
-    EXPECT_EQ(o.code, 0);
-    ASSERT_EQ(requests.size(), 2u);
-    EXPECT_EQ(ToHex(requests[0].message), ToHex(Long(0x30, {Integer(1), Long(0x60, {Integer(2), Octets(""), Octets("", 0x80)})})));
-    EXPECT_EQ(ToHex(requests[1].message), ToHex(Long(0x30, {Integer(2), Octets("cn=new,o=b", 0x4A)})));
-    ExpectNoRowsLeft(h.ld);
-}
-
-INSTANTIATE_TEST_SUITE_P(Texts, V2Referral, testing::ValuesIn(kV2Texts),
+INSTANTIATE_TEST_SUITE_P(Responses, ReferralResponse, testing::ValuesIn(kResponses),
                          [](const auto &info) { return std::string(info.param.name); });
 
 // Two servers that refer to each other: the hop limit ends it.
@@ -405,38 +363,17 @@ TEST_P(HopLimit, EndsTwoServersReferringToEachOther)
 
 INSTANTIATE_TEST_SUITE_P(Limits, HopLimit, testing::Values(0, 1, -1));
 
-TEST(ReferralsOff, TheCallerGetsTheReferralsAsTheyCame)
-{
-    Peer b(Succeeds);
-    Peer a([&](const Request &r) {
-        return r.tag == 0x63 ? Concat(ReferenceTo(r.id, {b.Url("/o=b")}), wire::Result(r.id, 0x65, 0))
-                             : ReferralTo(r, {b.Url("/cn=y"), "ldap://other/"});
-    });
-    Handle h(a);
-    ASSERT_EQ(ldap_set_option(h.ld, LDAP_OPT_REFERRALS, LDAP_OPT_OFF), 0);
-    Outcome o = Collect(h.ld, h.Delete());
-    EXPECT_EQ(o.code, LDAP_REFERRAL);
-    EXPECT_EQ(o.referrals, (std::vector<std::string>{b.Url("/cn=y"), "ldap://other/"}));
-    LDAPMessage *res = nullptr;
-    ASSERT_EQ(ldap_search_s(h.ld, "o=a", 2, "(cn=*)", nullptr, 0, &res), 0);
-    EXPECT_EQ(ldap_count_references(h.ld, res), 1);
-    ldap_msgfree(res);
-    EXPECT_TRUE(b.Requests().empty());
-}
-
-// Rebinding on the referred server before the request goes there.
-int g_rebind_calls = 0;
-int g_rebind_frees = 0;
+// Rebinding on the referred server before the request goes there. What a
+// procedure hands out it gets back (freeit 1): the balance ends at 0.
+int g_rebind_balance = 0;
 
 int RebindAs(LDAP *, char **dn, char **passwd, int *method, int freeit)
 {
     static char name[] = "cn=r", secret[] = "pw";
-    (freeit ? g_rebind_frees : g_rebind_calls)++;
-    if (!freeit) {
-        *dn = name;
-        *passwd = secret;
-        *method = LDAP_AUTH_SIMPLE;
-    }
+    g_rebind_balance += freeit ? -1 : 1;
+    *dn = freeit ? nullptr : name;
+    *passwd = freeit ? nullptr : secret;
+    *method = LDAP_AUTH_SIMPLE;
     return 0;
 }
 
@@ -484,7 +421,7 @@ class Rebinding : public testing::TestWithParam<Rebind> {};
 TEST_P(Rebinding, BindsOnTheReferredServerAsTheHandleSays)
 {
     const Rebind &row = GetParam();
-    g_rebind_calls = g_rebind_frees = 0;
+    g_rebind_balance = 0;
     Peer b(Succeeds);
     Peer a([&](const Request &r) { return r.tag == 0x60 ? Succeeds(r) : ReferralTo(r, {b.Url("/cn=new,o=b")}); });
     Handle h(a, row.version);
@@ -493,7 +430,7 @@ TEST_P(Rebinding, BindsOnTheReferredServerAsTheHandleSays)
         row.before(h.ld);
     Outcome o = Collect(h.ld, h.Delete());
     auto requests = b.Requests();
-    EXPECT_EQ(g_rebind_calls, g_rebind_frees) << "what the procedure handed out is given back to it";
+    EXPECT_EQ(g_rebind_balance, 0);
     if (row.refused) {
         EXPECT_TRUE(requests.empty());
         EXPECT_EQ(o.text, "Referral:\n" + b.Url("/cn=new,o=b") + "\n");
@@ -523,9 +460,7 @@ TEST(NotFollowed, AnExtendedRequestsReferralEndsInItsFirstUrl)
     Peer b(Succeeds);
     Peer a([&](const Request &r) { return ReferralTo(r, {b.Url("/"), "ldap://other/"}); });
     Handle h(a);
-    auto encode = [](BerElement *ber) {
-        return fber_printf(ber, "t{ts}", ber_tag_t{0x77}, ber_tag_t{0x80}, "1.2.3") == 0 ? 0 : LDAP_ENCODING_ERROR;
-    };
+    auto encode = [](BerElement *ber) { return fber_printf(ber, "t{ts}", ber_tag_t{0x77}, ber_tag_t{0x80}, "1.2.3"); };
     int id = -1;
     ASSERT_EQ(zldap::send_request(h.ld, nullptr, {"extended\n", 0x77, nullptr, encode}, &id), 0);
     LDAPMessage *res = nullptr;
@@ -535,7 +470,7 @@ TEST(NotFollowed, AnExtendedRequestsReferralEndsInItsFirstUrl)
     char *text = nullptr;
     EXPECT_EQ(ldap_parse_result(h.ld, res, &code, nullptr, &text, nullptr, nullptr, 1), 0);
     EXPECT_EQ(code, 0);
-    EXPECT_STREQ(text, ("Referral:\n" + b.Url("/") + "\n").c_str());
+    EXPECT_EQ(std::string(text), "Referral:\n" + b.Url("/") + "\n");
     ldap_memfree(text);
     EXPECT_TRUE(b.Requests().empty());
     ExpectNoRowsLeft(h.ld);

@@ -186,39 +186,60 @@ LDAPMessage *chase(LDAP *ld, char **urls, LDAPMessage *msg, const ChaseSettings 
 
 } // namespace
 
+ReferralForm read_referral(LDAP *ld, const LDAPMessage *msg, char ***urls, char **text)
+{
+    *urls = nullptr;
+    *text = nullptr;
+    // A copy of the element record: msg's own read position stays.
+    BerElement reader = *msg->msg_ber;
+    if (msg->msg_type == LDAP_RES_SEARCH_REFERENCE) {
+        LDAP_TRACE(TRC_API, "look_for_referrals: Search reference detected\n");
+        return fber_scanf(&reader, "{v}", urls) != LBER_DEFAULT ? ReferralForm::v3 : ReferralForm::unreadable;
+    }
+    zldap::ResultReader result(&reader);
+    int code = 0;
+    int version = 0;
+    if (result.head(&code, nullptr, text) != LDAP_SUCCESS ||
+        ldap_get_option(ld, LDAP_OPT_PROTOCOL_VERSION, &version) != LDAP_SUCCESS) {
+        zldap::mem_free(*text);
+        *text = nullptr;
+        return ReferralForm::unreadable;
+    }
+    ReferralForm form = ReferralForm::none;
+    if (code == LDAP_REFERRAL) {
+        LDAP_TRACE(TRC_API, "look_for_referrals: V3 Referral detected\n");
+        form = result.referrals(urls) == LDAP_SUCCESS ? ReferralForm::v3 : ReferralForm::unreadable;
+    } else if (code != LDAP_SUCCESS && version == LDAP_VERSION2) {
+        LDAP_TRACE(TRC_API, "look_for_referrals: V2 Referral detected\n");
+        return ReferralForm::v2;
+    } else {
+        LDAP_TRACE(TRC_API, "look_for_referrals: No Referral detected. Checking for error\n");
+    }
+    zldap::mem_free(*text);
+    *text = nullptr;
+    return form;
+}
+
 int look_for_referrals(LDAP *ld, LDAPMessage *msg, LDAPMessage **out, const struct timeval *timeout,
                        int *error, int hop_limit)
 {
     *out = msg;
     int hops_left = hop_limit - 1;
-    // A copy of the element record: msg's own read position stays.
-    BerElement reader = *msg->msg_ber;
-    if (msg->msg_type == LDAP_RES_SEARCH_REFERENCE) {
-        LDAP_TRACE(TRC_API, "look_for_referrals: Search reference detected\n");
-        char **urls = nullptr;
-        if (fber_scanf(&reader, "{v}", &urls) != LBER_DEFAULT)
-            *out = chase_v3_referrals(ld, urls, msg, timeout, error, hops_left);
-    } else {
-        zldap::ResultReader result(&reader);
-        int code = 0;
-        char *text = nullptr;
-        int version = 0;
-        if (result.head(&code, nullptr, &text) == LDAP_SUCCESS &&
-            ldap_get_option(ld, LDAP_OPT_PROTOCOL_VERSION, &version) == LDAP_SUCCESS) {
-            char **urls = nullptr;
-            if (code == LDAP_REFERRAL) {
-                LDAP_TRACE(TRC_API, "look_for_referrals: V3 Referral detected\n");
-                if (result.referrals(&urls) == LDAP_SUCCESS)
-                    *out = chase_v3_referrals(ld, urls, msg, timeout, error, hops_left);
-            } else if (code != LDAP_SUCCESS && version == LDAP_VERSION2) {
-                LDAP_TRACE(TRC_API, "look_for_referrals: V2 Referral detected\n");
-                *out = chase_v2_referrals(ld, msg, text, timeout, error, hops_left);
-            } else {
-                LDAP_TRACE(TRC_API, "look_for_referrals: No Referral detected. Checking for error\n");
-                *error = hand_over_final_result(ld, msg, out);
-            }
-        }
+    char **urls = nullptr;
+    char *text = nullptr;
+    switch (read_referral(ld, msg, &urls, &text)) {
+    case ReferralForm::v3:
+        *out = chase_v3_referrals(ld, urls, msg, timeout, error, hops_left);
+        break;
+    case ReferralForm::v2:
+        *out = chase_v2_referrals(ld, msg, text, timeout, error, hops_left);
         zldap::mem_free(text);
+        break;
+    case ReferralForm::none:
+        *error = hand_over_final_result(ld, msg, out);
+        break;
+    case ReferralForm::unreadable:
+        break;
     }
     if (*out)
         return (*out)->msg_type;

@@ -19,6 +19,14 @@
 int look_for_referrals(LDAP *ld, LDAPMessage *msg, LDAPMessage **out, const struct timeval *timeout,
                        int *error, int hop_limit);
 
+// How a response refers elsewhere, read from a copy of its element: the
+// URL list (new, or NULL for an empty one) of a search reference or of a
+// result with code 10 (v3), the new error text of an LDAPv2 result with a
+// non-zero code (v2); none for a result without referral, unreadable when
+// the parts needed do not decode.
+enum class ReferralForm { unreadable, none, v3, v2 };
+ReferralForm read_referral(LDAP *ld, const LDAPMessage *msg, char ***urls, char **text);
+
 // Sends msg's request to the first usable URL (urls is consumed) and
 // returns the first result of the referred request, moved into msg's row;
 // NULL on failure (msg is then dropped from its row) or time-out.
