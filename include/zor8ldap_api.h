@@ -120,6 +120,19 @@ int ldap_compare_ext_s(LDAP *ld, const char *dn, const char *attr, const struct 
                        LDAPControl **serverctrls, LDAPControl **clientctrls);
 
 /* ------------------------------------------------------------------ */
+/* Abandon                                                             */
+/* ------------------------------------------------------------------ */
+
+/* Tells the server to stop working on msgid and frees the responses not */
+/* yet handed out; later responses for it are thrown away and ldap_result */
+/* refuses it. A finished request is only forgotten: 0 when something was */
+/* left to collect, else a failure. ldap_abandon gives 0 or -1 (the reason */
+/* in the thread's error); ldap_abandon_ext the code: 89 for an id that is */
+/* not outstanding or already abandoned, 12 for a critical client control. */
+int ldap_abandon(LDAP *ld, int msgid);
+int ldap_abandon_ext(LDAP *ld, int msgid, LDAPControl **serverctrls, LDAPControl **clientctrls);
+
+/* ------------------------------------------------------------------ */
 /* Results                                                             */
 /* ------------------------------------------------------------------ */
 
@@ -238,6 +251,46 @@ int ldap_parse_extended_result_ext(LDAP *ld, LDAPMessage *res, char **resultoidp
 /* three outputs 0; 90; 89 when an argument is NULL. */
 int ldap_parse_pwdpolicy_response(LDAPControl **serverControls, int *controlerr, int *controlwarn,
                                   int *controlres);
+
+/* ------------------------------------------------------------------ */
+/* Extended operations                                                 */
+/* ------------------------------------------------------------------ */
+
+/* Sends requestoid with requestdata (NULL: no value); collect the */
+/* response with ldap_result and read it with ldap_parse_extended_result. */
+/* 0 with *msgidp set; 89 for a NULL handle, name or id pointer. */
+int ldap_extended_operation(LDAP *ld, const char *requestoid, const struct berval *requestdata,
+                            LDAPControl **serverctrls, LDAPControl **clientctrls, int *msgidp);
+/* Sends and waits without limit: the response's result code, with its */
+/* name and value handed out (each when its pointer is given) when it is */
+/* 0. Release them with ldap_memfree and ber_bvfree. */
+int ldap_extended_operation_s(LDAP *ld, const char *requestoid, const struct berval *requestdata,
+                              LDAPControl **serverctrls, LDAPControl **clientctrls, char **retoidp,
+                              struct berval **retdatap);
+
+/* Transactions. The synchronous start hands out the transaction id the */
+/* server sent (ber_bvfree; ldap_get_tran_id gives it as text). An id */
+/* whose request value cannot be built gives 80 and nothing is sent. */
+int ldap_start_transaction(LDAP *ld, LDAPControl **serverctrls, LDAPControl **clientctrls, int *msgidp);
+int ldap_start_transaction_s(LDAP *ld, LDAPControl **serverctrls, LDAPControl **clientctrls,
+                             struct berval **tran_id);
+/* commit non-zero commits, 0 rolls back. */
+int ldap_end_transaction(LDAP *ld, const char *tran_id, int commit, LDAPControl **serverctrls,
+                         LDAPControl **clientctrls, int *msgidp);
+int ldap_end_transaction_s(LDAP *ld, const char *tran_id, int commit, LDAPControl **serverctrls,
+                           LDAPControl **clientctrls);
+int ldap_tran_id_request(LDAP *ld, const char *tran_id, LDAPControl **serverctrls, LDAPControl **clientctrls,
+                         int *msgidp);
+int ldap_tran_id_request_s(LDAP *ld, const char *tran_id, LDAPControl **serverctrls, LDAPControl **clientctrls);
+/* The bytes of a transaction id as a new string (ldap_memfree), or NULL. */
+char *ldap_get_tran_id(const struct berval *tran_id_bv);
+
+/* Server backup and restore. *result receives the operation's own result */
+/* code from the server's answer; it stays 5 (backup) or 10 (restore) when */
+/* the answer carries none. The code of the extended operation; 90 or 80 */
+/* when the request value cannot be built. */
+int ldap_backup(LDAP *ld, int *result);
+int ldap_restore(LDAP *ld, int *result);
 
 /* ------------------------------------------------------------------ */
 /* LDAP URLs                                                           */
@@ -369,6 +422,16 @@ struct berval *ldap_create_prepare_transaction_request(const char *tran_id);
 struct berval *ldap_create_end_transaction_request(const char *tran_id, int commit);
 /* An empty value, for requests whose value must be present. */
 struct berval *ldap_create_empty_request_value(void);
+/* Values of further vendor requests; a NULL text is sent as empty unless */
+/* it is required. */
+struct berval *ldap_create_resume_role_request(int kind, const char *first, const char *second);
+struct berval *ldap_create_get_file_request(int kind, const char *name);
+/* path is required. */
+struct berval *ldap_create_online_backup_request(const char *path);
+struct berval *ldap_create_locate_entry_request(const char *entry);
+/* bind_dn is required in both steps. */
+struct berval *ldap_create_password_policy_bind_init_request(const char *bind_dn);
+struct berval *ldap_create_password_policy_bind_finalize_request(const char *bind_dn, int value);
 
 /* ---- response controls: 0, 84, 89, 90, or 93 when no control matches ---- */
 

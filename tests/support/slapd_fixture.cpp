@@ -67,6 +67,8 @@ std::string Config(const std::string &dir)
       << "rootdn \"" << Slapd::kRootDn << "\"\n"
       << "rootpw " << Slapd::kRootPassword << "\n"
       << "directory " << dir << "/db\n"
+      // Users may change their own password (the password modify operation).
+      << "access to attrs=userPassword by self write by * auth\n"
       << "access to * by dn.exact=\"" << Slapd::kRootDn << "\" write by * read\n";
     return c.str();
 }

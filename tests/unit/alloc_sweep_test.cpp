@@ -610,6 +610,84 @@ void SearchReferenceChased(const std::function<void(const AllocFaultScenario &)>
            [](int rc) { return rc == LDAP_SERVER_DOWN || rc == LDAP_FILTER_ERROR || rc == LDAP_SUCCESS; }});
 }
 
+// A server that answers extended requests with a name and a value, and
+// nothing else: other requests stay outstanding until they are abandoned.
+// The answer is written by hand, so the server allocates nothing through
+// the seam.
+class ExopSweepServer {
+public:
+    ExopSweepServer()
+        : server_([](zldap_test::ScriptConnection &c) {
+              using namespace zldap_test::wire;
+              while (auto r = c.Read())
+                  if (r->tag == 0x77)
+                      c.Send(Seq({Integer(r->id), Seq({Integer(0, 0x0A), Octets(""), Octets(""),
+                                                       Octets("1.2.9", 0x8A), Octets("data", 0x8B)},
+                                                      0x78)}));
+          })
+    {
+    }
+    // A fresh handle per run: a failed read ends its connection.
+    int Run(const std::function<int(LDAP *)> &body)
+    {
+        LDAP *ld = ldap_init(server_.host().c_str(), 0);
+        if (!ld)
+            return LDAP_NO_MEMORY;
+        int rc = body(ld);
+        ldap_unbind(ld);
+        return rc;
+    }
+
+private:
+    zldap_test::ScriptServer server_;
+};
+
+// Each run sends a delete the server never answers and abandons it, on a
+// handle whose connection is open and whose error record exists already.
+void AbandonRequest(const Sweep &sweep)
+{
+    ExopSweepServer server;
+    server.Run([&](LDAP *ld) {
+        EXPECT_EQ(ldap_extended_operation_s(ld, "1.2.3", nullptr, nullptr, nullptr, nullptr, nullptr), 0);
+        ldap_set_error_direct(ld, LDAP_OTHER, nullptr, nullptr);
+        sweep({[ld] {
+                   int id = -1;
+                   int rc = ldap_delete_ext(ld, "cn=x", nullptr, nullptr, &id);
+                   if (rc != LDAP_SUCCESS)
+                       return rc;
+                   rc = ldap_abandon_ext(ld, id, nullptr, nullptr);
+                   // An abandon that could not be sent leaves the request in its
+                   // row until the table goes; give the row back now instead.
+                   if (rc != LDAP_SUCCESS)
+                       ldap_msg_table_release_msgid(get_default_connection(ld)->lconn_msgtable, id);
+                   return rc;
+               },
+               LDAP_NO_MEMORY});
+        return 0;
+    });
+}
+
+// While the answer is read a failure costs the connection; once it is in,
+// texts that cannot be kept are dropped and the outcome stands.
+void ExtendedOperation(const Sweep &sweep)
+{
+    ExopSweepServer server;
+    sweep({[&] {
+               return server.Run([](LDAP *ld) {
+                   struct berval value = {3, const_cast<char *>("abc")};
+                   char *name = nullptr;
+                   struct berval *data = nullptr;
+                   int rc = ldap_extended_operation_s(ld, "1.2.3", &value, nullptr, nullptr, &name, &data);
+                   EXPECT_EQ(rc == 0, name && data);
+                   ldap_memfree(name);
+                   ber_bvfree(data);
+                   return rc;
+               });
+           },
+           LDAP_NO_MEMORY, nullptr,
+           [](int rc) { return rc == LDAP_SERVER_DOWN || rc == LDAP_CONNECT_ERROR || rc == LDAP_SUCCESS; }});
+}
+
 const SweepRow kRows[] = {
     // ---- codec and protocol pieces rows ----
     {"UrlParse", UrlParse},
@@ -639,6 +717,8 @@ const SweepRow kRows[] = {
     {"TableGrowth", TableGrowth},
     {"ModifyOverTheWire", ModifyOverTheWire},
     {"SearchReferenceChased", SearchReferenceChased},
+    {"AbandonRequest", AbandonRequest},
+    {"ExtendedOperation", ExtendedOperation},
 };
 
 class AllocSweep : public testing::TestWithParam<SweepRow> {};

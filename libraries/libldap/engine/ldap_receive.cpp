@@ -17,10 +17,13 @@
 
 namespace {
 
+constexpr ber_tag_t kLdapMessageTag = 0x30;
+
 uint32_t read_count(const ldap_msg_table *table) { return __atomic_load_n(&table->read_count, __ATOMIC_ACQUIRE); }
 
 // Takes the read lock within the caller's time-out, so that a thread never
-// waits longer than it asked behind another thread's read. 0, ETIMEDOUT or
+// waits longer than it asked behind another thread's read (a plain lock
+// would hold it for the whole of that reader's time-out). 0, ETIMEDOUT or
 // the lock's error.
 int lock_for_reading(LDAPConn *lc, const struct timeval *timeout)
 {
@@ -137,7 +140,9 @@ bool timed_out(const struct timeval &start, const struct timeval *limit)
     gettimeofday(&now, nullptr);
     long seconds = now.tv_sec - start.tv_sec;
     long micros = now.tv_usec - start.tv_usec;
-    if (micros < 0) { // borrow, so that the pair compares as a time
+    // Borrowing, not the plain microsecond difference (which may be
+    // negative), so that a wait never ends up to a second early.
+    if (micros < 0) {
         seconds--;
         micros += 1000000;
     }
@@ -155,6 +160,12 @@ int wait_for_message(LDAPConn *lc, BerElement *ber, int *state, const struct tim
 {
     for (;;) {
         ber_tag_t tag = fber_get_next_nb(&lc->lconn_sb, ber, state);
+        // Every LDAPMessage is a SEQUENCE. Any other first octet means the
+        // peer does not speak LDAP (an HTTP error page, say): filing its bytes
+        // as messages without an id would keep every waiter waiting, so the
+        // connection ends as a failed read, as soon as that octet is in.
+        if (ber->ber_tag != LBER_DEFAULT && ber->ber_tag != kLdapMessageTag)
+            return -1;
         if (tag != static_cast<ber_tag_t>(LBER_WOULD_BLOCK))
             return tag == LBER_DEFAULT ? -1 : 1;
         if (timeout && timeout->tv_usec > 999999)

@@ -96,6 +96,8 @@ int return_child_msg(LDAP *ld, int id, const struct timeval *timeout, LDAPMessag
     return ldap_return_one_msg(ld, id, timeout, out, table, error, chase, hop_limit);
 }
 
+// Exact to the microsecond: differences of the fields alone, left with a
+// negative microsecond part, would misjudge the remaining time by a second.
 struct timeval elapsed_since(const struct timeval &start, const struct timeval &now)
 {
     struct timeval d {now.tv_sec - start.tv_sec, now.tv_usec - start.tv_usec};
@@ -104,6 +106,18 @@ struct timeval elapsed_since(const struct timeval &start, const struct timeval &
         d.tv_usec += 1000000;
     }
     return d;
+}
+
+// Whether the row holds everything its request will get: the final
+// response is filed and no referral is being chased for it. Not known
+// when the lock cannot be taken: false.
+bool complete_result_filed(ldap_msg_table *table, int id)
+{
+    LDAP_MUTEX_GUARD(guard, &table->lock);
+    if (!guard.locked())
+        return false;
+    const ldap_msg_row &row = table->rows[id];
+    return (row.flags & LDAP_ROW_DONE) && !row.child;
 }
 
 } // namespace
@@ -213,6 +227,14 @@ int ldap_return_all_msgs(LDAP *ld, int id, const struct timeval *timeout, LDAPMe
                 expired = remaining.tv_sec < 0;
             }
             start = now;
+        }
+        // Out of time with the complete result already in the row: nothing
+        // is left to wait for, so the rest is handed out (without waiting)
+        // rather than reporting a time-out and leaving the caller to give
+        // up on a finished request.
+        if (expired && rc != 0 && complete_result_filed(table, id)) {
+            remaining = {0, 0};
+            continue;
         }
         if (expired) {
             // What this call took out of the row is handed out again by the next one.

@@ -293,13 +293,21 @@ void ldap_msg_table_set_flag(LDAP *ld, ldap_msg_table *table, int id, uint32_t b
             return;
         }
         ldap_msg_row &row = table->rows[id];
-        row.flags |= bits;
-        if (!row.child)
+        if (!(row.flags & LDAP_ROW_INUSE)) // a released row keeps no flags
             return;
-        ldap_msg_table *child_table = row.child->table;
-        id = row.child->row_id;
+        row.flags |= bits;
+        ldap_msg_table *child_table = row.child ? row.child->table : nullptr;
+        int child_id = row.child ? row.child->row_id : -1;
+        // Filing releases an orphan only when its final response comes
+        // later; one whose final response is already filed (by another
+        // thread after its waiter gave up) would keep its row until unbind.
+        if ((bits & LDAP_ROW_ORPHAN) && (row.flags & LDAP_ROW_DONE))
+            ldap_msg_table_release_msgid_direct(table, id);
+        if (!child_table)
+            return;
         guard.unlock();
         table = child_table;
+        id = child_id;
     }
 }
 

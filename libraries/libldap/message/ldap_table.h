@@ -80,7 +80,9 @@ int verify_msgid_n_acquire_row(LDAP *ld, ldap_msg_table *table, int *id, int mod
 int verify_acquire_row(LDAP *ld, ldap_msg_row *row, int id, int mode);
 int ldap_get_msg_any(LDAP *ld, ldap_msg_table *table, int *row_id, int mode);
 // Sets bits in the row of id and in the rows of its referral children; a
-// lock failure is recorded as ld's error.
+// lock failure is recorded as ld's error. LDAP_ROW_ORPHAN releases at once
+// each such row whose final response is already filed, with its chain: the
+// caller holds none of its messages.
 void ldap_msg_table_set_flag(LDAP *ld, ldap_msg_table *table, int id, uint32_t bits);
 int ldap_msg_table_release_if_done(ldap_msg_table *table, int id);
 void ldap_msg_table_unlink_msg(LDAPMessage *msg);

@@ -1,8 +1,8 @@
 // request_values.cpp - values of extended requests: account status,
-// effective password policy, group evaluation, transaction preparation and
-// end, and the empty value. Each is a new berval, or NULL with the reason
-// in the trace.
-#include "zor8ldap_api.h"
+// effective password policy, group evaluation, transaction preparation,
+// end and id request, and the empty value. Each is a new berval, or NULL
+// with the reason in the trace.
+#include "proto/request_values.h"
 
 #include "base/memory.h"
 #include "base/trace.h"
@@ -46,18 +46,20 @@ struct berval *entry_dn_request(const char *name, const char *entry_dn)
 }
 
 // A value of `lead` octets (0 or 1) followed by the id's text; bv_len
-// counts both, and a NUL follows.
-struct berval *tran_id_value(const char *name, const char *tran_id, int lead, int lead_octet)
+// counts both, and a NUL follows. Each allocation failure has its caller's
+// own trace line.
+struct berval *tran_id_value(const char *record_failed, const char *bytes_failed, const char *tran_id, int lead,
+                             int lead_octet)
 {
     auto *value = static_cast<struct berval *>(zldap::mem_calloc(1, sizeof(struct berval)));
     if (!value) {
-        LDAP_TRACE(TRC_ERROR, "%s: calloc of berval failed.\n", name);
+        LDAP_TRACE(TRC_ERROR, "%s", record_failed);
         return nullptr;
     }
     size_t len = std::strlen(tran_id);
     value->bv_val = static_cast<char *>(zldap::mem_calloc(lead + len + 1, 1));
     if (!value->bv_val) {
-        LDAP_TRACE(TRC_ERROR, "%s: calloc of berval->bv_val failed.\n", name);
+        LDAP_TRACE(TRC_ERROR, "%s", bytes_failed);
         zldap::mem_free(value);
         return nullptr;
     }
@@ -115,7 +117,8 @@ struct berval *ldap_create_prepare_transaction_request(const char *tran_id)
         LDAP_TRACE(TRC_ERROR, "ldap_create_prepare_transaction_request: tran_id is null.\n");
         return nullptr;
     }
-    return tran_id_value("ldap_create_prepare_transaction_request", tran_id, 0, 0);
+    return tran_id_value("ldap_create_prepare_transaction_request: calloc of berval failed.\n",
+                         "ldap_create_prepare_transaction_request: calloc of berval->bv_val failed.\n", tran_id, 0, 0);
 }
 
 struct berval *ldap_create_end_transaction_request(const char *tran_id, int commit)
@@ -124,7 +127,19 @@ struct berval *ldap_create_end_transaction_request(const char *tran_id, int comm
         LDAP_TRACE(TRC_ERROR, "ldap_create_end_transaction_request: tran_id is NULL\n");
         return nullptr;
     }
-    return tran_id_value("ldap_create_end_transaction_request", tran_id, 1, commit != 0 ? 1 : 0);
+    return tran_id_value("ldap_create_end_transaction_request: calloc of berval failed.\n",
+                         "ldap_create_end_transaction_request: calloc of berval->bv_val failed.\n", tran_id, 1,
+                         commit != 0 ? 1 : 0);
+}
+
+struct berval *createTransIDReqVal(const char *tran_id)
+{
+    if (!tran_id) {
+        LDAP_TRACE(TRC_ERROR, "createTransIDReqVal: tran_id is null.\n");
+        return nullptr;
+    }
+    return tran_id_value("createTransIDReqVal: malloc of berval failed.\n",
+                         "createTransIDReqVal: malloc of berval failed.\n", tran_id, 0, 0);
 }
 
 struct berval *ldap_create_empty_request_value(void)
