@@ -84,7 +84,9 @@ int sasl_rebind(LDAP *ld, const char *dn, const SavedSaslBind &saved)
 
 // The bind itself, with the calling thread bound to the referral
 // connection for its duration: the bind functions work on the calling
-// thread's connection.
+// thread's connection. They are the published ones (zor8ldap_api.h), the
+// operations layer's, reached through their declarations alone: a
+// referral rebinds exactly as the caller would.
 int bind_on(LDAP *ld, LDAPConn *lc, const char *dn, const char *passwd, int method)
 {
     LDAP_TRACE(TRC_API, "send_referral_bind_request: sending bind request\n");
