@@ -44,9 +44,9 @@ int read_credentials(LDAPPluginBlock *pb, const char *name, const struct berval 
         next = std::strchr(line, '\n');
         if (next)
             *next++ = '\0';
-        char *equals = std::strchr(line, '=');
         if (!*line)
             continue;
+        char *equals = std::strchr(line, '=');
         if (equals)
             *equals = '\0';
         const char **slot = equals ? slot_of(out, line) : nullptr;
@@ -75,32 +75,25 @@ int answer_prompts(LDAPPluginBlock *pb, const char *mechanism, const Credentials
                    sasl_interact_t *prompts)
 {
     for (sasl_interact_t *prompt = prompts; prompt->id != SASL_CB_LIST_END; prompt++) {
-        const char *value = nullptr;
-        unsigned length = 0;
-        switch (prompt->id) {
-        case SASL_CB_AUTHNAME: value = credentials.authcid; break;
-        case SASL_CB_USER: value = credentials.authzid; break;
-        case SASL_CB_GETREALM: value = credentials.realm; break;
-        case SASL_CB_PASS:
+        if (prompt->id == SASL_CB_PASS) {
             if (!credentials.password) {
                 pb->pb_trace(kTraceError, "sasl_cyrus_bind: Error - %s needs a password and the bind gave none\n",
                              mechanism);
                 return LDAP_PARAM_ERROR;
             }
-            value = credentials.password->bv_val;
-            length = static_cast<unsigned>(credentials.password->bv_len);
-            break;
-        default: break;
+            prompt->result = credentials.password->bv_val;
+            prompt->len = static_cast<unsigned>(credentials.password->bv_len);
+            continue;
         }
-        // Cyrus's own suggestion, such as the one realm the server offers.
-        if (!value) {
+        const char *value = prompt->id == SASL_CB_AUTHNAME   ? credentials.authcid
+                            : prompt->id == SASL_CB_USER     ? credentials.authzid
+                            : prompt->id == SASL_CB_GETREALM ? credentials.realm
+                                                             : nullptr;
+        // Else Cyrus's own suggestion, such as the one realm the server offers.
+        if (!value)
             value = prompt->defresult ? prompt->defresult : "";
-            length = static_cast<unsigned>(std::strlen(value));
-        } else if (prompt->id != SASL_CB_PASS) {
-            length = static_cast<unsigned>(std::strlen(value));
-        }
         prompt->result = value;
-        prompt->len = length;
+        prompt->len = static_cast<unsigned>(std::strlen(value));
     }
     return LDAP_SUCCESS;
 }

@@ -46,6 +46,9 @@ const sasl_callback_t *prompted_callbacks(const Credentials &credentials);
 int answer_prompts(LDAPPluginBlock *pb, const char *mechanism, const Credentials &credentials,
                    sasl_interact_t *prompts);
 
+// Gives Cyrus locks for the threads a process binds on; before Cyrus is set up.
+void use_thread_locks();
+
 // The result code for a Cyrus failure, after a trace line that names the
 // call, the mechanism and Cyrus's own account of it (conn may be NULL).
 int cyrus_failure(LDAPPluginBlock *pb, sasl_conn_t *conn, const char *call, const char *mechanism, int result);

@@ -23,7 +23,11 @@ int g_cyrus_ready = SASL_FAIL;
 
 // Cyrus's client side is set up once per process and kept: the library
 // keeps its plug-ins loaded for the life of the process too.
-void start_cyrus() { g_cyrus_ready = sasl_client_init(nullptr); }
+void start_cyrus()
+{
+    use_thread_locks();
+    g_cyrus_ready = sasl_client_init(nullptr);
+}
 
 void *get(LDAPPluginBlock *pb, unsigned int key)
 {
@@ -54,10 +58,29 @@ struct Exchange {
     const char *mechanism;
     LDAPControl **serverctrls;
     const Credentials *credentials;
-    sasl_conn_t *conn;
-    bool started; // sasl_client_start has run
-    bool done;    // Cyrus has nothing more to say or check
+    sasl_conn_t *conn = nullptr;
+    bool started = false; // sasl_client_start has run
+    bool done = false;    // Cyrus has nothing more to say or check
 };
+
+// A Cyrus connection for the bind's server that allows plain-text
+// mechanisms (the caller chose the mechanism) and no security layer (see
+// the top of this file). 0 or a result code; *conn is NULL or to dispose.
+int open_cyrus(LDAPPluginBlock *pb, const char *mechanism, const char *hosts, const Credentials &credentials,
+               sasl_conn_t **conn)
+{
+    char server[256];
+    server_name(hosts, server, sizeof server);
+    pb->pb_trace(kTraceFlow, "sasl_cyrus_bind: server(%s) authcid(%s) authzid(%s) realm(%s)\n", server,
+                 credentials.authcid ? credentials.authcid : "<NULL>",
+                 credentials.authzid ? credentials.authzid : "<NULL>", credentials.realm ? credentials.realm : "<NULL>");
+    int result = sasl_client_new("ldap", server, nullptr, nullptr, prompted_callbacks(credentials), 0, conn);
+    if (result != SASL_OK)
+        return cyrus_failure(pb, nullptr, "sasl_client_new", mechanism, result);
+    sasl_security_properties_t properties{};
+    result = sasl_setprop(*conn, SASL_SEC_PROPS, &properties);
+    return result == SASL_OK ? LDAP_SUCCESS : cyrus_failure(pb, *conn, "sasl_setprop", mechanism, result);
+}
 
 // Cyrus's next message: the first one, or the answer to the server's
 // challenge; prompts are answered until Cyrus has what it needs.
@@ -118,37 +141,19 @@ int bind_function(LDAPPluginBlock *pb)
 {
     auto *mechanism = static_cast<const char *>(get(pb, LDAP_PLUGIN_MECHANISM));
     auto *hosts = static_cast<const char *>(get(pb, LDAP_PLUGIN_HOST));
-    pb->pb_trace(kTraceFlow, "sasl_cyrus_bind: mechanism(%s) hosts(%s)\n", mechanism ? mechanism : "(null)",
-                 hosts ? hosts : "(null)");
+    pb->pb_trace(kTraceFlow, "sasl_cyrus_bind: mechanism(%s) hosts(%s)\n", mechanism, hosts ? hosts : "(null)");
     pthread_once(&g_cyrus_once, start_cyrus);
     if (g_cyrus_ready != SASL_OK)
         return cyrus_failure(pb, nullptr, "sasl_client_init", mechanism, g_cyrus_ready);
-    Exchange x{pb,      static_cast<LDAP *>(get(pb, LDAP_PLUGIN_LD)), mechanism,
-               static_cast<LDAPControl **>(get(pb, LDAP_PLUGIN_SERVER_CONTROLS)),
-               nullptr, nullptr, false, false};
     Credentials credentials;
+    Exchange x{pb, static_cast<LDAP *>(get(pb, LDAP_PLUGIN_LD)), mechanism,
+               static_cast<LDAPControl **>(get(pb, LDAP_PLUGIN_SERVER_CONTROLS)), &credentials};
     int rc = read_credentials(pb, static_cast<const char *>(get(pb, LDAP_PLUGIN_BIND_DN)),
                               static_cast<const struct berval *>(get(pb, LDAP_PLUGIN_CREDENTIALS)), &credentials);
-    x.credentials = &credentials;
-    char server[256];
-    server_name(hosts, server, sizeof server);
-    int result = rc == LDAP_SUCCESS ? sasl_client_new("ldap", server, nullptr, nullptr,
-                                                      prompted_callbacks(credentials), 0, &x.conn)
-                                    : SASL_OK;
-    if (result != SASL_OK)
-        rc = cyrus_failure(pb, nullptr, "sasl_client_new", mechanism, result);
-    // The caller chose the mechanism: plain-text ones are allowed, and no
-    // security layer (see the top of this file).
-    sasl_security_properties_t properties{};
-    if (rc == LDAP_SUCCESS && (result = sasl_setprop(x.conn, SASL_SEC_PROPS, &properties)) != SASL_OK)
-        rc = cyrus_failure(pb, x.conn, "sasl_setprop", mechanism, result);
-    if (rc == LDAP_SUCCESS) {
-        pb->pb_trace(kTraceFlow, "sasl_cyrus_bind: server(%s) authcid(%s) authzid(%s) realm(%s)\n", server,
-                     credentials.authcid ? credentials.authcid : "<NULL>",
-                     credentials.authzid ? credentials.authzid : "<NULL>",
-                     credentials.realm ? credentials.realm : "<NULL>");
+    if (rc == LDAP_SUCCESS)
+        rc = open_cyrus(pb, mechanism, hosts, credentials, &x.conn);
+    if (rc == LDAP_SUCCESS)
         rc = exchange(x);
-    }
     sasl_dispose(&x.conn);
     release_credentials(&credentials);
     pb->pb_trace(kTraceFlow, "sasl_cyrus_bind: returning rc=%d\n", rc);

@@ -18,19 +18,14 @@ constexpr const char *kOther = "uid=user000,ou=people,dc=example,dc=com";
 
 TEST(SaslSlapd, BindsAsTheServerSeesThem)
 {
-    zldap_test::SlapdData data;
-    data.people = 1;
-    data.sasl = true;
-    data.authz_policy = "to";
-    Slapd server(data);
+    Slapd server({.people = 1, .authz_policy = "to", .sasl = true});
     ZLDAP_REQUIRE_SLAPD(server);
     if (!*ZLDAP_SASL_CYRUS_PLUGIN)
         GTEST_SKIP() << "the Cyrus SASL plug-in is not built (Debian package libsasl2-dev)";
     zldap_test::TempDir conf;
     std::ofstream file(conf.file("ornldap.conf"));
     for (const char *mechanism : {"SCRAM-SHA-256", "DIGEST-MD5", "PLAIN", "NO-SUCH-MECH"})
-        file << "plugin sasl " << mechanism << " " ZLDAP_SASL_CYRUS_PLUGIN " sasl_cyrus_init\n";
-    file.close();
+        file << "plugin sasl " << mechanism << " " ZLDAP_SASL_CYRUS_PLUGIN " sasl_cyrus_init" << std::endl;
     setenv("ORNLDAP_CONF", conf.path().c_str(), 1);
     struct {
         const char *mechanism, *name, *password;
@@ -41,7 +36,6 @@ TEST(SaslSlapd, BindsAsTheServerSeesThem)
         {"DIGEST-MD5", "authcid=sasl\nrealm=example.com", Slapd::kSaslPassword, 0, Slapd::kSaslUser},
         {"PLAIN", "authcid=sasl\nauthzid=dn:uid=user000,ou=people,dc=example,dc=com", Slapd::kSaslPassword, 0, kOther},
         {"SCRAM-SHA-256", "sasl", "wrong", 49, nullptr},
-        {"DIGEST-MD5", "sasl", "wrong", 49, nullptr},
         {"SCRAM-SHA-256", "sasl", nullptr, 89, nullptr},                    // no password
         {"SCRAM-SHA-256", Slapd::kSaslUser, Slapd::kSaslPassword, 89, nullptr}, // a DN names no SASL identity
         {"NO-SUCH-MECH", "sasl", Slapd::kSaslPassword, 86, nullptr},
@@ -50,8 +44,7 @@ TEST(SaslSlapd, BindsAsTheServerSeesThem)
         {"EXTERNAL", nullptr, nullptr, 14, nullptr},
     };
     for (const auto &c : cases) {
-        bool local = std::strcmp(c.mechanism, "EXTERNAL") == 0;
-        LDAP *ld = ldap_init(local ? server.socket_path().c_str() : server.host().c_str(), 0);
+        LDAP *ld = ldap_init((std::strcmp(c.mechanism, "EXTERNAL") ? server.host() : server.socket_path()).c_str(), 0);
         berval password{c.password ? std::strlen(c.password) : 0, const_cast<char *>(c.password)};
         int rc = ldap_sasl_bind_s(ld, c.name, c.mechanism, c.password ? &password : nullptr, nullptr, nullptr, nullptr);
         if (rc == LDAP_AUTH_UNKNOWN && c.code != rc)

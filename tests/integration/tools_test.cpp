@@ -160,18 +160,15 @@ TEST(Tools, ApplyLdifAsWritten)
 // Cyrus plug-in: only the user itself may read its password.
 TEST(Tools, BindWithSasl)
 {
-    zldap_test::SlapdData data;
-    data.sasl = true;
-    zldap_test::Slapd server(data);
+    zldap_test::Slapd server({.sasl = true});
     ZLDAP_REQUIRE_SLAPD(server);
     if (!*ZLDAP_SASL_CYRUS_PLUGIN)
         GTEST_SKIP() << "the Cyrus SASL plug-in is not built (Debian package libsasl2-dev)";
     zldap_test::TempDir dir;
     std::ofstream(dir.file("ornldap.conf")) << "plugin sasl SCRAM-SHA-256 " ZLDAP_SASL_CYRUS_PLUGIN " sasl_cyrus_init\n";
     setenv("ORNLDAP_CONF", dir.path().c_str(), 1);
-    ToolRun run = run_tool("zldapsearch -Y SCRAM-SHA-256 -U sasl -w " + std::string(server.kSaslPassword) + " -H " +
-                               server.url() + " -s base -b " + server.kSaslUser + " '(objectclass=*)' userPassword",
-                           "", dir);
+    std::string search = " -s base -b uid=sasl,ou=people,dc=example,dc=com '(objectclass=*)' userPassword";
+    ToolRun run = run_tool("zldapsearch -Y SCRAM-SHA-256 -U sasl -w sasl-secret -H " + server.url() + search, "", dir);
     EXPECT_EQ(run.code, 0) << run.err;
     EXPECT_NE(run.out.find("userPassword: sasl-secret"), std::string::npos) << run.out;
 }
