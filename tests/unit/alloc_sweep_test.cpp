@@ -6,10 +6,13 @@
 #include "ber_test_support.h"
 #include "conn/ldap_connect.h"
 #include "core/ldap_error.h"
+#include "dns/ldapdns.h"
+#include "dns_test_support.h"
 #include "engine_fixture.h"
 #include "loopback.h"
 #include "message/ldap_message.h"
 #include "message/ldap_table.h"
+#include "net/sockbuf.h"
 #include "ops/update.h"
 #include "proto/dn.h"
 #include "proto/filter.h"
@@ -29,10 +32,13 @@
 
 #include <algorithm>
 #include <cstring>
+#include <fstream>
 #include <functional>
 #include <memory>
 #include <optional>
 #include <string>
+#include <sys/socket.h>
+#include <unistd.h>
 #include <vector>
 
 namespace {
@@ -241,6 +247,27 @@ void Xlate(const std::function<void(const AllocFaultScenario &)> &sweep)
                return rc;
            },
            LDAP_NO_MEMORY});
+}
+
+// A 40 kB message framed from a socket: its content buffer grows twice on
+// the way, and a failed growth leaves nothing behind.
+void Framing(const Sweep &sweep)
+{
+    const std::string message = std::string("\x30\x82\xA0", 3) + '\0' + std::string(0xA000, 'z');
+    sweep({[&] {
+               int fds[2] = {-1, -1};
+               if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0, fds) != 0 ||
+                   write(fds[1], message.data(), message.size()) != static_cast<ssize_t>(message.size()))
+                   return -2;
+               Sockbuf sb{fds[0], nullptr};
+               zldap_test::BerPtr ber(fber_alloc_t(0));
+               int state = 0;
+               ber_tag_t tag = ber ? fber_get_next_nb(&sb, ber.get(), &state) : LBER_DEFAULT;
+               close(fds[0]);
+               close(fds[1]);
+               return tag == 0x30 ? 0 : -1;
+           },
+           -1});
 }
 
 // Every allocating reader in one walk, on an element that converts its
@@ -649,10 +676,72 @@ void ExtendedOperation(const Sweep &sweep)
            [](int rc) { return rc == LDAP_SERVER_DOWN || rc == LDAP_CONNECT_ERROR || rc == LDAP_SUCCESS; }});
 }
 
+// ---- server location ----------------------------------------------------
+
+// Name servers from a resolver file, the domain from LOCALDOMAIN.
+void DnsSearchLists(const std::function<void(const AllocFaultScenario &)> &sweep)
+{
+    zldap_test::TempDir dir;
+    std::ofstream(dir.file("resolv.conf")) << "nameserver 10.0.0.1\nnameserver 10.0.0.2\nsearch a.example\n";
+    zldap_test::ScopedEnv env("LOCALDOMAIN", "l.example");
+    sweep({[&] {
+               server_request request{};
+               zldap::DnsSearchLists lists;
+               int rc = zldap::dns_settle_search_lists(&request, dir.file("resolv.conf").c_str(), "h", &lists);
+               zldap::dns_search_lists_free(&lists);
+               return rc;
+           },
+           LDAP_NO_MEMORY});
+}
+
+// A lookup whose servers each get a vendor, an info text and a service URL.
+void DnsLookup(const std::function<void(const AllocFaultScenario &)> &sweep)
+{
+    namespace dns = zldap_test::dns;
+    zldap_test::DnsPeer peer([](const zldap_test::DnsQuery &q) {
+        std::vector<zldap_test::Bytes> records;
+        if (q.type == 255)
+            records = {dns::Srv(q.name, 1, 1, 389, "a.example"), dns::Srv(q.name, 1, 2, 389, "b.example")};
+        else
+            records = {dns::Txt(q.name, {"service:ldaps://" + q.name + ":636/o=x", "ldapvendor:v", "ldapinfo:i"})};
+        return std::vector<zldap_test::Bytes>{dns::Answer(q.id, 0x8180, q.name, q.type, records)};
+    });
+    sweep({[&] {
+               dns::LookupOutcome out = dns::Lookup({peer.name_server()});
+               return out.rc == 0 && out.servers.size() != 2 ? -2 : out.rc;
+           },
+           LDAP_NO_MEMORY});
+}
+
+// Items of the current user among another user's, then the password
+// read with its key and with another.
+void UserInfoFile(const std::function<void(const AllocFaultScenario &)> &sweep)
+{
+    zldap_test::TempDir dir;
+    const std::string path = dir.file("ldap_user_info");
+    sweep({[&] {
+               // alice's record: no domain, the text "t", no password
+               std::ofstream(path, std::ios::binary) << std::string("\x05" "alice" "\x00\x01\x00\x00\x00\x01" "t" "\x00", 14);
+               int rc = ldap_set_user_info_text("text", path.c_str());
+               if (rc == 0)
+                   rc = ldap_set_user_info_password("key", "secret", 6, path.c_str());
+               for (const char *key : {"key", "other"}) {
+                   char *data = nullptr;
+                   int length = 0;
+                   if (rc == 0)
+                       rc = ldap_get_user_info_password(key, &data, &length, path.c_str());
+                   ldap_memfree(data);
+               }
+               return rc;
+           },
+           LDAP_NO_MEMORY});
+}
+
 const SweepRow kRows[] = {
     // ---- codec and protocol pieces rows ----
     {"UrlParse", UrlParse},
     {"BerCodec", BerCodec},
+    {"Framing", Framing},
     {"Controls", Controls},
     {"DnParse", DnParse},
     {"DnExplode", DnExplode},
@@ -679,6 +768,11 @@ const SweepRow kRows[] = {
     {"ModifyOverTheWire", ModifyOverTheWire},
     {"AbandonRequest", AbandonRequest},
     {"ExtendedOperation", ExtendedOperation},
+
+    // ---- server location rows ----
+    {"DnsSearchLists", DnsSearchLists},
+    {"DnsLookup", DnsLookup},
+    {"UserInfoFile", UserInfoFile},
 };
 
 class AllocSweep : public testing::TestWithParam<SweepRow> {};
