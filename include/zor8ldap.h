@@ -347,9 +347,9 @@ typedef char **zor8ldap_attrs;
 
 /* A new handle (release with zor_ldap_unbind), or NULL. host: a host name
  * or address, a blank-separated list of them, each with an optional
- * ":port", or an ldap:// or ldaps:// URL; NULL names this machine. port:
- * for hosts without one, 0 for 389. Nothing is sent until the first
- * operation. */
+ * ":port", or an ldap:// or ldaps:// URL that names a host; NULL names this
+ * machine. port: for hosts without one, 0 to 65535 (0: 389). Nothing is
+ * sent until the first operation. */
 LDAP *zor_ldap_init(const char *host, int port);
 /* Releases a result chain, or a message handed out alone; returns its (last)
  * message type, 0 when nothing was released. */
