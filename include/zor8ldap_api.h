@@ -8,6 +8,7 @@
 #define ZOR8LDAP_API_H
 
 #include "zor8ldap.h"
+#include "zor8ldap_plugin.h"
 
 #ifdef __cplusplus
 extern "C" {
@@ -62,6 +63,22 @@ int ldap_sasl_bind(LDAP *ld, const char *dn, const char *mechanism, const struct
  * with ber_bvfree). */
 int ldap_sasl_bind_s(LDAP *ld, const char *dn, const char *mechanism, const struct berval *cred,
                      LDAPControl **serverctrls, LDAPControl **clientctrls, struct berval **servercredp);
+
+/* ------------------------------------------------------------------ */
+/* SASL plug-ins (zor8ldap_plugin.h)                                   */
+/* ------------------------------------------------------------------ */
+
+/* Loads the plug-in's library (the path cut at its last dot, or extended,
+ * to end in ".so"), calls its init function and enters it in the registry,
+ * replacing an entry of the same type and name. 0, 89 for a missing type,
+ * name or path, 90, 193 (library not loaded), 194 (init function missing,
+ * or it set no bind function), 195 (init function failed). */
+int ldap_register_plugin(const LDAPPluginInfo *info);
+/* *list receives a NULL-terminated array of copies of the registry's
+ * entries, released with ldap_plugin_registry_free. 0, 89 for a NULL list
+ * or a registry of more than LDAP_PLUGIN_MAX_ENTRIES entries, 90. */
+int ldap_plugin_registry_copy(LDAPPluginInfo ***list);
+void ldap_plugin_registry_free(LDAPPluginInfo **list);
 
 /* ------------------------------------------------------------------ */
 /* Search                                                              */

@@ -4,6 +4,7 @@
 #include "alloc_faults.h"
 #include "base/memory.h"
 #include "ber_test_support.h"
+#include "config/conf_file.h"
 #include "conn/ldap_connect.h"
 #include "core/ldap_error.h"
 #include "dns/ldapdns.h"
@@ -14,6 +15,7 @@
 #include "message/ldap_table.h"
 #include "net/sockbuf.h"
 #include "ops/update.h"
+#include "plugin_support.h"
 #include "proto/dn.h"
 #include "proto/filter.h"
 #include "proto/ldap_controls.h"
@@ -737,6 +739,63 @@ void UserInfoFile(const std::function<void(const AllocFaultScenario &)> &sweep)
            LDAP_NO_MEMORY});
 }
 
+// ---- configuration ----------------------------------------------------
+
+// The configuration file read into a list of its own. A failure while the
+// file is located leaves it unfound.
+void ConfRead(const std::function<void(const AllocFaultScenario &)> &sweep)
+{
+    zldap_test::ConfFile conf("plugin sasl A lib init a b\n# comment\nplugin sasl B lib\n");
+    sweep({[] {
+               ldap_conf_list list{};
+               int rc = ldap_read_conf_file(&list);
+               EXPECT_EQ(rc == 0, list.first && list.first->next);
+               ldap_conf_list_clear(&list);
+               return rc;
+           },
+           LDAP_NO_MEMORY, nullptr, [](int rc) { return rc == LDAP_PLUGIN_CONF_NOT_OPENED; }});
+}
+
+// A registration replacing its own entry, then a copy of the registry. The
+// configuration file the registration reads first is not looked at, so a
+// failure there goes unnoticed; a record for the opened library that can't
+// be made is a library not loaded.
+void RegisterAndCopy(const std::function<void(const AllocFaultScenario &)> &sweep)
+{
+    sweep({[] {
+               int rc = zldap_test::RegisterTestPlugin("SWEEP", "test_plugin_init", "a b");
+               LDAPPluginInfo **list = nullptr;
+               if (rc == 0)
+                   rc = ldap_plugin_registry_copy(&list);
+               ldap_plugin_registry_free(list);
+               return rc;
+           },
+           LDAP_NO_MEMORY, nullptr, [](int rc) { return rc == LDAP_SUCCESS || rc == LDAP_PLUGIN_NOT_LOADED; }});
+}
+
+// A SASL bind handed to a plug-in that binds through the library and keeps
+// its block for its close function, on a fresh handle each run. Failures
+// while reading the answer cost the connection, as in ModifyOverTheWire.
+void PluginBind(const std::function<void(const AllocFaultScenario &)> &sweep)
+{
+    ASSERT_EQ(zldap_test::RegisterTestPlugin("SWEEP-BIND", "test_plugin_init", "send close"), 0);
+    zldap_test::Bytes reply = zldap_test::wire::Result(1, 0x61, 0);
+    zldap_test::ScriptServer server([&](zldap_test::ScriptConnection &c) {
+        while (auto r = c.Read())
+            if (r->tag != 0x42)
+                c.Send(reply);
+    });
+    sweep({[&] {
+               LDAP *ld = zldap_test::HandleFor(server);
+               if (!ld)
+                   return LDAP_NO_MEMORY;
+               int rc = ldap_sasl_bind_s(ld, "cn=a", "SWEEP-BIND", nullptr, nullptr, nullptr, nullptr);
+               ldap_unbind(ld);
+               return rc;
+           },
+           LDAP_NO_MEMORY, nullptr, [](int rc) { return rc == LDAP_SERVER_DOWN || rc == LDAP_SUCCESS; }});
+}
+
 const SweepRow kRows[] = {
     // ---- codec and protocol pieces rows ----
     {"UrlParse", UrlParse},
@@ -773,6 +832,10 @@ const SweepRow kRows[] = {
     {"DnsSearchLists", DnsSearchLists},
     {"DnsLookup", DnsLookup},
     {"UserInfoFile", UserInfoFile},
+    // ---- configuration rows ----
+    {"ConfRead", ConfRead},
+    {"RegisterAndCopy", RegisterAndCopy},
+    {"PluginBind", PluginBind},
 };
 
 class AllocSweep : public testing::TestWithParam<SweepRow> {};
