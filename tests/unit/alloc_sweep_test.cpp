@@ -600,6 +600,45 @@ void ModifyOverTheWire(const std::function<void(const AllocFaultScenario &)> &sw
            LDAP_NO_MEMORY, nullptr, [](int rc) { return rc == LDAP_SERVER_DOWN || rc == LDAP_SUCCESS; }});
 }
 
+// A search whose first server refers to a second one with a search
+// reference, on a fresh handle each run. A failure while chasing drops
+// the reference: the search succeeds without the second server's entry,
+// which the row counts as the memory failure it is. A failure while
+// reading costs the connection; one in the filter encoder is a filter
+// error; a few (error records) cost nothing.
+void SearchReferenceChased(const std::function<void(const AllocFaultScenario &)> &sweep)
+{
+    using namespace zldap_test::wire;
+    // Encoded before the sweep: the servers' own encoding must not count.
+    zldap_test::Bytes referred = zldap_test::Concat(Entry(1, "cn=b,o=b", {}), Result(1, 0x65, 0));
+    zldap_test::ScriptServer b([&](zldap_test::ScriptConnection &c) {
+        while (auto r = c.Read())
+            c.Send(referred);
+    });
+    zldap_test::Bytes initial =
+        zldap_test::Join({Entry(1, "cn=a,o=a", {}),
+                          Seq({Integer(1), Seq({Octets("ldap://" + b.host() + "/o=b??sub")}, 0x73)}),
+                          Result(1, 0x65, 0)});
+    zldap_test::ScriptServer a([&](zldap_test::ScriptConnection &c) {
+        while (auto r = c.Read())
+            c.Send(initial);
+    });
+    sweep({[&] {
+               LDAP *ld = zldap_test::HandleFor(a);
+               if (!ld)
+                   return LDAP_NO_MEMORY;
+               LDAPMessage *res = nullptr;
+               int rc = ldap_search_s(ld, "o=a", LDAP_SCOPE_SUBTREE, "(cn=*)", nullptr, 0, &res);
+               if (rc == LDAP_SUCCESS && ldap_count_entries(ld, res) != 2)
+                   rc = LDAP_NO_MEMORY;
+               ldap_msgfree(res);
+               ldap_unbind(ld);
+               return rc;
+           },
+           LDAP_NO_MEMORY, nullptr,
+           [](int rc) { return rc == LDAP_SERVER_DOWN || rc == LDAP_FILTER_ERROR || rc == LDAP_SUCCESS; }});
+}
+
 // A server that answers extended requests with a name and a value, and
 // nothing else: other requests stay outstanding until they are abandoned.
 // The answer is written by hand, so the server allocates nothing through
@@ -825,6 +864,7 @@ const SweepRow kRows[] = {
     {"ParseExtendedResultWithControls", [](const auto &sweep) { ParseExtendedResult(sweep, true); }},
     {"TableGrowth", TableGrowth},
     {"ModifyOverTheWire", ModifyOverTheWire},
+    {"SearchReferenceChased", SearchReferenceChased},
     {"AbandonRequest", AbandonRequest},
     {"ExtendedOperation", ExtendedOperation},
 

@@ -8,6 +8,7 @@
 #include "base/trace.h"
 #include "core/ldap_error.h"
 #include "message/ldap_queue.h"
+#include "message/ldap_referrals_rows.h"
 
 #include <cerrno>
 #include <ctime>
@@ -196,15 +197,18 @@ int ldap_msg_table_get_message(LDAP *ld, ldap_msg_table *table, int id, const st
         return ldap_fail_returning(ld, LDAP_PARAM_ERROR, -1);
     ldap_msg_row *row = &table->rows[id];
     if ((row->flags & LDAP_ROW_DONE) && !row->next_to_return) {
-        if (row->parent || !row->saved_result)
+        // What the chased referrals left behind is all that is left: the
+        // substitute for those not followed, or a failure set aside.
+        LDAPMessage *outcome = nullptr;
+        if (row->parent || !row->request)
             return ldap_fail_returning(ld, LDAP_PARAM_ERROR, -1);
-        // The result set aside while referrals were chased is all that is left.
-        LDAPMessage *saved = row->saved_result;
-        row->saved_result = nullptr;
-        saved->msg_next = saved->msg_prev = nullptr;
-        row->first_result = row->last_result = saved;
-        *out = saved;
-        return saved->msg_type;
+        if (take_referral_outcome(row, row->request, &outcome) != LDAP_SUCCESS)
+            return ldap_fail_returning(ld, LDAP_NO_MEMORY, -1);
+        if (!outcome)
+            return ldap_fail_returning(ld, LDAP_PARAM_ERROR, -1);
+        ldap_msg_row_insert(row, outcome, nullptr);
+        *out = outcome;
+        return outcome->msg_type;
     }
 
     // The row's next message, filing what was read meanwhile first when the
