@@ -74,15 +74,17 @@ const sasl_callback_t *prompted_callbacks(const Credentials &credentials)
 int answer_prompts(LDAPPluginBlock *pb, const char *mechanism, const Credentials &credentials,
                    sasl_interact_t *prompts)
 {
+    int rc = LDAP_SUCCESS;
     for (sasl_interact_t *prompt = prompts; prompt->id != SASL_CB_LIST_END; prompt++) {
+        const struct berval *password = credentials.password;
         if (prompt->id == SASL_CB_PASS) {
-            if (!credentials.password) {
+            if (!password) {
                 pb->pb_trace(kTraceError, "sasl_cyrus_bind: Error - %s needs a password and the bind gave none\n",
                              mechanism);
-                return LDAP_PARAM_ERROR;
+                rc = LDAP_PARAM_ERROR;
             }
-            prompt->result = credentials.password->bv_val;
-            prompt->len = static_cast<unsigned>(credentials.password->bv_len);
+            prompt->result = password ? password->bv_val : "";
+            prompt->len = password ? static_cast<unsigned>(password->bv_len) : 0;
             continue;
         }
         const char *value = prompt->id == SASL_CB_AUTHNAME   ? credentials.authcid
@@ -95,7 +97,7 @@ int answer_prompts(LDAPPluginBlock *pb, const char *mechanism, const Credentials
         prompt->result = value;
         prompt->len = static_cast<unsigned>(std::strlen(value));
     }
-    return LDAP_SUCCESS;
+    return rc;
 }
 
 } // namespace sasl_cyrus

@@ -42,7 +42,7 @@ void release_credentials(Credentials *credentials);
 const sasl_callback_t *prompted_callbacks(const Credentials &credentials);
 
 // Fills in Cyrus's prompts from the credentials. 0, or 89 when a password
-// is asked for and the bind gave none.
+// is asked for and the bind gave none (the prompt then has an empty one).
 int answer_prompts(LDAPPluginBlock *pb, const char *mechanism, const Credentials &credentials,
                    sasl_interact_t *prompts);
 

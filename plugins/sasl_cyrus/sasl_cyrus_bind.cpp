@@ -88,12 +88,12 @@ int cyrus_step(Exchange &x, const struct berval *challenge, const char **out, un
 {
     sasl_interact_t *prompts = nullptr;
     const char *call = x.started ? "sasl_client_step" : "sasl_client_start";
-    int result = SASL_INTERACT;
-    while (result == SASL_INTERACT) {
-        if (prompts) {
-            if (int rc = answer_prompts(x.pb, x.mechanism, *x.credentials, prompts); rc != LDAP_SUCCESS)
-                return rc;
-        }
+    int result = SASL_INTERACT, refused = LDAP_SUCCESS;
+    while (result == SASL_INTERACT && refused == LDAP_SUCCESS) {
+        // The prompts go back to Cyrus, which frees them, even when the
+        // answer is a refusal.
+        if (prompts)
+            refused = answer_prompts(x.pb, x.mechanism, *x.credentials, prompts);
         const char *chosen = nullptr;
         result = x.started ? sasl_client_step(x.conn, challenge ? challenge->bv_val : nullptr,
                                               challenge ? static_cast<unsigned>(challenge->bv_len) : 0, &prompts, out,
@@ -102,6 +102,8 @@ int cyrus_step(Exchange &x, const struct berval *challenge, const char **out, un
     }
     x.started = true;
     x.done = result == SASL_OK;
+    if (refused != LDAP_SUCCESS)
+        return refused;
     if (result != SASL_OK && result != SASL_CONTINUE)
         return cyrus_failure(x.pb, x.conn, call, x.mechanism, result);
     return LDAP_SUCCESS;
