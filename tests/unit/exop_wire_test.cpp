@@ -270,6 +270,7 @@ TEST(Abandon, RefusedIdsFinishedRequestsControlsReferralsAndAFailedSend)
     EXPECT_FALSE(s.Row(parent).flags & LDAP_ROW_ABANDON);
     ASSERT_EQ(ldap_abandon_ext(s.ld, parent, nullptr, nullptr), 0);
     EXPECT_EQ(child, 8); // the ids the requests above took
+    ASSERT_EQ(s.Sent(0x50).size(), 3u);
     EXPECT_EQ(s.Sent(0x50).back(), "30 84 00 00 00 06 02 01 0A 50 01 08");
     EXPECT_TRUE(s.Row(child).flags & LDAP_ROW_ABANDON);
     int search = s.Search();
