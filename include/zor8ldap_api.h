@@ -8,6 +8,7 @@
 #define ZOR8LDAP_API_H
 
 #include "zor8ldap.h"
+#include "zor8ldap_plugin.h"
 
 #ifdef __cplusplus
 extern "C" {
@@ -62,6 +63,22 @@ int ldap_sasl_bind(LDAP *ld, const char *dn, const char *mechanism, const struct
  * with ber_bvfree). */
 int ldap_sasl_bind_s(LDAP *ld, const char *dn, const char *mechanism, const struct berval *cred,
                      LDAPControl **serverctrls, LDAPControl **clientctrls, struct berval **servercredp);
+
+/* ------------------------------------------------------------------ */
+/* SASL plug-ins (zor8ldap_plugin.h)                                   */
+/* ------------------------------------------------------------------ */
+
+/* Loads the plug-in's library (the path cut at its last dot, or extended,
+ * to end in ".so"), calls its init function and enters it in the registry,
+ * replacing an entry of the same type and name. 0, 89 for a missing type,
+ * name or path, 90, 193 (library not loaded), 194 (init function missing,
+ * or it set no bind function), 195 (init function failed). */
+int ldap_register_plugin(const LDAPPluginInfo *info);
+/* *list receives a NULL-terminated array of copies of the registry's
+ * entries, released with ldap_plugin_registry_free. 0, 89 for a NULL list
+ * or a registry of more than LDAP_PLUGIN_MAX_ENTRIES entries, 90. */
+int ldap_plugin_registry_copy(LDAPPluginInfo ***list);
+void ldap_plugin_registry_free(LDAPPluginInfo **list);
 
 /* ------------------------------------------------------------------ */
 /* Search                                                              */
@@ -516,6 +533,73 @@ int ldap_xlate_unicode_to_local(char *inbuf, unsigned int *inlen, char *outbuf, 
 /* failure). 0, 1 for a missing text, 89 for a missing result pointer, 90, */
 /* or a translation result. */
 int ldap_xlate_local_to_utf8_wrp(const char *text, char **result);
+
+/* ------------------------------------------------------------------ */
+/* Server location through DNS and a configuration file                */
+/* ------------------------------------------------------------------ */
+
+/* What to look for and where. A missing text or list takes its default:
+ * service "ldap" then "_ldap", protocol "tcp" then "_tcp", the name
+ * servers of /etc/resolv.conf, the system's domains. A name server may
+ * carry its port after a "#" ("127.0.0.1#5353"); port 53 otherwise. */
+typedef struct server_request {
+    int search_source;      /* 1 configuration file only, 2 DNS only, else both */
+    char *conf_filename;    /* NULL: "/etc/ldap_server_info.conf" */
+    void *reserved;
+    char *service_key;
+    char *enetwork_domain;  /* joined to the service as service.enetwork_domain */
+    char **name_servers;    /* NULL-terminated */
+    char **dns_domains;     /* NULL-terminated */
+    int connection_type;    /* 0 UDP, then TCP; 1 UDP only; 2 TCP only */
+    int connection_timeout; /* seconds; 0: UDP waits for ever, TCP must connect at once */
+    char *DN_filter;        /* servers' suffixes must lie under this DN */
+    char *protocol;
+} server_request;
+
+/* One server found, a node of a doubly linked list. */
+typedef struct server_info {
+    char *host;
+    int port;
+    char *suffix;
+    char *service;
+    char *domain;
+    int replica;            /* 1 master, 2 replica, 0 not given */
+    int sec_flag;           /* 1 plain LDAP, 2 LDAP over SSL, 0 not given */
+    unsigned short priority;
+    unsigned short weight;
+    char *vendor;
+    char *info;
+    struct server_info *prev;
+    struct server_info *next;
+} server_info;
+
+/* ------------------------------------------------------------------ */
+/* The user information file ("ldap_user_info" in the home directory  */
+/* of the real user when path is NULL). Results: 0; 89 for a missing  */
+/* argument; 82 without an account entry or home directory; 90; 21     */
+/* for a damaged file; 32 when the user has no record or no such item; */
+/* 53 when the file cannot be written. Release results with            */
+/* ldap_memfree.                                                       */
+/* ------------------------------------------------------------------ */
+
+#define LDAP_USER_INFO_TEXT     1
+#define LDAP_USER_INFO_PASSWORD 2 /* a blob protected with a key */
+#define LDAP_USER_INFO_DOMAIN   3 /* the default enetwork domain */
+
+/* A copy of the current user's item of that kind, followed by a zero byte
+ * that *length (optional) does not count. */
+int ldap_user_info_lookup(const char *path, int kind, char **data, int *length);
+/* Sets the current user's item (a copy of length bytes) or, with data
+ * NULL, clears it; a record left without items is dropped. */
+int ldap_user_info_update(const char *path, int kind, const char *data, int length);
+/* Protects the data (NULL clears the item) with the key. */
+int ldap_set_user_info_password(const char *key, const char *data, int length, const char *path);
+/* The data stored with this key; with another key, a made-up word and 0. */
+int ldap_get_user_info_password(const char *key, char **data, int *length, const char *path);
+int ldap_set_user_info_text(const char *text, const char *path);
+int ldap_get_user_info_text(char **text, const char *path);
+int ldap_set_user_info_domain(const char *domain, const char *path);
+int ldap_get_user_info_domain(char **domain, const char *path);
 
 #ifdef __cplusplus
 }

@@ -82,6 +82,8 @@ void ldap_init_all_mutex_once()
     g_global_once_started.store(true, std::memory_order_release);
 }
 
+void ldap_lock_plugin_mutex() { lock_global(&g_plugin_mutex, __LINE__); }
+void ldap_unlock_plugin_mutex() { unlock_global(&g_plugin_mutex, __LINE__); }
 void ldap_lock_defaults_mutex() { lock_global(&g_defaults_mutex, __LINE__); }
 void ldap_unlock_defaults_mutex() { unlock_global(&g_defaults_mutex, __LINE__); }
 void ldap_lock_xlate_mutex() { lock_global(&g_xlate_mutex, __LINE__); }

@@ -25,8 +25,10 @@ inline int ber_reserve(BerElement *ber, ber_len_t needed)
 bool ber_encoder_legacy_mode();
 bool ber_decoder_legacy_mode();
 
-// Hex-dumps a copy of the bytes with any userpassword value blanked out.
-void ber_dump_masked(const char *from, size_t len);
+// Hex-dumps a copy of the bytes with any userpassword value and a simple
+// bind's password blanked out, from dump_from on: the passwords are found
+// in the whole request even when only its unwritten rest is shown.
+void ber_dump_masked(const char *from, size_t len, size_t dump_from);
 
 struct MemFree {
     void operator()(void *p) const { mem_free(p); }

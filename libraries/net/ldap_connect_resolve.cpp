@@ -193,8 +193,9 @@ int tds_connect(int sd, const struct sockaddr *address, socklen_t address_len,
             rc = -1;
         } else {
             LDAP_TRACE(TRC_CONN, "tds_connect: select rc=%d\n", ready);
-            // Writable also means "finished with an error": a refused
-            // connection must fail here so that the next address is tried.
+            // Writable also means "finished with an error": the pending error
+            // is read rather than writability taken as success, so that a
+            // refused connection fails here and the next address is tried.
             rc = pending_connect_error(sd);
         }
     } else {

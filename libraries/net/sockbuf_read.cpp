@@ -8,6 +8,7 @@
 #include "base/trace.h"
 #include "net/zorlib.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <poll.h>
@@ -17,6 +18,7 @@ namespace {
 
 constexpr ber_len_t kMaxElementLength = 0x7FFFFFFE;
 constexpr int kMaxLengthOctets = 8;
+constexpr size_t kFirstContentBlock = 16 * 1024;
 
 // Step 2 of framing: the tag and the first length octet. A tag octet that
 // arrives alone is kept in ber_tag for the next call.
@@ -77,20 +79,62 @@ ber_tag_t read_long_length(Sockbuf *sb, BerElement *ber)
     return 0;
 }
 
-// Step 4: the content buffer, with a NUL after the contents.
-bool allocate_contents(BerElement *ber, int *state)
+// Steps 4 and 5 keep the contents in a buffer that grows as they arrive,
+// doubling up to the declared length: a length alone costs one small
+// block, whatever a peer declares before it stops sending. While the
+// contents are incomplete ber_buf is the block, ber_ptr the fill position
+// and ber_end the end of the room so far; one byte more holds the NUL.
+bool size_contents(BerElement *ber, size_t room)
 {
-    if (ber->ber_len == 0 || ber->ber_len > kMaxElementLength)
-        return false;
-    char *buf = static_cast<char *>(zldap::mem_calloc(ber->ber_len + 1, 1));
+    size_t filled = static_cast<size_t>(ber->ber_ptr - ber->ber_buf);
+    char *buf = static_cast<char *>(zldap::mem_realloc(ber->ber_buf, room + 1));
     if (!buf) {
         LDAP_TRACE(TRC_ERROR, "fber_get_next_nb: calloc failed, ber->ber_len=%d\n", static_cast<int>(ber->ber_len));
         return false;
     }
-    ber->ber_buf = ber->ber_ptr = buf;
-    ber->ber_end = buf + ber->ber_len;
+    ber->ber_buf = buf;
+    ber->ber_ptr = buf + filled;
+    ber->ber_end = buf + room;
+    return true;
+}
+
+// Step 4: the first block of the content buffer.
+bool allocate_contents(BerElement *ber, int *state)
+{
+    if (ber->ber_len == 0 || ber->ber_len > kMaxElementLength)
+        return false;
+    if (!size_contents(ber, std::min<size_t>(ber->ber_len, kFirstContentBlock)))
+        return false;
     *state = static_cast<int>(ber->ber_len);
     return true;
+}
+
+// Step 5: the contents, read straight into their buffer; *state counts
+// the bytes still to come. 0 when all are in, else 11 or LBER_DEFAULT.
+ber_tag_t read_contents(Sockbuf *sb, BerElement *ber, int *state)
+{
+    while (*state > 0) {
+        size_t room = static_cast<size_t>(ber->ber_end - ber->ber_buf);
+        if (ber->ber_ptr == ber->ber_end && !size_contents(ber, std::min<size_t>(ber->ber_len, 2 * room)))
+            return LBER_DEFAULT;
+        long want = std::min<long>(*state, ber->ber_end - ber->ber_ptr);
+        long left = 0;
+        int rc = FBerReadDirect_nb(sb, ber->ber_ptr, want, &left);
+        if (rc != 0 && rc != LBER_WOULD_BLOCK) {
+            LDAP_TRACE(TRC_BER, "fber_get_next_nb->FBerReadDirect_nb:3 rc=%d\n", rc);
+            return LBER_DEFAULT;
+        }
+        long got = rc == 0 ? want : want - left;
+        ber->ber_ptr += got;
+        *state -= static_cast<int>(got);
+        if (rc == LBER_WOULD_BLOCK) {
+            LDAP_TRACE(TRC_BER, "fber_get_next_nb->FBerReadDirect_nb rc=%d: %d bytes left to read\n", rc, *state);
+            return LBER_WOULD_BLOCK;
+        }
+    }
+    ber->ber_ptr = ber->ber_buf;
+    *ber->ber_end = '\0';
+    return 0;
 }
 
 } // namespace
@@ -164,21 +208,8 @@ ber_tag_t fber_get_next_nb(Sockbuf *sb, BerElement *ber, int *state)
         if (!allocate_contents(ber, state))
             return LBER_DEFAULT;
     }
-    // The contents go straight into their final buffer; a resumed read
-    // continues where the last one stopped, at ber_end - *state.
-    long left = 0;
-    int read_rc = FBerReadDirect_nb(sb, ber->ber_end - *state, *state, &left);
-    if (read_rc == LBER_WOULD_BLOCK) {
-        LDAP_TRACE(TRC_BER, "fber_get_next_nb->FBerReadDirect_nb rc=%d: %d bytes left to read\n", read_rc,
-                   static_cast<int>(left));
-        *state = static_cast<int>(left);
-        return LBER_WOULD_BLOCK;
-    }
-    if (read_rc != 0) {
-        LDAP_TRACE(TRC_BER, "fber_get_next_nb->FBerReadDirect_nb:3 rc=%d\n", read_rc);
-        return LBER_DEFAULT;
-    }
-    *state = 0;
+    if ((rc = read_contents(sb, ber, state)) != 0)
+        return rc;
     if (zldap::trace_enabled(TRC_BER)) {
         zldap::trace_print(TRC_BER, "fber_get_next_nb: tag 0x%lx len=%ld contents:\n", ber->ber_tag,
                            static_cast<long>(ber->ber_len));

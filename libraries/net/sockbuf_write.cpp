@@ -56,7 +56,8 @@ int fber_flush_nb(Sockbuf *sb, BerElement *ber)
     if (zldap::trace_enabled(TRC_BER)) {
         zldap::trace_print(TRC_BER, "fber_flush_nb: %ld bytes to sd=%d%s\n", pending, sb->sd,
                            ber->ber_rwptr != ber->ber_buf ? " (re-flush)" : "");
-        zldap::ber_dump_masked(ber->ber_rwptr, pending > 0 ? static_cast<size_t>(pending) : 0);
+        size_t done = static_cast<size_t>(ber->ber_rwptr - ber->ber_buf);
+        zldap::ber_dump_masked(ber->ber_buf, pending > 0 ? done + static_cast<size_t>(pending) : done, done);
     }
     while (pending > 0) {
         long n = BerWrite_nb(sb, ber->ber_rwptr, pending);

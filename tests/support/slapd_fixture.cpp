@@ -53,15 +53,19 @@ int Run(const std::vector<std::string> &argv, const std::string &log)
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
-std::string Config(const std::string &dir)
+std::string Config(const std::string &dir, const SlapdData &data)
 {
     std::ostringstream c;
     c << "include /etc/ldap/schema/core.schema\n"
          "include /etc/ldap/schema/cosine.schema\n"
          "include /etc/ldap/schema/inetorgperson.schema\n"
       << "pidfile " << dir << "/slapd.pid\n"
-      << "modulepath /usr/lib/ldap\nmoduleload back_mdb\n"
-         "sizelimit unlimited\n"
+      << "modulepath /usr/lib/ldap\nmoduleload back_mdb\n";
+    for (const std::string &overlay : data.overlays)
+        c << "moduleload " << overlay << "\n";
+    if (!data.authz_policy.empty())
+        c << "authz-policy " << data.authz_policy << "\n";
+    c << "sizelimit unlimited\n"
          "database mdb\nmaxsize 268435456\n"
       << "suffix \"" << Slapd::kBase << "\"\n"
       << "rootdn \"" << Slapd::kRootDn << "\"\n"
@@ -70,6 +74,9 @@ std::string Config(const std::string &dir)
       // Users may change their own password (the password modify operation).
       << "access to attrs=userPassword by self write by * auth\n"
       << "access to * by dn.exact=\"" << Slapd::kRootDn << "\" write by * read\n";
+    for (const std::string &overlay : data.overlays)
+        c << "overlay " << overlay << "\n";
+    c << data.overlay_config;
     return c.str();
 }
 
@@ -107,6 +114,7 @@ std::string Data(const SlapdData &data)
             l << "dn: cn=bulk" << i << ",ou=bulk,dc=example,dc=com\nobjectClass: person\ncn: bulk" << i
               << "\nsn: Bulk\ndescription: entry " << i << " of the large subtree\ntelephoneNumber: " << i << "\n\n";
     }
+    l << data.ldif;
     return l.str();
 }
 
@@ -129,7 +137,7 @@ bool Slapd::Setup()
         error_ = "cannot make the database directory";
         return false;
     }
-    std::ofstream(dir + "/slapd.conf") << Config(dir);
+    std::ofstream(dir + "/slapd.conf") << Config(dir, data_);
     std::ofstream(dir + "/data.ldif") << Data(data_);
     if (Run({kSlapadd, "-q", "-f", dir + "/slapd.conf", "-l", dir + "/data.ldif"}, dir + "/slapadd.log") != 0) {
         error_ = "slapadd failed: " + ReadFile(dir + "/slapadd.log");

@@ -7,6 +7,7 @@
 #include "test_util.h"
 
 #include <string>
+#include <vector>
 #include <sys/types.h>
 
 namespace zldap_test {
@@ -14,6 +15,12 @@ namespace zldap_test {
 struct SlapdData {
     int people = 200;      // uid=userNNN,ou=people entries
     int bulk = 0;          // entries under ou=bulk, for large searches
+    // Overlays from /usr/lib/ldap, loaded and stacked on the database in this
+    // order, and the directives that configure them.
+    std::vector<std::string> overlays;
+    std::string overlay_config;
+    std::string authz_policy; // "to", "from", "any" or "all"; empty: none
+    std::string ldif;         // further entries, loaded after the standard ones
 };
 
 class Slapd {

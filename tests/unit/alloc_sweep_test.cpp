@@ -4,13 +4,18 @@
 #include "alloc_faults.h"
 #include "base/memory.h"
 #include "ber_test_support.h"
+#include "config/conf_file.h"
 #include "conn/ldap_connect.h"
 #include "core/ldap_error.h"
+#include "dns/ldapdns.h"
+#include "dns_test_support.h"
 #include "engine_fixture.h"
 #include "loopback.h"
 #include "message/ldap_message.h"
 #include "message/ldap_table.h"
+#include "net/sockbuf.h"
 #include "ops/update.h"
+#include "plugin_support.h"
 #include "proto/dn.h"
 #include "proto/filter.h"
 #include "proto/ldap_controls.h"
@@ -29,10 +34,13 @@
 
 #include <algorithm>
 #include <cstring>
+#include <fstream>
 #include <functional>
 #include <memory>
 #include <optional>
 #include <string>
+#include <sys/socket.h>
+#include <unistd.h>
 #include <vector>
 
 namespace {
@@ -241,6 +249,27 @@ void Xlate(const std::function<void(const AllocFaultScenario &)> &sweep)
                return rc;
            },
            LDAP_NO_MEMORY});
+}
+
+// A 40 kB message framed from a socket: its content buffer grows twice on
+// the way, and a failed growth leaves nothing behind.
+void Framing(const Sweep &sweep)
+{
+    const std::string message = std::string("\x30\x82\xA0", 3) + '\0' + std::string(0xA000, 'z');
+    sweep({[&] {
+               int fds[2] = {-1, -1};
+               if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0, fds) != 0 ||
+                   write(fds[1], message.data(), message.size()) != static_cast<ssize_t>(message.size()))
+                   return -2;
+               Sockbuf sb{fds[0], nullptr};
+               zldap_test::BerPtr ber(fber_alloc_t(0));
+               int state = 0;
+               ber_tag_t tag = ber ? fber_get_next_nb(&sb, ber.get(), &state) : LBER_DEFAULT;
+               close(fds[0]);
+               close(fds[1]);
+               return tag == 0x30 ? 0 : -1;
+           },
+           -1});
 }
 
 // Every allocating reader in one walk, on an element that converts its
@@ -571,6 +600,45 @@ void ModifyOverTheWire(const std::function<void(const AllocFaultScenario &)> &sw
            LDAP_NO_MEMORY, nullptr, [](int rc) { return rc == LDAP_SERVER_DOWN || rc == LDAP_SUCCESS; }});
 }
 
+// A search whose first server refers to a second one with a search
+// reference, on a fresh handle each run. A failure while chasing drops
+// the reference: the search succeeds without the second server's entry,
+// which the row counts as the memory failure it is. A failure while
+// reading costs the connection; one in the filter encoder is a filter
+// error; a few (error records) cost nothing.
+void SearchReferenceChased(const std::function<void(const AllocFaultScenario &)> &sweep)
+{
+    using namespace zldap_test::wire;
+    // Encoded before the sweep: the servers' own encoding must not count.
+    zldap_test::Bytes referred = zldap_test::Concat(Entry(1, "cn=b,o=b", {}), Result(1, 0x65, 0));
+    zldap_test::ScriptServer b([&](zldap_test::ScriptConnection &c) {
+        while (auto r = c.Read())
+            c.Send(referred);
+    });
+    zldap_test::Bytes initial =
+        zldap_test::Join({Entry(1, "cn=a,o=a", {}),
+                          Seq({Integer(1), Seq({Octets("ldap://" + b.host() + "/o=b??sub")}, 0x73)}),
+                          Result(1, 0x65, 0)});
+    zldap_test::ScriptServer a([&](zldap_test::ScriptConnection &c) {
+        while (auto r = c.Read())
+            c.Send(initial);
+    });
+    sweep({[&] {
+               LDAP *ld = zldap_test::HandleFor(a);
+               if (!ld)
+                   return LDAP_NO_MEMORY;
+               LDAPMessage *res = nullptr;
+               int rc = ldap_search_s(ld, "o=a", LDAP_SCOPE_SUBTREE, "(cn=*)", nullptr, 0, &res);
+               if (rc == LDAP_SUCCESS && ldap_count_entries(ld, res) != 2)
+                   rc = LDAP_NO_MEMORY;
+               ldap_msgfree(res);
+               ldap_unbind(ld);
+               return rc;
+           },
+           LDAP_NO_MEMORY, nullptr,
+           [](int rc) { return rc == LDAP_SERVER_DOWN || rc == LDAP_FILTER_ERROR || rc == LDAP_SUCCESS; }});
+}
+
 // A server that answers extended requests with a name and a value, and
 // nothing else: other requests stay outstanding until they are abandoned.
 // The answer is written by hand, so the server allocates nothing through
@@ -649,10 +717,129 @@ void ExtendedOperation(const Sweep &sweep)
            [](int rc) { return rc == LDAP_SERVER_DOWN || rc == LDAP_CONNECT_ERROR || rc == LDAP_SUCCESS; }});
 }
 
+// ---- server location ----------------------------------------------------
+
+// Name servers from a resolver file, the domain from LOCALDOMAIN.
+void DnsSearchLists(const std::function<void(const AllocFaultScenario &)> &sweep)
+{
+    zldap_test::TempDir dir;
+    std::ofstream(dir.file("resolv.conf")) << "nameserver 10.0.0.1\nnameserver 10.0.0.2\nsearch a.example\n";
+    zldap_test::ScopedEnv env("LOCALDOMAIN", "l.example");
+    sweep({[&] {
+               server_request request{};
+               zldap::DnsSearchLists lists;
+               int rc = zldap::dns_settle_search_lists(&request, dir.file("resolv.conf").c_str(), "h", &lists);
+               zldap::dns_search_lists_free(&lists);
+               return rc;
+           },
+           LDAP_NO_MEMORY});
+}
+
+// A lookup whose servers each get a vendor, an info text and a service URL.
+void DnsLookup(const std::function<void(const AllocFaultScenario &)> &sweep)
+{
+    namespace dns = zldap_test::dns;
+    zldap_test::DnsPeer peer([](const zldap_test::DnsQuery &q) {
+        std::vector<zldap_test::Bytes> records;
+        if (q.type == 255)
+            records = {dns::Srv(q.name, 1, 1, 389, "a.example"), dns::Srv(q.name, 1, 2, 389, "b.example")};
+        else
+            records = {dns::Txt(q.name, {"service:ldaps://" + q.name + ":636/o=x", "ldapvendor:v", "ldapinfo:i"})};
+        return std::vector<zldap_test::Bytes>{dns::Answer(q.id, 0x8180, q.name, q.type, records)};
+    });
+    sweep({[&] {
+               dns::LookupOutcome out = dns::Lookup({peer.name_server()});
+               return out.rc == 0 && out.servers.size() != 2 ? -2 : out.rc;
+           },
+           LDAP_NO_MEMORY});
+}
+
+// Items of the current user among another user's, then the password
+// read with its key and with another.
+void UserInfoFile(const std::function<void(const AllocFaultScenario &)> &sweep)
+{
+    zldap_test::TempDir dir;
+    const std::string path = dir.file("ldap_user_info");
+    sweep({[&] {
+               // alice's record: no domain, the text "t", no password
+               std::ofstream(path, std::ios::binary) << std::string("\x05" "alice" "\x00\x01\x00\x00\x00\x01" "t" "\x00", 14);
+               int rc = ldap_set_user_info_text("text", path.c_str());
+               if (rc == 0)
+                   rc = ldap_set_user_info_password("key", "secret", 6, path.c_str());
+               for (const char *key : {"key", "other"}) {
+                   char *data = nullptr;
+                   int length = 0;
+                   if (rc == 0)
+                       rc = ldap_get_user_info_password(key, &data, &length, path.c_str());
+                   ldap_memfree(data);
+               }
+               return rc;
+           },
+           LDAP_NO_MEMORY});
+}
+
+// ---- configuration ----------------------------------------------------
+
+// The configuration file read into a list of its own. A failure while the
+// file is located leaves it unfound.
+void ConfRead(const std::function<void(const AllocFaultScenario &)> &sweep)
+{
+    zldap_test::ConfFile conf("plugin sasl A lib init a b\n# comment\nplugin sasl B lib\n");
+    sweep({[] {
+               ldap_conf_list list{};
+               int rc = ldap_read_conf_file(&list);
+               EXPECT_EQ(rc == 0, list.first && list.first->next);
+               ldap_conf_list_clear(&list);
+               return rc;
+           },
+           LDAP_NO_MEMORY, nullptr, [](int rc) { return rc == LDAP_PLUGIN_CONF_NOT_OPENED; }});
+}
+
+// A registration replacing its own entry, then a copy of the registry. The
+// configuration file the registration reads first is not looked at, so a
+// failure there goes unnoticed; a record for the opened library that can't
+// be made is a library not loaded.
+void RegisterAndCopy(const std::function<void(const AllocFaultScenario &)> &sweep)
+{
+    sweep({[] {
+               int rc = zldap_test::RegisterTestPlugin("SWEEP", "test_plugin_init", "a b");
+               LDAPPluginInfo **list = nullptr;
+               if (rc == 0)
+                   rc = ldap_plugin_registry_copy(&list);
+               ldap_plugin_registry_free(list);
+               return rc;
+           },
+           LDAP_NO_MEMORY, nullptr, [](int rc) { return rc == LDAP_SUCCESS || rc == LDAP_PLUGIN_NOT_LOADED; }});
+}
+
+// A SASL bind handed to a plug-in that binds through the library and keeps
+// its block for its close function, on a fresh handle each run. Failures
+// while reading the answer cost the connection, as in ModifyOverTheWire.
+void PluginBind(const std::function<void(const AllocFaultScenario &)> &sweep)
+{
+    ASSERT_EQ(zldap_test::RegisterTestPlugin("SWEEP-BIND", "test_plugin_init", "send close"), 0);
+    zldap_test::Bytes reply = zldap_test::wire::Result(1, 0x61, 0);
+    zldap_test::ScriptServer server([&](zldap_test::ScriptConnection &c) {
+        while (auto r = c.Read())
+            if (r->tag != 0x42)
+                c.Send(reply);
+    });
+    sweep({[&] {
+               LDAP *ld = zldap_test::HandleFor(server);
+               if (!ld)
+                   return LDAP_NO_MEMORY;
+               int rc = ldap_sasl_bind_s(ld, "cn=a", "SWEEP-BIND", nullptr, nullptr, nullptr, nullptr);
+               ldap_unbind(ld);
+               return rc;
+           },
+           LDAP_NO_MEMORY, nullptr, [](int rc) { return rc == LDAP_SERVER_DOWN || rc == LDAP_SUCCESS; }});
+}
+
 const SweepRow kRows[] = {
     // ---- codec and protocol pieces rows ----
     {"UrlParse", UrlParse},
     {"BerCodec", BerCodec},
+    {"Framing", Framing},
     {"Controls", Controls},
     {"DnParse", DnParse},
     {"DnExplode", DnExplode},
@@ -677,8 +864,18 @@ const SweepRow kRows[] = {
     {"ParseExtendedResultWithControls", [](const auto &sweep) { ParseExtendedResult(sweep, true); }},
     {"TableGrowth", TableGrowth},
     {"ModifyOverTheWire", ModifyOverTheWire},
+    {"SearchReferenceChased", SearchReferenceChased},
     {"AbandonRequest", AbandonRequest},
     {"ExtendedOperation", ExtendedOperation},
+
+    // ---- server location rows ----
+    {"DnsSearchLists", DnsSearchLists},
+    {"DnsLookup", DnsLookup},
+    {"UserInfoFile", UserInfoFile},
+    // ---- configuration rows ----
+    {"ConfRead", ConfRead},
+    {"RegisterAndCopy", RegisterAndCopy},
+    {"PluginBind", PluginBind},
 };
 
 class AllocSweep : public testing::TestWithParam<SweepRow> {};

@@ -86,6 +86,26 @@ TEST(Send, TheFirstRequestConnectsAndIsWrittenExactly)
     ReleaseRow(h.ld, second);
 }
 
+// A search under the handle's time limit of 0 whose request fills the send
+// buffer waits until the server reads, instead of polling once and closing.
+TEST(Send, AZeroTimeLimitWaitsForAFullSendBuffer)
+{
+    ScriptServer server([](ScriptConnection &c) {
+        std::this_thread::sleep_for(300ms); // the client's buffer fills meanwhile
+        if (auto r = c.Read()) {
+            c.Send(wire::Result(r->id, kDone, 0));
+            c.Read(5s);
+        }
+    });
+    Handle h(server);
+    std::string base(8 << 20, 'x'); // more than the socket buffers of both ends hold
+    LDAPMessage *res = nullptr;
+    struct timeval tv {30, 0};
+    EXPECT_EQ(ldap_search_st(h.ld, base.c_str(), LDAP_SCOPE_BASE, "(cn=a)", nullptr, 0, &tv, &res), 0);
+    ldap_msgfree(res);
+    EXPECT_FALSE(lconn_is_closed(h.ld->ld_defconn));
+}
+
 TEST(Send, ARefusedConnectionFailsTheRequestAndKeepsNothing)
 {
     RefusedPort refused;
@@ -146,6 +166,31 @@ TEST(Result, AnAllTimeOutKeepsWhatItGatheredForTheNextCall)
         types.push_back(m->msg_type);
     EXPECT_EQ(types, (std::vector<int>{kEntry, kEntry, kDone}));
     ReleaseRow(s.ld, id);
+}
+
+// A complete result already filed is handed out whole even when that
+// takes longer than the time-out, not reported as a time-out.
+TEST(Result, AnAllHandsOutACompleteResultWhateverItsTimeOut)
+{
+    ScriptServer server([](ScriptConnection &c) {
+        auto first = c.Read(), second = c.Read();
+        if (!first || !second)
+            return;
+        for (int i = 0; i < 200; i++)
+            c.Send(wire::Entry(first->id, "cn=e", {}));
+        c.Send(Concat(wire::Result(first->id, kDone, 0), wire::Result(second->id, kDelResp, 0)));
+        c.Read(5s);
+    });
+    Handle h(server);
+    int id = 0, second = 0;
+    ASSERT_EQ(SendDelete(h.ld, "cn=many", &id), 0);
+    ASSERT_EQ(SendDelete(h.ld, "cn=after", &second), 0);
+    LDAPMessage *res = nullptr;
+    ASSERT_EQ(All(h.ld, second, &res), kDelResp) << "everything for the first is filed on the way";
+    ASSERT_EQ(All(h.ld, id, &res, {0, 0}), kDone);
+    EXPECT_EQ(ldap_count_messages(h.ld, res), 201);
+    ReleaseRow(h.ld, id);
+    ReleaseRow(h.ld, second);
 }
 
 TEST(Result, NotificationsWithIdZeroGoToRowZero)

@@ -49,6 +49,8 @@ INSTANTIATE_TEST_SUITE_P(
         FilterCase{"(age<=5)", "A6 84 00 00 00 08 04 03 61 67 65 04 01 35"},
         FilterCase{"(cn~=x)", "A8 84 00 00 00 07 04 02 63 6E 04 01 78"},
         FilterCase{"(cn:dn:=x)", "A9 84 00 00 00 0A 82 02 63 6E 83 01 78 84 01 FF"},
+        FilterCase{"(cn::=x)", "A9 84 00 00 00 0A 82 02 63 6E 83 01 78 84 01 00"},
+        FilterCase{"(cn:dn::=x)", "A9 84 00 00 00 0A 82 02 63 6E 83 01 78 84 01 FF"},
         FilterCase{"(cn:2.5.13.5:=x)", "A9 84 00 00 00 14 81 08 32 2E 35 2E 31 33 2E 35 82 02 63 6E 83 01 78 84 01 00"},
         FilterCase{"(:dn:2.5.13.5:=x)", "A9 84 00 00 00 10 81 08 32 2E 35 2E 31 33 2E 35 83 01 78 84 01 FF"},
         FilterCase{"(:2.5.13.5:=a\\2a)", "A9 84 00 00 00 13 81 08 32 2E 35 2E 31 33 2E 35 83 04 61 5C 32 61 84 01 00"},
@@ -65,8 +67,8 @@ TEST_P(MalformedFilters, AreRefused) { EXPECT_EQ(Encode(GetParam()), "FAILED") <
 
 INSTANTIATE_TEST_SUITE_P(Kinds, MalformedFilters,
                          testing::Values("", "   ", "(cn=x))", "(cn=x", "((cn=x)", ")", "(cn)", "(&(cn=x)",
-                                         "(cn=a\\2)", "(cn=a\\zz)", "(cn=x\\ )", "(cn:=x)", "(cn::=x)",
-                                         "(cn:dn::=x)", "(&(a=b)(c))", "(cn=a\\"));
+                                         "(cn=a\\2)", "(cn=a\\zz)", "(cn=x\\ )", "(cn:=x)", "(cn:::=x)",
+                                         "(cn:dn:::=x)", "(&(a=b)(c))", "(cn=a\\"));
 
 TEST(FilterEncoding, RefusesNullArguments)
 {

@@ -1,11 +1,14 @@
 // Threads sharing one handle: sixteen send their own requests and wait for
 // their own ids while the server answers out of order, and every answer
 // must reach the thread that owns it; each thread reads its own error; an
-// unbind waits for the operations inside the handle's guard. Also run
-// under ThreadSanitizer.
+// unbind waits for the operations inside the handle's guard; searches that
+// time out while others read leave no rows, and one cut short by an unbind
+// says why. Also run under ThreadSanitizer.
 #include "engine_fixture.h"
 #include "core/ldap_error.h"
 #include "core/ldap_init_guard.h"
+#include "ops/search.h"
+#include "results/results.h"
 #include "session/ldap_init.h"
 #include "session/ldap_unbind.h"
 
@@ -85,6 +88,44 @@ TEST(HandleThreads, EveryAnswerReachesItsOwner)
     EXPECT_EQ(ldap_unbind(ld), 0);
 }
 
+// Searches that give up after a random time-out while other threads keep
+// reading: a search's result may be filed by another thread between its
+// time-out and the marking of its row as orphaned. No row may be left.
+TEST(HandleThreads, TimedOutSearchesLeaveNoRowsBehind)
+{
+    constexpr int kSearchers = 8, kSearches = 150;
+    ScriptServer server([](ScriptConnection &c) {
+        std::mt19937 random(54321);
+        while (auto r = c.Read()) {
+            std::this_thread::sleep_for(std::chrono::microseconds(random() % 1500));
+            c.Send(Concat(wire::Entry(r->id, "cn=a", {{"cn", {"a"}}}), wire::Result(r->id, 0x65, 0)));
+        }
+    });
+    LDAP *ld = HandleFor(server);
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kSearchers; t++) {
+        threads.emplace_back([ld, t] {
+            std::mt19937 random(t);
+            for (int i = 0; i < kSearches; i++) {
+                struct timeval tv {0, static_cast<suseconds_t>(random() % 61) * 1000};
+                LDAPMessage *res = nullptr;
+                int rc = ldap_search_st(ld, "o=x", LDAP_SCOPE_BASE, "(cn=a)", nullptr, 0, &tv, &res);
+                EXPECT_TRUE(rc == LDAP_SUCCESS || rc == LDAP_TIMEOUT) << rc;
+                ldap_msgfree(res);
+            }
+        });
+    }
+    for (std::thread &t : threads)
+        t.join();
+    // A last search without limit is answered after every earlier one, so
+    // every orphan's result has been filed when it returns.
+    LDAPMessage *res = nullptr;
+    EXPECT_EQ(ldap_search_s(ld, "o=x", LDAP_SCOPE_BASE, "(cn=a)", nullptr, 0, &res), LDAP_SUCCESS);
+    ldap_msgfree(res);
+    EXPECT_EQ(ldap_msg_table_outstanding(TableOf(ld)), 0);
+    EXPECT_EQ(ldap_unbind(ld), 0);
+}
+
 TEST(HandleThreads, UnbindWaitsForAThreadInsideLdapResult)
 {
     std::atomic<bool> answer{false};
@@ -124,6 +165,29 @@ TEST(HandleThreads, UnbindWaitsForAThreadInsideLdapResult)
     waiter.join();
     answerer.join();
     EXPECT_EQ(result.load(), kDelResp);
+}
+
+// An unbind that starts while a search is under way refuses the search's
+// inner steps, which record no error of their own: the search must still
+// say 89. The rounds let the unbind start at different moments.
+TEST(HandleThreads, ASearchCutShortByAnUnbindSaysSo)
+{
+    for (int round = 0; round < 300; round++) {
+        LDAP *ld = ldap_init("localhost", 0);
+        ASSERT_EQ(ldap_start_operation(ld), 0); // keeps the handle until the searcher is done
+        int rc = LDAP_FILTER_ERROR; // a filter the encoder rejects: no connection is needed
+        std::thread searcher([&] {
+            struct timeval tv {10, 0};
+            LDAPMessage *res = nullptr;
+            while (rc == LDAP_FILTER_ERROR && ldap_set_error(ld, LDAP_SUCCESS, nullptr, nullptr) == 0)
+                rc = ldap_search_st(ld, "o=x", 0, "(cn=x))", nullptr, 0, &tv, &res);
+        });
+        std::thread unbinder([ld] { ldap_unbind(ld); });
+        searcher.join();
+        EXPECT_TRUE(rc == LDAP_FILTER_ERROR || rc == LDAP_PARAM_ERROR) << rc;
+        ldap_end_operation(ld);
+        unbinder.join();
+    }
 }
 
 TEST(HandleThreads, EachThreadReadsItsOwnError)

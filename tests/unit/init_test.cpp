@@ -39,6 +39,9 @@ TEST(Init, HostsUrlsAndPorts)
         {"<URL:ldap://[::1]:1390/>", 0, "::1", 1390},
         {"ldap:///o=example", 0, nullptr, 0}, // without a host a URL needs server location
         {"ldap://h:12x/", 0, nullptr, 0},
+        {"localhost", 65925, nullptr, 0}, // would reach the socket as 389
+        {"ldap://server:65925", 0, nullptr, 0},
+        {"ldap://h%zzevil.example/", 0, nullptr, 0}, // not the host "h"
     };
     for (const auto &c : cases) {
         LDAP *ld = ldap_init(c.host, c.port);

@@ -52,6 +52,15 @@ Answer Found(int code, std::chrono::milliseconds delay = {})
     };
 }
 
+// What a web server says to bytes it cannot parse; the socket stays open.
+Answer HttpError()
+{
+    return [](int) {
+        std::string text = "HTTP/1.1 400 Bad Request\r\nContent-Length: 0\r\n\r\n";
+        return Bytes(text.begin(), text.end());
+    };
+}
+
 Answer BindInProgress(const char *creds)
 {
     return [=](int id) {
@@ -129,6 +138,14 @@ const WireCase kCases[] = {
      "60 84 00 00 00 07 02 01 02 04 00 80 00", Done(0x61), 0},
     {"AsynchronousBindGivesTheId", [](LDAP *ld) { return ldap_bind(ld, "cn=a", "pw", LDAP_AUTH_SIMPLE); },
      "60 84 00 00 00 0D 02 01 03 04 04 63 6E 3D 61 80 02 70 77", Done(0x61), 1},
+    {"ABindToAPeerThatDoesNotSpeakLdapFailsAtOnce",
+     [](LDAP *ld) {
+         auto start = std::chrono::steady_clock::now();
+         int rc = ldap_simple_bind_s(ld, "cn=a", nullptr);
+         EXPECT_LT(std::chrono::steady_clock::now() - start, 5s) << "not when the peer gives up";
+         return rc;
+     },
+     "60 84 00 00 00 0B 02 01 03 04 04 63 6E 3D 61 80 00", HttpError(), LDAP_SERVER_DOWN, LDAP_SERVER_DOWN},
     {"OtherBindMethodsAreUnknownToBindS", [](LDAP *ld) { return ldap_bind_s(ld, "cn=a", "pw", 0); }, "", {},
      LDAP_AUTH_UNKNOWN},
     {"OtherBindMethodsAreUnknown", [](LDAP *ld) { return ldap_bind(ld, "cn=a", "pw", LDAP_AUTH_SASL); }, "", {},

@@ -240,6 +240,22 @@ TEST_F(ReferralRows, FlagsFollowTheChildAndADoneChildGoesOnceItsMessagesAreUnlin
     EXPECT_EQ(child->rows[child_id].flags, 0u);
 }
 
+// A waiter that gives up after its final response was filed (by another
+// thread) orphans a complete row: it goes at once, and its child when the
+// child's result comes.
+TEST_F(ReferralRows, AnOrphanWhoseResultIsFiledGoesAtOnceItsChildLater)
+{
+    FileResponse(table, parent_id, 0x65);
+    ldap_msg_table_set_flag(ld, table, parent_id, LDAP_ROW_ORPHAN);
+    EXPECT_EQ(table->rows[parent_id].flags, 0u) << "released with its chain";
+    EXPECT_TRUE(child->rows[child_id].flags & LDAP_ROW_ORPHAN);
+    FileResponse(child, child_id, 0x65);
+    EXPECT_EQ(ldap_msg_table_outstanding(child), 0);
+    EXPECT_EQ(ldap_msg_table_outstanding(table), 0);
+    ldap_msg_table_set_flag(ld, table, parent_id, LDAP_ROW_ORPHAN);
+    EXPECT_EQ(table->rows[parent_id].flags, 0u) << "a released row takes no flags";
+}
+
 TEST_F(ReferralRows, CleanupReleasesAnOwnedChildAndItsLink)
 {
     cleanup_table_and_references(ld, child, child_id);

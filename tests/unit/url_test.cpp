@@ -41,6 +41,7 @@ TEST(UrlParse, EveryPartWithAndWithoutDefaults)
         {"ldap://[::1]:1389/o=x", false, "ldap|::1|1389|o=x|-|0|(objectClass=*)|-"},
         {"ldap://h:/o=x", false, "ldap|h|0|o=x|-|0|(objectClass=*)|-"},
         {"ldap://a%2db/", false, "ldap|a-b|389|-|-|0|(objectClass=*)|-"},
+        {"ldap://h:65535/o=%4A%6a", false, "ldap|h|65535|o=Jj|-|0|(objectClass=*)|-"},
     };
     for (const auto &c : cases) {
         LDAPURLDesc *d = nullptr;
@@ -60,6 +61,14 @@ TEST(UrlParse, RefusalsGiveTheirCodeAndNoRecord)
         {"", LDAP_URL_NOT_LDAP},                    {"ldap:/h", LDAP_URL_NOT_LDAP},
         {"ldap://h:12a/", LDAP_INVALID_SYNTAX},     {"ldap://h:99999999999/", LDAP_INVALID_SYNTAX},
         {"ldap://h/o=x??subtree", LDAP_URL_BAD_SCOPE}, {"ldap://h/o=x??x?", LDAP_URL_BAD_SCOPE},
+        {"ldap://h:65536/", LDAP_INVALID_SYNTAX},
+        // A bad escape, or text after the "]" of an address, never shortens
+        // a part: refused wherever it stands.
+        {"ldap://h/o=admin%zz,c=us", LDAP_INVALID_SYNTAX}, {"ldap://h/o=a%2z", LDAP_INVALID_SYNTAX},
+        {"ldap://h/o=a%00,c=us", LDAP_INVALID_SYNTAX},    {"ldap://h/o=a%4", LDAP_INVALID_SYNTAX},
+        {"ldap://h%zzevil.example/", LDAP_INVALID_SYNTAX}, {"ldap://h/?cn%,mail", LDAP_INVALID_SYNTAX},
+        {"ldap://h/o=x?cn?sub?(cn=a%2)", LDAP_INVALID_SYNTAX},
+        {"ldap://[::1]evil.example/", LDAP_INVALID_SYNTAX}, {"ldap://h]evil.example", LDAP_INVALID_SYNTAX},
     };
     for (const auto &c : cases) {
         LDAPURLDesc *d = reinterpret_cast<LDAPURLDesc *>(1);

@@ -5,6 +5,7 @@
 #include "base/ldap_lock.h"
 #include "base/memory.h"
 #include "base/trace.h"
+#include "core/plugin_block.h"
 #include "message/ldap_table.h"
 #include "proto/ldap_controls.h"
 #include "tls/ldap_ssl_connect.h"
@@ -63,6 +64,7 @@ void ldap_lc_free(LDAPConn *lc)
         }
         ldap_msg_table_free(lc->lconn_msgtable);
         ldap_controls_free(lc->lconn_ctrls);
+        ldap_plugin_block_free(lc->lconn_plugin_block);
         pthread_mutex_t *locks[] = {&lc->lconn_read_mutex, &lc->lconn_write_mutex,
                                     &lc->lconn_ctrls_mutex};
         uint32_t bits[] = {LC_LOCK_READ, LC_LOCK_WRITE, LC_LOCK_CTRLS};

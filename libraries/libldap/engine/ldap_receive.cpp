@@ -8,6 +8,7 @@
 #include "base/trace.h"
 #include "core/ldap_error.h"
 #include "message/ldap_queue.h"
+#include "message/ldap_referrals_rows.h"
 
 #include <cerrno>
 #include <ctime>
@@ -16,10 +17,13 @@
 
 namespace {
 
+constexpr ber_tag_t kLdapMessageTag = 0x30;
+
 uint32_t read_count(const ldap_msg_table *table) { return __atomic_load_n(&table->read_count, __ATOMIC_ACQUIRE); }
 
 // Takes the read lock within the caller's time-out, so that a thread never
-// waits longer than it asked behind another thread's read. 0, ETIMEDOUT or
+// waits longer than it asked behind another thread's read (a plain lock
+// would hold it for the whole of that reader's time-out). 0, ETIMEDOUT or
 // the lock's error.
 int lock_for_reading(LDAPConn *lc, const struct timeval *timeout)
 {
@@ -136,7 +140,9 @@ bool timed_out(const struct timeval &start, const struct timeval *limit)
     gettimeofday(&now, nullptr);
     long seconds = now.tv_sec - start.tv_sec;
     long micros = now.tv_usec - start.tv_usec;
-    if (micros < 0) { // borrow, so that the pair compares as a time
+    // Borrowing, not the plain microsecond difference (which may be
+    // negative), so that a wait never ends up to a second early.
+    if (micros < 0) {
         seconds--;
         micros += 1000000;
     }
@@ -154,6 +160,12 @@ int wait_for_message(LDAPConn *lc, BerElement *ber, int *state, const struct tim
 {
     for (;;) {
         ber_tag_t tag = fber_get_next_nb(&lc->lconn_sb, ber, state);
+        // Every LDAPMessage is a SEQUENCE. Any other first octet means the
+        // peer does not speak LDAP (an HTTP error page, say): filing its bytes
+        // as messages without an id would keep every waiter waiting, so the
+        // connection ends as a failed read, as soon as that octet is in.
+        if (ber->ber_tag != LBER_DEFAULT && ber->ber_tag != kLdapMessageTag)
+            return -1;
         if (tag != static_cast<ber_tag_t>(LBER_WOULD_BLOCK))
             return tag == LBER_DEFAULT ? -1 : 1;
         if (timeout && timeout->tv_usec > 999999)
@@ -185,15 +197,18 @@ int ldap_msg_table_get_message(LDAP *ld, ldap_msg_table *table, int id, const st
         return ldap_fail_returning(ld, LDAP_PARAM_ERROR, -1);
     ldap_msg_row *row = &table->rows[id];
     if ((row->flags & LDAP_ROW_DONE) && !row->next_to_return) {
-        if (row->parent || !row->saved_result)
+        // What the chased referrals left behind is all that is left: the
+        // substitute for those not followed, or a failure set aside.
+        LDAPMessage *outcome = nullptr;
+        if (row->parent || !row->request)
             return ldap_fail_returning(ld, LDAP_PARAM_ERROR, -1);
-        // The result set aside while referrals were chased is all that is left.
-        LDAPMessage *saved = row->saved_result;
-        row->saved_result = nullptr;
-        saved->msg_next = saved->msg_prev = nullptr;
-        row->first_result = row->last_result = saved;
-        *out = saved;
-        return saved->msg_type;
+        if (take_referral_outcome(row, row->request, &outcome) != LDAP_SUCCESS)
+            return ldap_fail_returning(ld, LDAP_NO_MEMORY, -1);
+        if (!outcome)
+            return ldap_fail_returning(ld, LDAP_PARAM_ERROR, -1);
+        ldap_msg_row_insert(row, outcome, nullptr);
+        *out = outcome;
+        return outcome->msg_type;
     }
 
     // The row's next message, filing what was read meanwhile first when the

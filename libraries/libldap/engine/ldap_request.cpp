@@ -119,6 +119,12 @@ int ldap_write_msg(LDAP *ld, LDAPMessage *msg, const struct timeval *timeout)
         LDAP_TRACE(TRC_ERROR, "ldap_write_msg: Socket connection was closed earlier\n");
         return ldap_fail(ld, LDAP_SERVER_DOWN);
     }
+    // An all-zero time-out (a search under a time limit of 0) would poll the
+    // socket once, so a send buffer that is full for a moment would fail the
+    // request and close a healthy connection: it means no limit here, and
+    // the process-wide write time-out still applies.
+    if (timeout && timeout->tv_sec == 0 && timeout->tv_usec == 0)
+        timeout = nullptr;
     int rc = open_on_first_use(ld, lc);
     if (rc == LDAP_SUCCESS) {
         LDAP_TRACE(TRC_API, "ldap_write_msg: connected to host\n");

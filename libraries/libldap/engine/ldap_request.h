@@ -13,8 +13,9 @@
 // writes it. 0 or a result code.
 int ldap_msg_table_send_message(ldap_msg_table *table, LDAP *ld, LDAPMessage *msg, int *stored,
                                 const struct timeval *timeout);
-// Writes the request's element to its connection. 0 or a result code; a
-// failure marks the connection closed for good.
+// Writes the request's element to its connection, an all-zero time-out
+// meaning none. 0 or a result code; a failure marks the connection closed
+// for good.
 int ldap_write_msg(LDAP *ld, LDAPMessage *msg, const struct timeval *timeout);
 // Waits until sd is writable: >0 writable, 0 timed out, -1 failed. The
 // process-wide write time-out, when set, replaces the caller's.

@@ -3,6 +3,7 @@
 #include "engine/ldap_result.h"
 
 #include "base/ldap_lock.h"
+#include "base/memory.h"
 #include "base/trace.h"
 #include "conn/ldap_connect.h"
 #include "core/ldap_error.h"
@@ -42,6 +43,61 @@ bool referral_settings(LDAP *ld, ldap_msg_table *table, int id, int *chase, int 
     return true;
 }
 
+enum class ChildLink { absent, present, unreadable };
+
+// A copy of the row's referral child link, read under the table lock.
+ChildLink read_child_link(ldap_msg_table *table, int id, ldap_msg_link *child)
+{
+    LDAP_MUTEX_GUARD(guard, &table->lock);
+    if (!guard.locked())
+        return ChildLink::unreadable;
+    if (id < 0 || static_cast<uint32_t>(id) >= table->row_count || !table->rows[id].child)
+        return ChildLink::absent;
+    *child = *table->rows[id].child;
+    return ChildLink::present;
+}
+
+// While a row has a referral child, its results come from the child first
+// and are moved into the row; a failed child is cleaned up and the row
+// goes on with its own results.
+int return_child_msg(LDAP *ld, int id, const struct timeval *timeout, LDAPMessage **out, ldap_msg_table *table,
+                     int *error, int chase, int hop_limit, const ldap_msg_link &child)
+{
+    if (hop_limit <= 0) {
+        LDAP_TRACE(TRC_API, "XX04720: hop limit exceeded, not fetching child msgs\n");
+        return LDAP_REFERRAL_LIMIT_EXCEEDED;
+    }
+    LDAPMessage *msg = nullptr;
+    int rc = ldap_return_one_msg(ld, child.row_id, timeout, &msg, child.table, error, chase, hop_limit - 1);
+    if (rc == -1) {
+        ldap_msg_link still{};
+        if (read_child_link(table, id, &still) == ChildLink::present) {
+            LDAP_TRACE(TRC_API, "XX04720: Child entry not NULL after error, calling cleanup_table_and_references "
+                                "again.\n");
+            cleanup_table_and_references(ld, child.table, child.row_id);
+            LDAP_MUTEX_GUARD(guard, &table->lock);
+            if (guard.locked() && table->rows[id].child) {
+                LDAP_TRACE(TRC_API, "XX04720: Child poiner is still not NULL! Hard resetting to NULL to avoid "
+                                    "possible infinite recursion.");
+                zldap::mem_free(table->rows[id].child);
+                table->rows[id].child = nullptr;
+            }
+        }
+        return ldap_return_one_msg(ld, id, timeout, out, table, error, chase, hop_limit);
+    }
+    if (!msg) // a time-out, or a hop limit reached further down
+        return rc;
+    ldap_msg_table_unlink_msg(msg);
+    int released = ldap_msg_table_release_if_done(child.table, child.row_id);
+    if (ldap_msg_table_merge_child_msg(&msg, table, id, released)) {
+        *out = msg;
+        return rc;
+    }
+    return ldap_return_one_msg(ld, id, timeout, out, table, error, chase, hop_limit);
+}
+
+// Exact to the microsecond: differences of the fields alone, left with a
+// negative microsecond part, would misjudge the remaining time by a second.
 struct timeval elapsed_since(const struct timeval &start, const struct timeval &now)
 {
     struct timeval d {now.tv_sec - start.tv_sec, now.tv_usec - start.tv_usec};
@@ -52,6 +108,18 @@ struct timeval elapsed_since(const struct timeval &start, const struct timeval &
     return d;
 }
 
+// Whether the row holds everything its request will get: the final
+// response is filed and no referral is being chased for it. Not known
+// when the lock cannot be taken: false.
+bool complete_result_filed(ldap_msg_table *table, int id)
+{
+    LDAP_MUTEX_GUARD(guard, &table->lock);
+    if (!guard.locked())
+        return false;
+    const ldap_msg_row &row = table->rows[id];
+    return (row.flags & LDAP_ROW_DONE) && !row.child;
+}
+
 } // namespace
 
 int ldap_return_one_msg(LDAP *ld, int id, const struct timeval *timeout, LDAPMessage **out,
@@ -60,6 +128,21 @@ int ldap_return_one_msg(LDAP *ld, int id, const struct timeval *timeout, LDAPMes
     *out = nullptr;
     LDAP_TRACE(TRC_API, "ldap_return_one_msg: entered\n");
     LDAP_TRACE(TRC_API, "XX04720: msgid=%d, refhoplimit=%d\n", id, hop_limit);
+    ldap_msg_link child{};
+    switch (read_child_link(table, id, &child)) {
+    case ChildLink::unreadable:
+        ldap_set_error_direct(ld, LDAP_LOCK_ERROR, nullptr, nullptr);
+        LDAP_TRACE(TRC_ERROR, "XX04720: returning rc=%d on lock failure.\n", LDAP_LOCK_ERROR);
+        LDAP_TRACE(TRC_API, "ldap_return_one_msg: rc=%d\n", -1);
+        return -1;
+    case ChildLink::present: {
+        int rc = return_child_msg(ld, id, timeout, out, table, error, chase, hop_limit, child);
+        LDAP_TRACE(TRC_API, "ldap_return_one_msg: rc=%d\n", rc);
+        return rc;
+    }
+    case ChildLink::absent:
+        break;
+    }
     int rc;
     for (;;) {
         LDAPMessage *msg = nullptr;
@@ -144,6 +227,14 @@ int ldap_return_all_msgs(LDAP *ld, int id, const struct timeval *timeout, LDAPMe
                 expired = remaining.tv_sec < 0;
             }
             start = now;
+        }
+        // Out of time with the complete result already in the row: nothing
+        // is left to wait for, so the rest is handed out (without waiting)
+        // rather than reporting a time-out and leaving the caller to give
+        // up on a finished request.
+        if (expired && rc != 0 && complete_result_filed(table, id)) {
+            remaining = {0, 0};
+            continue;
         }
         if (expired) {
             // What this call took out of the row is handed out again by the next one.

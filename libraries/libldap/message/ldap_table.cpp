@@ -7,6 +7,7 @@
 #include "base/memory.h"
 #include "base/trace.h"
 #include "core/ldap_error.h"
+#include "message/ldap_referrals_rows.h"
 
 #include <cstring>
 
@@ -292,13 +293,21 @@ void ldap_msg_table_set_flag(LDAP *ld, ldap_msg_table *table, int id, uint32_t b
             return;
         }
         ldap_msg_row &row = table->rows[id];
-        row.flags |= bits;
-        if (!row.child)
+        if (!(row.flags & LDAP_ROW_INUSE)) // a released row keeps no flags
             return;
-        ldap_msg_table *child_table = row.child->table;
-        id = row.child->row_id;
+        row.flags |= bits;
+        ldap_msg_table *child_table = row.child ? row.child->table : nullptr;
+        int child_id = row.child ? row.child->row_id : -1;
+        // Filing releases an orphan only when its final response comes
+        // later; one whose final response is already filed (by another
+        // thread after its waiter gave up) would keep its row until unbind.
+        if ((bits & LDAP_ROW_ORPHAN) && (row.flags & LDAP_ROW_DONE))
+            ldap_msg_table_release_msgid_direct(table, id);
+        if (!child_table)
+            return;
         guard.unlock();
         table = child_table;
+        id = child_id;
     }
 }
 
@@ -324,21 +333,91 @@ void ldap_msg_table_unlink_msg(LDAPMessage *msg)
     if (!valid_row_id(table, msg->msg_id))
         return;
     LDAP_MUTEX_GUARD(guard, &table->lock);
-    if (!guard.locked())
-        return;
-    ldap_msg_row &row = table->rows[msg->msg_id];
+    if (guard.locked())
+        ldap_msg_row_unlink(&table->rows[msg->msg_id], msg);
+}
+
+void ldap_msg_row_unlink(ldap_msg_row *row, LDAPMessage *msg)
+{
     if (msg->msg_prev)
         msg->msg_prev->msg_next = msg->msg_next;
     if (msg->msg_next)
         msg->msg_next->msg_prev = msg->msg_prev;
-    if (row.first_result == msg)
-        row.first_result = msg->msg_next;
-    if (row.last_result == msg)
-        row.last_result = msg->msg_prev;
-    if (row.next_to_return == msg)
-        row.next_to_return = msg->msg_next;
+    if (row->first_result == msg)
+        row->first_result = msg->msg_next;
+    if (row->last_result == msg)
+        row->last_result = msg->msg_prev;
+    if (row->next_to_return == msg)
+        row->next_to_return = msg->msg_next;
     msg->msg_next = nullptr;
     msg->msg_prev = nullptr;
+}
+
+void ldap_msg_row_insert(ldap_msg_row *row, LDAPMessage *msg, LDAPMessage *before)
+{
+    msg->msg_next = before;
+    msg->msg_prev = before ? before->msg_prev : row->last_result;
+    if (msg->msg_prev)
+        msg->msg_prev->msg_next = msg;
+    else
+        row->first_result = msg;
+    if (before)
+        before->msg_prev = msg;
+    else
+        row->last_result = msg;
+}
+
+int ldap_msg_table_merge_child_msg(LDAPMessage **msg, ldap_msg_table *table, int id, int child_released)
+{
+    LDAPMessage *m = *msg;
+    *msg = nullptr;
+    if (!m)
+        return 0;
+    if (!valid_row_id(table, id)) {
+        free_msg(m, 0);
+        return 0;
+    }
+    LDAP_MUTEX_GUARD(guard, &table->lock);
+    if (!guard.locked()) {
+        free_msg(m, 0);
+        return 0;
+    }
+    LDAPMessage *trigger = table->rows[id].child ? table->rows[id].child->msg : nullptr;
+    m->msg_id = id;
+    m->msg_conn = table->connection;
+    if (m->msg_type == LDAP_RES_SEARCH_RESULT) {
+        // A child's search result done does not end the parent's search:
+        // a failure is set aside for the top row, success goes.
+        guard.unlock();
+        keep_saved_result(m);
+        m = nullptr;
+        if (!guard.relock())
+            return 0;
+        ldap_msg_row &row = table->rows[id];
+        // When the search result done itself carried the referral, the
+        // parent's final result is due now.
+        if (trigger && trigger->msg_type == LDAP_RES_SEARCH_RESULT) {
+            int rc = row.parent ? LDAP_SUCCESS : take_referral_outcome(&row, trigger, &m);
+            if (rc == LDAP_SUCCESS && !m)
+                get_return_error_msg(trigger, LDAP_SUCCESS, nullptr, &m);
+        }
+    }
+    ldap_msg_row &row = table->rows[id];
+    int filed = 0;
+    if (m) {
+        ldap_msg_row_insert(&row, m, trigger);
+        filed = 1;
+    }
+    if (child_released == 1) {
+        if (trigger) {
+            ldap_msg_row_unlink(&row, trigger);
+            free_msg(trigger, 0);
+        }
+        zldap::mem_free(row.child);
+        row.child = nullptr;
+    }
+    *msg = m;
+    return filed;
 }
 
 void cleanup_table_and_references(LDAP *ld, ldap_msg_table *table, int id)

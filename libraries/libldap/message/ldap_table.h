@@ -80,10 +80,22 @@ int verify_msgid_n_acquire_row(LDAP *ld, ldap_msg_table *table, int *id, int mod
 int verify_acquire_row(LDAP *ld, ldap_msg_row *row, int id, int mode);
 int ldap_get_msg_any(LDAP *ld, ldap_msg_table *table, int *row_id, int mode);
 // Sets bits in the row of id and in the rows of its referral children; a
-// lock failure is recorded as ld's error.
+// lock failure is recorded as ld's error. LDAP_ROW_ORPHAN releases at once
+// each such row whose final response is already filed, with its chain: the
+// caller holds none of its messages.
 void ldap_msg_table_set_flag(LDAP *ld, ldap_msg_table *table, int id, uint32_t bits);
 int ldap_msg_table_release_if_done(ldap_msg_table *table, int id);
 void ldap_msg_table_unlink_msg(LDAPMessage *msg);
+// Moves a response taken from a referral child row into the parent row
+// (id in table), before the message that caused the chase; a search
+// result done is set aside or replaced by the parent's final result.
+// With child_released 1 the causing message and the child link go. 1 when
+// *msg was filed in the parent row, else 0 with *msg NULL (consumed).
+int ldap_msg_table_merge_child_msg(LDAPMessage **msg, ldap_msg_table *table, int id, int child_released);
+// Chain edits for a caller holding the table lock: msg goes in before
+// `before` (at the end for NULL), or out of the chain.
+void ldap_msg_row_insert(ldap_msg_row *row, LDAPMessage *msg, LDAPMessage *before);
+void ldap_msg_row_unlink(ldap_msg_row *row, LDAPMessage *msg);
 void cleanup_table_and_references(LDAP *ld, ldap_msg_table *table, int id);
 // Requests handed an id and not yet released; read under the table lock.
 // -1 when the lock cannot be taken.

@@ -106,6 +106,15 @@ int finish_sasl_bind(LDAP *ld, LDAPMessage *res, struct berval **servercredp)
     return rc;
 }
 
+// Waits for the response to a bind sent with msgid and ends it as above.
+int await_bind_response(LDAP *ld, int msgid, struct berval **servercredp)
+{
+    LDAPMessage *res = nullptr;
+    if (ldap_result_int(ld, msgid, LDAP_MSG_ALL, nullptr, &res) == -1 || !res)
+        return ldap_get_errno_direct(ld);
+    return finish_sasl_bind(ld, res, servercredp);
+}
+
 } // namespace
 
 int ldap_simple_bind_direct(LDAP *ld, const char *dn, const char *passwd, LDAPControl **serverctrls,
@@ -207,12 +216,14 @@ int ldap_sasl_bind_encode_and_send(LDAP *ld, const char *dn, const char *mechani
         msgidp);
 }
 
-int ldap_sasl_bind_call_plugin(LDAP *, const char *, const char *, const struct berval *, LDAPControl **,
-                               LDAPControl **, struct berval **, int, int *)
+int ldap_sasl_bind_s_direct(LDAP *ld, const char *dn, const char *mechanism, const struct berval *cred,
+                            LDAPControl **serverctrls, struct berval **servercredp)
 {
-    LDAP_TRACE(TRC_API, "ldap_sasl_bind_call_plugin \n");
-    // No plug-in is configured for any mechanism.
-    return LDAP_UNAVAILABLE_CRITICAL_EXTENSION;
+    int msgid = -1;
+    int rc = ldap_sasl_bind_encode_and_send(ld, dn, mechanism, cred, serverctrls, &msgid, nullptr);
+    if (rc != LDAP_SUCCESS)
+        return ldap_fail(ld, rc);
+    return await_bind_response(ld, msgid, servercredp);
 }
 
 int ldap_sasl_bind_int(LDAP *ld, const char *dn, const char *mechanism, const struct berval *cred,
@@ -254,6 +265,8 @@ int ldap_sasl_bind_int(LDAP *ld, const char *dn, const char *mechanism, const st
             LDAP_TRACE(TRC_API, "ldap_sasl_bind_int: Attempting to bind with ldap_sasl_bind_s_direct() instead\n");
         }
         LDAP_TRACE(TRC_API, "ldap_sasl_bind_int: Sending %s Bind request\n", mechanism);
+        if (!async)
+            return ldap_sasl_bind_s_direct(ld, dn, mechanism, cred, serverctrls, servercredp);
         rc = ldap_sasl_bind_encode_and_send(ld, dn, mechanism, cred, serverctrls, &msgid, nullptr);
     }
     if (rc != LDAP_SUCCESS)
@@ -262,10 +275,7 @@ int ldap_sasl_bind_int(LDAP *ld, const char *dn, const char *mechanism, const st
         *msgidp = msgid;
         return LDAP_SUCCESS;
     }
-    LDAPMessage *res = nullptr;
-    if (ldap_result_int(ld, msgid, LDAP_MSG_ALL, nullptr, &res) == -1 || !res)
-        return ldap_get_errno_direct(ld);
-    return finish_sasl_bind(ld, res, servercredp);
+    return await_bind_response(ld, msgid, servercredp);
 }
 
 int ldap_sasl_bind(LDAP *ld, const char *dn, const char *mechanism, const struct berval *cred,

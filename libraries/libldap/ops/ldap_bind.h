@@ -12,7 +12,14 @@ int ldap_simple_bind_direct(LDAP *ld, const char *dn, const char *passwd, LDAPCo
 
 int ldap_sasl_bind_encode_and_send(LDAP *ld, const char *dn, const char *mechanism, const struct berval *cred,
                                    LDAPControl **serverctrls, int *msgidp, LDAPConn *lc);
-// 12 when no plug-in handles the mechanism: the caller then sends the
+// Sends a SASL bind request on the calling thread's default connection and
+// waits for its response: the result code, with the server's credentials
+// in *servercredp when it is not NULL. What plug-ins bind with.
+int ldap_sasl_bind_s_direct(LDAP *ld, const char *dn, const char *mechanism, const struct berval *cred,
+                            LDAPControl **serverctrls, struct berval **servercredp);
+// Runs the bind function of the plug-in registered (or configured) for the
+// mechanism. 12 when no plug-in handles the mechanism and 192 when none is
+// registered and there is no configuration file: the caller then sends the
 // SASL bind request itself.
 int ldap_sasl_bind_call_plugin(LDAP *ld, const char *dn, const char *mechanism, const struct berval *cred,
                                LDAPControl **serverctrls, LDAPControl **clientctrls, struct berval **servercredp,

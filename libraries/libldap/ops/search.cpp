@@ -96,8 +96,8 @@ int ldap_search(LDAP *ld, const char *base, int scope, const char *filter, char 
     int sizelimit = 0;
     if (ldap_get_option(ld, LDAP_OPT_SIZELIMIT, &sizelimit) != LDAP_SUCCESS)
         return -1;
-    // The handle's time limit is also the write's time-out: with a limit
-    // of 0 the write polls the socket once.
+    // The handle's time limit is also the write's time-out; a limit of 0
+    // leaves the write without one.
     auto *timeout = static_cast<struct timeval *>(zldap::mem_calloc(1, sizeof(struct timeval)));
     if (!timeout) {
         LDAP_TRACE(TRC_ERROR, "ldapsearch: Insufficient memory to alloc timeval structure\n");
@@ -112,7 +112,9 @@ int ldap_search(LDAP *ld, const char *base, int scope, const char *filter, char 
                              &msgid);
     }
     zldap::mem_free(timeout);
-    return rc == LDAP_SUCCESS ? msgid : -1;
+    // -1 leaves the reason in the thread's error, also when ldap_search_ext
+    // recorded none (its guard refuses silently once an unbind has begun).
+    return rc == LDAP_SUCCESS ? msgid : ldap_fail_returning(ld, rc, -1);
 }
 
 int ldap_search_ext_s(LDAP *ld, const char *base, int scope, const char *filter, char **attrs,
@@ -150,7 +152,9 @@ int ldap_search_st(LDAP *ld, const char *base, int scope, const char *filter, ch
                    struct timeval *timeout, LDAPMessage **res)
 {
     LDAP_TRACE(TRC_API, "ldap_search_st\n");
-    zldap::OperationGuard op(ld, zldap::OnEntry::keep_error);
+    // A failed ldap_search reports itself through the error: it must not be
+    // an earlier operation's.
+    zldap::OperationGuard op(ld, zldap::OnEntry::reset_error);
     if (!op.admitted())
         return op.code();
     if (!res)
@@ -159,9 +163,10 @@ int ldap_search_st(LDAP *ld, const char *base, int scope, const char *filter, ch
     int rc;
     int msgid = ldap_search(ld, base, scope, filter, attrs, attrsonly);
     if (msgid < 0) {
+        // Nothing recorded: a step refused by its guard, as an unbind began.
         rc = ldap_get_errno_direct(ld);
         if (rc == LDAP_SUCCESS)
-            rc = LDAP_OTHER;
+            rc = LDAP_PARAM_ERROR;
     } else {
         rc = zldap::wait_for_search_result(ld, msgid, timeout, res);
     }

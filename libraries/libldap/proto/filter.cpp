@@ -277,9 +277,10 @@ int put_extensible_filter(BerElement *ber, const char *left, const char *value)
     LDAP_TRACE(TRC_API, "put_extensible_filter \"%s=%s\"\n", left, value);
     std::string_view l(left);
     size_t colon = l.find(':');
-    // No colon before the operator's own, or "::" in front of the '=',
-    // is no extensible item.
-    if (colon == std::string_view::npos || l.back() == ':')
+    // No colon before the operator's own is no extensible item. A colon
+    // right in front of it, as in (cn::=x), leaves an empty rule: an item
+    // without one, the only way to write it since (cn:=x) is refused.
+    if (colon == std::string_view::npos)
         return -1;
     std::string_view attr = l.substr(0, colon);
     std::string_view rest = l.substr(colon + 1);

@@ -7,7 +7,6 @@
 #include "base/trace.h"
 
 #include <cctype>
-#include <climits>
 #include <cstring>
 #include <string_view>
 #include <strings.h>
@@ -18,6 +17,7 @@ namespace {
 
 constexpr int kNoPort = -1;
 constexpr int kNoSecurePort = -2;
+constexpr long kMaxPort = 65535;
 
 struct Prefix {
     std::string_view rest;   // what follows "://"
@@ -56,27 +56,37 @@ int hex_value(char c)
     if (c >= '0' && c <= '9')
         return c - '0';
     c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-    return (c >= 'a' && c <= 'f') ? c - 'a' + 10 : 0;
+    return (c >= 'a' && c <= 'f') ? c - 'a' + 10 : -1;
 }
 
-// Percent-decoding in place; an escape cut short by the end ends the value.
-void url_decode(char *s)
+// Percent-decoding in place (NULL is left alone). false for a "%" that two
+// hexadecimal digits do not follow, and for an escaped zero byte: decoded,
+// either would end the value early, and the caller would act on a shorter
+// DN, filter or host than the URL names.
+bool url_decode(char *s)
 {
+    if (!s)
+        return true;
     char *out = s;
     for (char *in = s; *in; in++) {
         if (*in != '%') {
             *out++ = *in;
             continue;
         }
-        if (!in[1] || !in[2])
-            break;
-        *out++ = static_cast<char>((hex_value(in[1]) << 4) | hex_value(in[2]));
+        int high = hex_value(in[1]);
+        int low = high < 0 ? -1 : hex_value(in[2]);
+        if (low < 0 || (high == 0 && low == 0))
+            return false;
+        *out++ = static_cast<char>((high << 4) | low);
         in += 2;
     }
     *out = '\0';
+    return true;
 }
 
-// A port of digits only (empty reads as 0); false for anything else.
+// A port of digits only (empty reads as 0); false for anything else,
+// and for a number no TCP port has, which would reach the socket cut to
+// its low 16 bits.
 bool parse_port(std::string_view text, int *port)
 {
     long value = 0;
@@ -84,26 +94,33 @@ bool parse_port(std::string_view text, int *port)
         if (c < '0' || c > '9')
             return false;
         value = value * 10 + (c - '0');
-        if (value > INT_MAX)
+        if (value > kMaxPort)
             return false;
     }
     *port = static_cast<int>(value);
     return true;
 }
 
-// A new decoded copy of a non-empty piece, or NULL for an empty one.
-// false only when memory runs out.
-bool copy_decoded(std::string_view piece, char **out, bool decode = true)
+// A new copy of a non-empty piece, or NULL for an empty one. false only
+// when memory runs out.
+bool copy_piece(std::string_view piece, char **out)
 {
     *out = nullptr;
     if (piece.empty())
         return true;
     *out = zldap::mem_strndup(piece.data(), piece.size());
-    if (!*out)
-        return false;
-    if (decode)
-        url_decode(*out);
-    return true;
+    return *out != nullptr;
+}
+
+// Percent-decodes the parts a URL escapes; an IPv6 literal host is taken as
+// written. false at the first bad escape.
+bool decode_parts(LDAPURLDesc *desc)
+{
+    for (char **a = desc->lud_attrs; a && *a; a++)
+        if (!url_decode(*a))
+            return false;
+    bool literal = desc->lud_host && std::strchr(desc->lud_host, ':');
+    return url_decode(desc->lud_dn) && url_decode(desc->lud_filter) && (literal || url_decode(desc->lud_host));
 }
 
 // Cuts `s` at the first `c`: returns what is before it and leaves the rest
@@ -136,7 +153,6 @@ int split_attributes(std::string_view text, char ***out)
             LDAP_TRACE(TRC_ERROR, "ldap_url_parse_internal: No memory for lud_attrs[%d]\n", static_cast<int>(i));
             return LDAP_URL_NO_MEMORY;
         }
-        url_decode(attrs[i]);
     }
     return LDAP_SUCCESS;
 }
@@ -172,8 +188,12 @@ int parse_parts(LDAPURLDesc *desc, const Prefix &prefix)
     bool has_port = false;
     size_t bracket = host.find(']');
     if (bracket != std::string_view::npos) {
+        // Only a port may follow the "]": anything else would be dropped,
+        // and the URL would name a host it does not spell.
         std::string_view after = host.substr(bracket + 1);
         has_port = !after.empty() && after.front() == ':';
+        if (!after.empty() && !has_port)
+            return LDAP_INVALID_SYNTAX;
         if (has_port)
             port_text = after.substr(1);
         host = host.substr(0, bracket);
@@ -204,18 +224,21 @@ int parse_parts(LDAPURLDesc *desc, const Prefix &prefix)
         return rc;
     if (!attrs.empty() && (rc = split_attributes(attrs, &desc->lud_attrs)) != LDAP_SUCCESS)
         return rc;
-    if (!copy_decoded(dn, &desc->lud_dn)) {
+    if (!copy_piece(dn, &desc->lud_dn)) {
         LDAP_TRACE(TRC_ERROR, "ldap_url_parse_internal: strdup for lud_dn failed\n");
         return LDAP_URL_NO_MEMORY;
     }
-    if (!copy_decoded(filter, &desc->lud_filter)) {
+    if (!copy_piece(filter, &desc->lud_filter)) {
         LDAP_TRACE(TRC_ERROR, "ldap_url_parse_internal: strdup for lud_filter failed\n");
         return LDAP_URL_NO_MEMORY;
     }
-    // An IPv6 literal is taken as written.
-    if (!copy_decoded(host, &desc->lud_host, host.find(':') == std::string_view::npos)) {
+    if (!copy_piece(host, &desc->lud_host)) {
         LDAP_TRACE(TRC_ERROR, "ldap_url_parse_internal: strdup for lud_host failed\n");
         return LDAP_URL_NO_MEMORY;
+    }
+    if (!decode_parts(desc)) {
+        LDAP_TRACE(TRC_ERROR, "ldap_url_parse_internal: bad escape\n");
+        return LDAP_INVALID_SYNTAX;
     }
     desc->lud_scheme = zldap::mem_strndup(prefix.scheme.data(), prefix.scheme.size());
     return desc->lud_scheme ? LDAP_SUCCESS : LDAP_URL_NO_MEMORY;

@@ -6,6 +6,7 @@
 #include "base/trace.h"
 #include "conn/ldap_connect.h"
 #include "core/ldap_error.h"
+#include "core/plugin_block.h"
 #include "proto/ldap_controls.h"
 
 #define LDAP_MODULE "libraries/libldap/ldap_free"
@@ -27,6 +28,17 @@ void destroy_mutex(LDAP *ld, pthread_mutex_t *mutex, uint32_t bit, int line)
         trace_destroy_failure(rc, line);
 }
 
+// A plug-in that bound on the calling thread's default connection sees its
+// parameter block once more, in its close function, before the connection
+// releases it.
+void close_plugin(LDAP *ld)
+{
+    LDAPConn *lc = get_default_connection(ld);
+    LDAPPluginBlock *pb = lc ? lc->lconn_plugin_block : nullptr;
+    if (LDAPPluginFunc close = pb ? ldap_plugin_block_func(pb, LDAP_PLUGIN_CLOSE_FN) : nullptr)
+        close(pb);
+}
+
 void free_thread_conns(LDAP *ld)
 {
     ldap_thread_conn *tc = ld->ld_thread_conns;
@@ -44,6 +56,7 @@ void ldap_ld_free(LDAP *ld)
 {
     if (!ld)
         return;
+    close_plugin(ld);
     ldap_lc_free(ld->ld_servers);
     ld->ld_servers = nullptr;
     ld->ld_defconn = nullptr;

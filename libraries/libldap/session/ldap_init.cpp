@@ -23,6 +23,7 @@
 namespace {
 
 constexpr int kDefaultPort = 389;
+constexpr int kMaxPort = 65535; // the connection keeps 16 bits of it
 constexpr int kDefaultTableRows = 256;
 constexpr size_t kHostCopyLimit = 256;
 constexpr const char *kDefaultHome = "/opt/orn/ldap/V" ZLDAP_VERSION_TEXT;
@@ -38,7 +39,7 @@ void ensure_ulxdir()
 }
 
 // The host list an LDAP URL names, and its port when it gives one (1 or
-// more). A URL that names no host would need server location, which this
+// more; the URL parser refuses ports above 65535). A URL that names no host would need server location, which this
 // library does not do yet. NULL on failure, with the reason traced.
 char *host_from_url(const char *url, int *port)
 {
@@ -146,7 +147,7 @@ LDAP *ldap_init(const char *host, int port)
 {
     zldap::trace_setup();
     LDAP_TRACE(TRC_API, "ldap_init: defhost=%s, defport=%d\n", trace_str(host), port);
-    if (port < 0) {
+    if (port < 0 || port > kMaxPort) {
         LDAP_TRACE(TRC_ERROR, "ldap_init: bad port (%d)\n", port);
         return nullptr;
     }
