@@ -9,9 +9,9 @@ namespace {
 
 TEST(Ldif, WritingSafeStringsBase64AndFoldedLines)
 {
-    for (const std::string &safe : {"plain text", "", "mid: colon"})
+    for (const char *safe : {"plain text", "", "mid: colon"})
         EXPECT_TRUE(ldif::is_safe_string(safe)) << safe;
-    for (const std::string &unsafe : {" leading", ":colon", "<less", "trailing ", "caf\xC3\xA9", "line\nbreak"})
+    for (const char *unsafe : {" leading", ":colon", "<less", "trailing ", "caf\xC3\xA9", "line\nbreak"})
         EXPECT_FALSE(ldif::is_safe_string(unsafe)) << unsafe;
     std::string v(200, 'v'); // "description: " and 63 bytes, then 75 and 62 after a blank
     EXPECT_EQ(ldif::line("description", v), "description: " + v.substr(0, 63) + "\n " + v.substr(0, 75) + "\n " +

@@ -114,8 +114,9 @@ const Row kRows[] = {
 void Check(const Row &row)
 {
     const auto &[setting, codepage, run, result] = row;
-    if (codepage && ldap_set_iconv_local_charset(codepage) != 0)
+    if (codepage && ldap_set_iconv_local_charset(codepage) != 0) {
         ASSERT_EQ(ldap_set_iconv_local_codepage(codepage), 0) << codepage;
+    }
     EXPECT_EQ(run(), result) << (setting ? setting : "") << " " << (codepage ? codepage : "");
 }
 
