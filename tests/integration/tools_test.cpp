@@ -116,10 +116,11 @@ TEST(Tools, BindWithSasl)
     zldap_test::TempDir dir;
     std::ofstream(dir.file("ornldap.conf")) << "plugin sasl SCRAM-SHA-256 " ZLDAP_SASL_CYRUS_PLUGIN " sasl_cyrus_init\n";
     setenv("ORNLDAP_CONF", dir.path().c_str(), 1);
-    std::string search = " -s base -b uid=sasl,ou=people,dc=example,dc=com '(objectclass=*)' userPassword";
-    ToolRun run = run_tool("zldapsearch -Y SCRAM-SHA-256 -U sasl -w sasl-secret -H " + server.url() + search, "", dir);
-    EXPECT_EQ(run.code, 0) << run.err;
-    EXPECT_NE(run.out.find("userPassword: sasl-secret"), std::string::npos) << run.out;
+    const std::string user = "uid=sasl,ou=people,dc=example,dc=com";
+    std::string run = RunTool("zldapsearch -Y SCRAM-SHA-256 -U sasl -w sasl-secret -H {url} -s base -b " + user +
+                                  " '(objectclass=*)' userPassword",
+                              "", {{"{url}", server.url()}}, dir);
+    EXPECT_EQ(run.rfind("0|dn: " + user + "\nuserPassword: sasl-secret\n", 0), 0u) << run;
 }
 
 } // namespace
