@@ -21,7 +21,12 @@ struct SlapdData {
     std::string overlay_config;
     std::string authz_policy; // "to", "from", "any" or "all"; empty: none
     std::string ldif;         // further entries, loaded after the standard ones
+    int port = 0;             // 0: a free one, picked at start
 };
+
+// The LDIF of a referral object at dn (whose first RDN is an ou) that
+// refers to url (more URLs follow "\nref: ").
+std::string ReferralLdif(const std::string &dn, const std::string &url);
 
 class Slapd {
 public:
