@@ -383,6 +383,14 @@ int zor_ldap_search_st(LDAP *ld, const char *base, int scope, const char *filter
  * LDAP_URL_NO_MEMORY or LDAP_INVALID_SYNTAX (a bad port) and *ludpp NULL. */
 int zor_ldap_url_parse(const char *url, LDAPURLDesc **ludpp);
 void zor_ldap_free_urldesc(LDAPURLDesc *ludp);
+/* Searches as an LDAP URL says (base, scope, filter and attributes; the
+ * handle's size and time limits), on the URL's server or, without a host,
+ * on the handle's, and waits up to timeout (NULL: without limit). 0 with
+ * the chain in *res, the search's own result code in its last message;
+ * LDAP_TIMEOUT (85), the answer thrown away when it arrives;
+ * LDAP_PARAM_ERROR (89) for a malformed URL; else the code that stopped it
+ * (LDAP_SERVER_DOWN when the URL's server cannot be reached). */
+int zor_ldap_url_search_st(LDAP *ld, const char *url, int attrsonly, struct timeval *timeout, LDAPMessage **res);
 /* The number of entries from res to the end of its chain (0 for NULL). */
 int zor_ldap_count_entries(LDAP *ld, LDAPMessage *res);
 /* Synchronous updates, each waiting without limit for its response: the

@@ -319,6 +319,16 @@ int ldap_url_parse(const char *url, LDAPURLDesc **ludpp);
 void ldap_free_urldesc(LDAPURLDesc *ludp);
 /* 1 when the string starts like an LDAP URL, else 0. */
 int ldap_is_ldap_url(const char *url);
+/* The search a URL describes (base, scope, filter, attributes; the other
+ * parameters from the handle), on the URL's server: one other than the
+ * calling thread's default connection is searched as a referred request
+ * whose results ldap_result collects on the default connection. The
+ * asynchronous form returns a message id, or -1 (89 for a bad URL); the
+ * synchronous ones 0 with the chain in *res (the search's own code is in
+ * the chain), 85 on a time-out, else the code that stopped them. */
+int ldap_url_search(LDAP *ld, const char *url, int attrsonly);
+int ldap_url_search_s(LDAP *ld, const char *url, int attrsonly, LDAPMessage **res);
+int ldap_url_search_st(LDAP *ld, const char *url, int attrsonly, struct timeval *timeout, LDAPMessage **res);
 
 /* ------------------------------------------------------------------ */
 /* Distinguished names (release arrays with ldap_value_free, strings  */

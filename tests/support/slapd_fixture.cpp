@@ -126,6 +126,12 @@ std::string Data(const SlapdData &data)
 
 } // namespace
 
+std::string ReferralLdif(const std::string &dn, const std::string &url)
+{
+    return "dn: " + dn + "\nobjectClass: referral\nobjectClass: extensibleObject\nou: " + dn.substr(3, dn.find(',') - 3) +
+           "\nref: " + url + "\n\n";
+}
+
 bool Slapd::Available() { return access(kSlapd, X_OK) == 0 && access(kSlapadd, X_OK) == 0; }
 
 Slapd::Slapd(const SlapdData &data) : data_(data)
@@ -156,7 +162,7 @@ bool Slapd::Launch()
 {
     std::string dir = dir_.path();
     for (int attempt = 0; attempt < 5 && pid_ < 0; attempt++) {
-        port_ = RefusedPort().port(); // free a moment ago; a retry covers a port taken since
+        port_ = data_.port ? data_.port : RefusedPort().port(); // free a moment ago; a retry covers a port taken since
         std::string listen = "ldap://127.0.0.1:" + std::to_string(port_) + "/";
         if (data_.sasl) {
             listen += " ldapi://";

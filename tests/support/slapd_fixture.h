@@ -26,7 +26,12 @@ struct SlapdData {
     // uid=user000 where authz_policy allows). slapd also listens on the local
     // socket socket_path().
     bool sasl = false;
+    int port = 0;             // 0: a free one, picked at start
 };
+
+// The LDIF of a referral object at dn (whose first RDN is an ou) that
+// refers to url (more URLs follow "\nref: ").
+std::string ReferralLdif(const std::string &dn, const std::string &url);
 
 class Slapd {
 public:

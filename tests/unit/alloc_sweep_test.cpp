@@ -605,8 +605,10 @@ void ModifyOverTheWire(const std::function<void(const AllocFaultScenario &)> &sw
 // the reference: the search succeeds without the second server's entry,
 // which the row counts as the memory failure it is. A failure while
 // reading costs the connection; one in the filter encoder is a filter
-// error; a few (error records) cost nothing.
-void SearchReferenceChased(const std::function<void(const AllocFaultScenario &)> &sweep)
+// error; a few (error records) cost nothing. By URL, the second server is
+// searched directly, referred from the first server's table; a failure
+// in the URL's parser is a bad URL.
+void SearchReferenceChased(const std::function<void(const AllocFaultScenario &)> &sweep, bool by_url)
 {
     using namespace zldap_test::wire;
     // Encoded before the sweep: the servers' own encoding must not count.
@@ -623,20 +625,23 @@ void SearchReferenceChased(const std::function<void(const AllocFaultScenario &)>
         while (auto r = c.Read())
             c.Send(initial);
     });
+    std::string url = "ldap://" + b.host() + "/o=b??sub";
+    int bad_url = by_url ? LDAP_PARAM_ERROR : LDAP_SUCCESS;
     sweep({[&] {
                LDAP *ld = zldap_test::HandleFor(a);
                if (!ld)
                    return LDAP_NO_MEMORY;
                LDAPMessage *res = nullptr;
-               int rc = ldap_search_s(ld, "o=a", LDAP_SCOPE_SUBTREE, "(cn=*)", nullptr, 0, &res);
-               if (rc == LDAP_SUCCESS && ldap_count_entries(ld, res) != 2)
+               int rc = by_url ? ldap_url_search_s(ld, url.c_str(), 0, &res)
+                               : ldap_search_s(ld, "o=a", LDAP_SCOPE_SUBTREE, "(cn=*)", nullptr, 0, &res);
+               if (rc == LDAP_SUCCESS && ldap_count_entries(ld, res) != (by_url ? 1 : 2))
                    rc = LDAP_NO_MEMORY;
                ldap_msgfree(res);
                ldap_unbind(ld);
                return rc;
            },
            LDAP_NO_MEMORY, nullptr,
-           [](int rc) { return rc == LDAP_SERVER_DOWN || rc == LDAP_FILTER_ERROR || rc == LDAP_SUCCESS; }});
+           [bad_url](int rc) { return rc == LDAP_SERVER_DOWN || rc == LDAP_FILTER_ERROR || rc == LDAP_SUCCESS || rc == bad_url; }});
 }
 
 // A server that answers extended requests with a name and a value, and
@@ -864,7 +869,8 @@ const SweepRow kRows[] = {
     {"ParseExtendedResultWithControls", [](const auto &sweep) { ParseExtendedResult(sweep, true); }},
     {"TableGrowth", TableGrowth},
     {"ModifyOverTheWire", ModifyOverTheWire},
-    {"SearchReferenceChased", SearchReferenceChased},
+    {"SearchReferenceChased", [](const auto &sweep) { SearchReferenceChased(sweep, false); }},
+    {"UrlSearchOfAnotherServer", [](const auto &sweep) { SearchReferenceChased(sweep, true); }},
     {"AbandonRequest", AbandonRequest},
     {"ExtendedOperation", ExtendedOperation},
 

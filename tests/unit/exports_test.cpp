@@ -34,9 +34,9 @@ std::string CommandOutput(const std::string &command)
 
 const std::set<std::string> kExported = {
     "zor_ldap_init", "zor_ldap_msgfree", "zor_ldap_err2string", "zor_ldap_set_option", "zor_ldap_simple_bind_s",
-    "zor_ldap_unbind", "zor_ldap_search_st", "zor_ldap_url_parse", "zor_ldap_free_urldesc", "zor_ldap_count_entries",
-    "zor_ldap_add_s", "zor_ldap_delete_s", "zor_ldap_modify_s", "zor_ldap_modrdn_s", "zor_ldap_first_entry",
-    "zor_ldap_next_entry", "zor_ldap_get_dn", "zor_ldap_memfree", "zor_ldap_first_attribute",
+    "zor_ldap_unbind", "zor_ldap_search_st", "zor_ldap_url_search_st", "zor_ldap_url_parse", "zor_ldap_free_urldesc",
+    "zor_ldap_count_entries", "zor_ldap_add_s", "zor_ldap_delete_s", "zor_ldap_modify_s", "zor_ldap_modrdn_s",
+    "zor_ldap_first_entry", "zor_ldap_next_entry", "zor_ldap_get_dn", "zor_ldap_memfree", "zor_ldap_first_attribute",
     "zor_ldap_next_attribute", "zor_ldap_get_values_len", "zor_ldap_value_free_len", "zor_ldap_get_errno",
     "zor_ldap_ber_free", "zorldap_loaded_from", "zorldap_Copyright", "zorldap_SCCSInfo",
 };

@@ -67,6 +67,12 @@ ZLDAP_EXPORT int zor_ldap_search_st(LDAP *ld, const char *base, int scope, const
     return ldap_search_st(ld, base, scope, filter, const_cast<char **>(attrs), attrsonly, timeout, res);
 }
 
+ZLDAP_EXPORT int zor_ldap_url_search_st(LDAP *ld, const char *url, int attrsonly, struct timeval *timeout,
+                                        LDAPMessage **res)
+{
+    return ldap_url_search_st(ld, url, attrsonly, timeout, res);
+}
+
 ZLDAP_EXPORT int zor_ldap_url_parse(const char *url, LDAPURLDesc **ludpp) { return ldap_url_parse(url, ludpp); }
 
 ZLDAP_EXPORT void zor_ldap_free_urldesc(LDAPURLDesc *ludp) { ldap_free_urldesc(ludp); }

@@ -58,7 +58,7 @@ void drop_message(LDAPMessage *msg)
 int hand_over_final_result(LDAP *ld, LDAPMessage *msg, LDAPMessage **out)
 {
     ldap_msg_table *table = msg->msg_conn ? msg->msg_conn->lconn_msgtable : nullptr;
-    if (!table || msg->msg_id < 0 || static_cast<uint32_t>(msg->msg_id) >= table->row_count)
+    if (!table || msg->msg_id < 0 || static_cast<uint32_t>(msg->msg_id) >= ldap_msg_table_row_count(table))
         return LDAP_SUCCESS;
     LDAP_MUTEX_GUARD(guard, &table->lock);
     if (!guard.locked())

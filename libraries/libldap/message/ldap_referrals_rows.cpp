@@ -16,7 +16,7 @@ namespace {
 
 bool valid_row(const ldap_msg_table *table, int id)
 {
-    return table && id >= 0 && static_cast<uint32_t>(id) < table->row_count;
+    return table && id >= 0 && static_cast<uint32_t>(id) < ldap_msg_table_row_count(table);
 }
 
 } // namespace

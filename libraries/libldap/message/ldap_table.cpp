@@ -35,7 +35,7 @@ void clear_row(ldap_msg_row *row)
 
 bool valid_row_id(const ldap_msg_table *table, int id)
 {
-    return table && id >= 0 && static_cast<uint32_t>(id) < table->row_count;
+    return table && id >= 0 && static_cast<uint32_t>(id) < ldap_msg_table_row_count(table);
 }
 
 // Grows the rows array by LDAP_TBL_GROWTH; false when the table is at its
@@ -59,7 +59,7 @@ bool grow_table(ldap_msg_table *table)
     std::memcpy(static_cast<void *>(rows), table->rows, table->row_count * sizeof(ldap_msg_row));
     zldap::mem_free(table->rows);
     table->rows = rows;
-    table->row_count = new_count;
+    __atomic_store_n(&table->row_count, new_count, __ATOMIC_RELEASE); // also read without the lock
     table->free_count += LDAP_TBL_GROWTH;
     LDAP_TRACE(TRC_API, "ldap_msg_table_get_next_msgid: table size increased to %d\n",
                static_cast<int>(new_count));

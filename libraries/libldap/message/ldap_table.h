@@ -70,6 +70,14 @@ struct ldap_msg_table {
     uint32_t read_count;
 };
 
+// The number of rows, for a check of an id without the table lock: it only
+// grows, under the lock, so an id found below it stays valid. The rows
+// themselves are read under the lock.
+inline uint32_t ldap_msg_table_row_count(const ldap_msg_table *table)
+{
+    return __atomic_load_n(&table->row_count, __ATOMIC_ACQUIRE);
+}
+
 ldap_msg_table *ldap_msg_table_init(uint32_t rows);
 void ldap_msg_table_free(ldap_msg_table *table);
 int ldap_msg_table_get_next_msgid(ldap_msg_table *table);
