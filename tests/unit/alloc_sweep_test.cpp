@@ -27,6 +27,7 @@
 #include "session/ldap_options.h"
 #include "session/ldap_unbind.h"
 #include "test_util.h"
+#include "tls/ldap_ssl_env.h"
 #include "xlate/ldap_charset.h"
 #include "zor8ldap_api.h"
 
@@ -835,6 +836,30 @@ void PluginBind(const std::function<void(const AllocFaultScenario &)> &sweep)
            LDAP_NO_MEMORY, nullptr, [](int rc) { return rc == LDAP_SERVER_DOWN || rc == LDAP_SUCCESS; }});
 }
 
+// ---- secure transport -------------------------------------------------
+
+// Environments prepared on the recording toolkit from a key database with
+// its password and from the default one with its stash file. A session
+// holds the current environment around each, so each replaces one and
+// nothing outlives the run. A default key database name that can't be
+// made is 119.
+void SslEnvironments(const std::function<void(const AllocFaultScenario &)> &sweep)
+{
+    zldap_test::ScopedEnv search("ZORLIB_LOCAL_INSTALL_MODE", "");
+    sweep({[] {
+               int rc = LDAP_SUCCESS;
+               for (const char *kdb : {"/k/db.kdb", static_cast<const char *>(nullptr)}) {
+                   ZorEnvRef *held = attachZorEnvRef();
+                   int step = ldap_ssl_environment_init(kdb, kdb ? "pw" : nullptr, 0, nullptr);
+                   rc = rc != LDAP_SUCCESS ? rc : step;
+                   if (held)
+                       deleteZorEnvRef(held);
+               }
+               return rc;
+           },
+           LDAP_NO_MEMORY, nullptr, [](int rc) { return rc == LDAP_SECURE_KEYRING_MISSING; }});
+}
+
 const SweepRow kRows[] = {
     // ---- codec and protocol pieces rows ----
     {"UrlParse", UrlParse},
@@ -876,6 +901,8 @@ const SweepRow kRows[] = {
     {"ConfRead", ConfRead},
     {"RegisterAndCopy", RegisterAndCopy},
     {"PluginBind", PluginBind},
+    // ---- secure transport rows ----
+    {"SslEnvironments", SslEnvironments},
 };
 
 class AllocSweep : public testing::TestWithParam<SweepRow> {};
