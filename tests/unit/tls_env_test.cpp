@@ -105,11 +105,8 @@ TEST_P(SslEnvironment, CallsAndResult)
 {
     const Row &row = GetParam();
     ZLDAP_IN_FRESH_PROCESS({
-        if (row.env) {
-            std::string env = row.env;
-            size_t eq = env.find('=');
-            setenv(env.substr(0, eq).c_str(), env.substr(eq + 1).c_str(), 1);
-        }
+        if (row.env)
+            putenv(const_cast<char *>(row.env));
         ldap_ssl_set_fips_mode_np(row.fips);
         if (row.suiteb)
             ldap_ssl_set_suiteb_mode(row.suiteb);

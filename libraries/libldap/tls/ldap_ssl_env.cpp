@@ -20,7 +20,8 @@ void freeZorEnvRef(ZorEnvRef *ref)
                static_cast<void *>(ref));
     int rc = g_zorlib.environment_close(&ref->envHandle);
     if (rc != 0)
-        LDAP_TRACE(TRC_ERROR, "Error - freeZorEnvRef: zor_environment_close() rc=%d %s\n", rc, zorErrorText(rc));
+        LDAP_TRACE(TRC_ERROR, "Error - freeZorEnvRef: zor_environment_close() rc=%d %s\n", rc,
+                   zorErrorText(rc));
     if (ref == g_SSL_currentEnvRef)
         g_SSL_currentEnvRef = nullptr;
     zldap::mem_free(ref);
@@ -35,9 +36,10 @@ int createZorEnvRef()
     LDAP_TRACE(TRC_API, "createZorEnvRef: Create new Zorlib environment reference...\n");
     auto *ref = static_cast<ZorEnvRef *>(zldap::mem_calloc(1, sizeof(ZorEnvRef)));
     if (!ref) {
-        LDAP_TRACE(TRC_ERROR,
-                   "Error - createZorEnvRef: File %s:%d - Allocation failed for Zorlib environment reference\n",
-                   LDAP_MODULE, __LINE__);
+        LDAP_TRACE(
+            TRC_ERROR,
+            "Error - createZorEnvRef: File %s:%d - Allocation failed for Zorlib environment reference\n",
+            LDAP_MODULE, __LINE__);
         return LDAP_NO_MEMORY;
     }
     g_SSL_currentEnvRef = ref;

@@ -37,7 +37,8 @@ int ldap_ssl_set_suiteb_mode(const char *text)
 {
     LDAP_TRACE(TRC_API, "ldap_ssl_set_suiteb_mode: checking suite b mode value\n");
     if (!text) {
-        LDAP_TRACE(TRC_ERROR, "Error - ldap_ssl_set_suiteb_mode: incorrect suite mode value: null parameter\n");
+        LDAP_TRACE(TRC_ERROR,
+                   "Error - ldap_ssl_set_suiteb_mode: incorrect suite mode value: null parameter\n");
         return LDAP_PARAM_ERROR;
     }
     if (text[std::strspn(text, "0123456789")] != '\0') {
@@ -51,7 +52,8 @@ int ldap_ssl_set_suiteb_mode(const char *text)
                    static_cast<int>(mode));
     } else {
         g_SSL_SuiteB_mode = 0;
-        LDAP_TRACE(TRC_API, "ldap_ssl_set_suiteb_mode: incorrect suite mode %d. g_SSL_SuiteB_mode set to: %d\n",
+        LDAP_TRACE(TRC_API,
+                   "ldap_ssl_set_suiteb_mode: incorrect suite mode %d. g_SSL_SuiteB_mode set to: %d\n",
                    static_cast<int>(mode), 0);
     }
     return LDAP_SUCCESS;
@@ -84,20 +86,22 @@ int setSuiteBMode(zor_handle env)
     LDAP_TRACE(TRC_API, "setSuiteBMode: g_SSL_SuiteB_mode=%d, setting suite b mode\n", mode);
     int rc;
     if (g_SSL_FIPS_mode != 1) {
-        LDAP_TRACE(TRC_API, "setSuiteBMode: setting base crypto library to ZOR_BASE_CRYPTO_VOC for suite b\n");
+        LDAP_TRACE(TRC_API,
+                   "setSuiteBMode: setting base crypto library to ZOR_BASE_CRYPTO_VOC for suite b\n");
         rc = g_zorlib.attribute_set_enum(env, ZOR_BASE_CRYPTO_LIBRARY, ZOR_BASE_CRYPTO_VOC);
         if (rc != ZOR_OK) {
-            LDAP_TRACE(TRC_ERROR,
-                       "Error - setSuiteBMode: zor_attribute_set_enum(...ZOR_BASE_CRYPTO_LIBRARY...) rc=%d %s\n", rc,
-                       zorErrorText(rc));
+            LDAP_TRACE(
+                TRC_ERROR,
+                "Error - setSuiteBMode: zor_attribute_set_enum(...ZOR_BASE_CRYPTO_LIBRARY...) rc=%d %s\n", rc,
+                zorErrorText(rc));
             return rc;
         }
     }
     LDAP_TRACE(TRC_API, "setSuiteBMode: ZOR_VOC_FIPS_MODE_PROCESSING is set with zorlib\n");
     rc = g_zorlib.attribute_set_enum(env, ZOR_VOC_FIPS_MODE_PROCESSING, ZOR_VOC_FIPS_MODE_PROCESSING_ON);
     if (rc != ZOR_OK) {
-        LDAP_TRACE(TRC_ERROR, "Error - setSuiteBMode: Failed to set ZOR_VOC_FIPS_MODE_PROCESSING rc =%d %s\n", rc,
-                   zorErrorText(rc));
+        LDAP_TRACE(TRC_ERROR, "Error - setSuiteBMode: Failed to set ZOR_VOC_FIPS_MODE_PROCESSING rc =%d %s\n",
+                   rc, zorErrorText(rc));
         return rc;
     }
     LDAP_TRACE(TRC_API, "setSuiteBMode: setting suite b mode: %d\n", mode);
@@ -106,7 +110,8 @@ int setSuiteBMode(zor_handle env)
     if (rc == ZOR_OK) {
         LDAP_TRACE(TRC_API, "setSuiteBMode: ZOR_SSL_SUITEB_%dBIT_MODE_PROCESSING set successfully\n", mode);
     } else {
-        LDAP_TRACE(TRC_ERROR, "Error - setSuiteBMode: Failed to set ZOR_SSL_SUITEB_%dBIT_MODE_PROCESSING, rc=%d %s\n",
+        LDAP_TRACE(TRC_ERROR,
+                   "Error - setSuiteBMode: Failed to set ZOR_SSL_SUITEB_%dBIT_MODE_PROCESSING, rc=%d %s\n",
                    mode, rc, zorErrorText(rc));
         g_SSL_SuiteB_mode = 0;
     }

@@ -65,7 +65,8 @@ int setPKCS11LibPath(zor_handle env, const char *path)
     LDAP_TRACE(TRC_API, "setPKCS11LibPath: Setting LibPath [%s] in Zorlib Env\n", path);
     int rc = g_zorlib.attribute_set_buffer(env, ZOR_PKCS11_DRIVER_PATH, path, 0);
     if (rc != ZOR_OK)
-        LDAP_TRACE(TRC_ERROR, "Error - setPKCS11LibPath() setting PKCS11 driver path to %s in Zorlib environment\n",
+        LDAP_TRACE(TRC_ERROR,
+                   "Error - setPKCS11LibPath() setting PKCS11 driver path to %s in Zorlib environment\n",
                    path);
     return rc;
 }
@@ -87,7 +88,8 @@ int setPKCS11TokenLabel(zor_handle env, const char *label)
     LDAP_TRACE(TRC_API, "setPKCS11TokenLabel: Setting PKCS#11 Token Label [%s] in Zorlib Env\n", label);
     int rc = g_zorlib.attribute_set_buffer(env, ZOR_PKCS11_TOKEN_LABEL, label, 0);
     if (rc != ZOR_OK)
-        LDAP_TRACE(TRC_ERROR, "Error - setPKCS11TokenLabel setting PKCS11 Token Label to %s inZorlib environment\n",
+        LDAP_TRACE(TRC_ERROR,
+                   "Error - setPKCS11TokenLabel setting PKCS11 Token Label to %s inZorlib environment\n",
                    label);
     return rc;
 }
@@ -100,9 +102,11 @@ int setPKCS11AccMode(zor_handle env, int mode)
     constexpr struct {
         int bit;
         int value;
-    } kAccelerators[] = {{2, ZOR_ACCELERATOR_DIGEST_ON}, {4, ZOR_ACCELERATOR_RANDOM_ON}, {1, ZOR_ACCELERATOR_SYMMETRIC_ON}};
+    } kAccelerators[] = {
+        {2, ZOR_ACCELERATOR_DIGEST_ON}, {4, ZOR_ACCELERATOR_RANDOM_ON}, {1, ZOR_ACCELERATOR_SYMMETRIC_ON}};
     for (const auto &accelerator : kAccelerators) {
-        int rc = mode & accelerator.bit ? setZorlibEnum(env, ZOR_PKCS11_ACCELERATOR, accelerator.value) : ZOR_OK;
+        int rc =
+            mode & accelerator.bit ? setZorlibEnum(env, ZOR_PKCS11_ACCELERATOR, accelerator.value) : ZOR_OK;
         if (rc != ZOR_OK)
             return rc;
     }
@@ -113,23 +117,30 @@ int setPKCS11AccMode(zor_handle env, int mode)
 // protocol or FIPS setting releases the environment.
 int set_protocols(zor_handle env, int timeout, Failure &failure)
 {
-    int rc = g_zorlib.attribute_set_numeric_value(env, ZOR_SESSION_TIMEOUT, timeout ? timeout : kDefaultSessionTimeout);
+    int rc = g_zorlib.attribute_set_numeric_value(env, ZOR_SESSION_TIMEOUT,
+                                                  timeout ? timeout : kDefaultSessionTimeout);
     if (rc != ZOR_OK)
-        return toolkit_failed(failure, rc, "Error - prepare_zor_init_data: zor_attribute_set_enum(...timeout...) rc=%d %s\n",
-                              LDAP_SECURE_BAD_PARAM);
+        return toolkit_failed(
+            failure, rc, "Error - prepare_zor_init_data: zor_attribute_set_enum(...timeout...) rc=%d %s\n",
+            LDAP_SECURE_BAD_PARAM);
     rc = g_zorlib.attribute_set_enum(env, ZOR_PROTOCOL_TLSV1, ZOR_TLSV1_ON);
     if (rc != ZOR_OK) {
         toolkit_failed(failure, rc, "Error - prepare_zor_init_data: zor_attribute_set_enum() rc=%d %s\n", 0);
-        return release_bad_environment(TRC_ERROR, "Error - prepare_zor_init_data: Delete bad Zorlib environment reference.\n");
+        return release_bad_environment(
+            TRC_ERROR, "Error - prepare_zor_init_data: Delete bad Zorlib environment reference.\n");
     }
     bool fips = g_SSL_FIPS_mode == 1;
     if (fips) {
-        LDAP_TRACE(TRC_API, "prepare_zor_init_data: setting base crypto library for FIPS to ZOR_BASE_CRYPTO_VOC\n");
+        LDAP_TRACE(TRC_API,
+                   "prepare_zor_init_data: setting base crypto library for FIPS to ZOR_BASE_CRYPTO_VOC\n");
         rc = g_zorlib.attribute_set_enum(env, ZOR_BASE_CRYPTO_LIBRARY, ZOR_BASE_CRYPTO_VOC);
         if (rc != ZOR_OK) {
             toolkit_failed(failure, rc,
-                           "Error - prepare_zor_init_data: zor_attribute_set_enum(...ZOR_BASE_CRYPTO_LIBRARY...) rc=%d %s\n", 0);
-            return release_bad_environment(TRC_API, "prepare_zor_init_data: Delete bad Zorlib environment reference.\n");
+                           "Error - prepare_zor_init_data: "
+                           "zor_attribute_set_enum(...ZOR_BASE_CRYPTO_LIBRARY...) rc=%d %s\n",
+                           0);
+            return release_bad_environment(
+                TRC_API, "prepare_zor_init_data: Delete bad Zorlib environment reference.\n");
         }
     }
     LDAP_TRACE(TRC_API, "prepare_zor_init_data: setting %s\n",
@@ -138,8 +149,11 @@ int set_protocols(zor_handle env, int timeout, Failure &failure)
                                      fips ? ZOR_FIPS_MODE_PROCESSING_ON : ZOR_FIPS_MODE_PROCESSING_OFF);
     if (rc != ZOR_OK) {
         toolkit_failed(failure, rc,
-                       "Error - prepare_zor_init_data: zor_attribute_set_enum(...ZOR_FIPS_MODE_PROCESSING...) rc=%d %s\n", 0);
-        return release_bad_environment(TRC_API, "prepare_zor_init_data: Delete bad Zorlib environment reference.\n");
+                       "Error - prepare_zor_init_data: "
+                       "zor_attribute_set_enum(...ZOR_FIPS_MODE_PROCESSING...) rc=%d %s\n",
+                       0);
+        return release_bad_environment(TRC_API,
+                                       "prepare_zor_init_data: Delete bad Zorlib environment reference.\n");
     }
     return LDAP_SUCCESS;
 }
@@ -180,10 +194,12 @@ int set_key_database(zor_handle env, const char *kdb, Failure &failure, bool *at
     if (kdb) {
         LDAP_TRACE(TRC_API, "prepare_zor_init_data: set key database filename to [%s]\n", kdb);
         int rc = g_zorlib.attribute_set_buffer(env, ZOR_KEYRING_FILE, kdb, 0);
-        return rc == ZOR_OK ? LDAP_SUCCESS
-                            : toolkit_failed(failure, rc,
-                                             "Error - prepare_zor_init_data: zor_attribute_set_buffer(...kdb...) rc=%d %s\n",
-                                             LDAP_SECURE_BAD_PARAM);
+        return rc == ZOR_OK
+                   ? LDAP_SUCCESS
+                   : toolkit_failed(
+                         failure, rc,
+                         "Error - prepare_zor_init_data: zor_attribute_set_buffer(...kdb...) rc=%d %s\n",
+                         LDAP_SECURE_BAD_PARAM);
     }
     char *name = default_kdb_name();
     if (!name) {
@@ -194,9 +210,10 @@ int set_key_database(zor_handle env, const char *kdb, Failure &failure, bool *at
     int rc = g_zorlib.attribute_set_buffer(env, ZOR_KEYRING_FILE, name, 0);
     zldap::mem_free(name);
     return rc == ZOR_OK ? LDAP_SUCCESS
-                        : toolkit_failed(failure, rc,
-                                         "Error - prepare_zor_init_data: zor_attribute_get_buffer(...kdb...) rc=%d %s\n",
-                                         LDAP_SECURE_KEYRING_MISSING);
+                        : toolkit_failed(
+                              failure, rc,
+                              "Error - prepare_zor_init_data: zor_attribute_get_buffer(...kdb...) rc=%d %s\n",
+                              LDAP_SECURE_KEYRING_MISSING);
 }
 
 int set_password(zor_handle env, const char *password, Failure &failure)
@@ -207,10 +224,12 @@ int set_password(zor_handle env, const char *password, Failure &failure)
         return LDAP_NO_MEMORY;
     int rc = g_zorlib.attribute_set_buffer(env, ZOR_KEYRING_PW, copy, 0);
     zldap::mem_free(copy);
-    return rc == ZOR_OK ? LDAP_SUCCESS
-                        : toolkit_failed(failure, rc,
-                                         "Error - prepare_zor_init_data: zor_attribute_set_buffer(...kdb-pw...) rc=%d %s\n",
-                                         LDAP_SECURE_PASSWORD_MISSING);
+    return rc == ZOR_OK
+               ? LDAP_SUCCESS
+               : toolkit_failed(
+                     failure, rc,
+                     "Error - prepare_zor_init_data: zor_attribute_set_buffer(...kdb-pw...) rc=%d %s\n",
+                     LDAP_SECURE_PASSWORD_MISSING);
 }
 
 // The key database name with everything after its last "." (anywhere in
@@ -234,7 +253,8 @@ int set_stash_file(zor_handle env, Failure &failure)
     int length = 0;
     int rc = g_zorlib.attribute_get_buffer(env, ZOR_KEYRING_FILE, &kdb, &length);
     if (rc != ZOR_OK)
-        return toolkit_failed(failure, rc, "prepare_zor_init_data: zor_attribute_get_buffer(...kdb...) rc=%d %s\n",
+        return toolkit_failed(failure, rc,
+                              "prepare_zor_init_data: zor_attribute_get_buffer(...kdb...) rc=%d %s\n",
                               LDAP_SECURE_KEYRING_MISSING);
     if (!kdb) {
         LDAP_TRACE(TRC_ERROR, "prepare_zor_init_data: Creating stash file name\n");
@@ -248,10 +268,12 @@ int set_stash_file(zor_handle env, Failure &failure)
     LDAP_TRACE(TRC_API, "prepare_zor_init_data: set stash file name=[%s]\n", stash);
     rc = g_zorlib.attribute_set_buffer(env, ZOR_KEYRING_STASH_FILE, stash, 0);
     zldap::mem_free(stash);
-    return rc == ZOR_OK ? LDAP_SUCCESS
-                        : toolkit_failed(failure, rc,
-                                         "Error - prepare_zor_init_data: zor_attribute_set_buffer(...stashfile...) rc=%d %s\n",
-                                         LDAP_SECURE_KEYRING_MISSING);
+    return rc == ZOR_OK
+               ? LDAP_SUCCESS
+               : toolkit_failed(
+                     failure, rc,
+                     "Error - prepare_zor_init_data: zor_attribute_set_buffer(...stashfile...) rc=%d %s\n",
+                     LDAP_SECURE_KEYRING_MISSING);
 }
 
 int set_callbacks(zor_handle env, Failure &failure)
@@ -322,12 +344,14 @@ int initZorlibEnv(zor_handle env, const char *password, const LDAPPkcs11Info *pk
     // The key database is not usable in FIPS mode: once more without it.
     rc = g_zorlib.attribute_set_enum(env, ZOR_FIPS_MODE_PROCESSING, ZOR_FIPS_MODE_PROCESSING_OFF);
     if (rc != ZOR_OK) {
-        LDAP_TRACE(TRC_ERROR, "Error - initZorlibEnv(): pZorAttributeSetEnum(ZOR_FIPS_MODE_PROCESSING_OFF)\n");
+        LDAP_TRACE(TRC_ERROR,
+                   "Error - initZorlibEnv(): pZorAttributeSetEnum(ZOR_FIPS_MODE_PROCESSING_OFF)\n");
         return rc;
     }
     rc = g_zorlib.attribute_set_enum(env, ZOR_SSL_FIPS_MODE_PROCESSING, ZOR_SSL_FIPS_MODE_PROCESSING_ON);
     if (rc != ZOR_OK) {
-        LDAP_TRACE(TRC_ERROR, "Error - initZorlibEnv(): pZorAttributeSetEnum(ZOR_SSL_FIPS_MODE_PROCESSING_ON)\n");
+        LDAP_TRACE(TRC_ERROR,
+                   "Error - initZorlibEnv(): pZorAttributeSetEnum(ZOR_SSL_FIPS_MODE_PROCESSING_ON)\n");
         return rc;
     }
     if (pkcs11 && pkcs11->tokenPassword) {
