@@ -1,5 +1,5 @@
 // ssl_environment_test.cpp - the client and environment initialisations
-// against the real toolkit, found through the loader's search, on key
+// against the real toolkit, which this program finds beside itself, on key
 // databases its key tool makes from certificates the openssl command makes.
 #include "test_util.h"
 #include "zor8ldap_api.h"
@@ -37,7 +37,6 @@ TEST(SslEnvironmentToolkit, InitialisesFromKeyDatabases)
                              " && cp keys.kdb weak.kdb && " + tool + "import --db weak.kdb --pw pw --label weak"
                              " --key weak.key --cert weak.pem >/dev/null 2>&1";
     ASSERT_EQ(std::system(make.c_str()), 0);
-    ASSERT_EQ(setenv("ZORLIB_LOCAL_INSTALL_MODE", "", 1), 0);
     const std::string keys = dir.file("keys.kdb"), weak = dir.file("weak.kdb"), missing = dir.file("none.kdb");
     const Step steps[] = {
         {"wrong password", ldap_ssl_client_init, keys.c_str(), "bad", 0, LDAP_SECURE_INIT_FAILED, 408},

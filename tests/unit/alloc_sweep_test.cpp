@@ -10,6 +10,7 @@
 #include "dns/ldapdns.h"
 #include "dns_test_support.h"
 #include "engine_fixture.h"
+#include "fresh_process.h"
 #include "loopback.h"
 #include "message/ldap_message.h"
 #include "message/ldap_table.h"
@@ -838,15 +839,16 @@ void PluginBind(const std::function<void(const AllocFaultScenario &)> &sweep)
 
 // ---- secure transport -------------------------------------------------
 
-// Environments prepared on the recording toolkit from a key database with
-// its password and from the default one with its stash file. A session
-// holds the current environment around each, so each replaces one and
-// nothing outlives the run. A default key database name that can't be
-// made is 119.
+// Environments prepared on the recording toolkit, which the loader finds,
+// from a key database with its password and from the default one with its
+// stash file. A session holds the current environment around each, so each
+// replaces one and nothing outlives the run. A default key database name
+// that can't be made is 119.
 void SslEnvironments(const std::function<void(const AllocFaultScenario &)> &sweep)
 {
     zldap_test::ScopedEnv search("ZORLIB_LOCAL_INSTALL_MODE", "");
-    sweep({[] {
+    zldap_test::ScopedEnv path("LD_LIBRARY_PATH", ZLDAP_RECORDER_DIR);
+    ZLDAP_IN_FRESH_PROCESS(sweep({[] {
                int rc = LDAP_SUCCESS;
                for (const char *kdb : {"/k/db.kdb", static_cast<const char *>(nullptr)}) {
                    ZorEnvRef *held = attachZorEnvRef();
@@ -857,7 +859,7 @@ void SslEnvironments(const std::function<void(const AllocFaultScenario &)> &swee
                }
                return rc;
            },
-           LDAP_NO_MEMORY, nullptr, [](int rc) { return rc == LDAP_SECURE_KEYRING_MISSING; }});
+           LDAP_NO_MEMORY, nullptr, [](int rc) { return rc == LDAP_SECURE_KEYRING_MISSING; }}));
 }
 
 const SweepRow kRows[] = {
