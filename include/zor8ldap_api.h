@@ -512,6 +512,50 @@ int ldap_parse_limit_num_values_response(LDAP *ld, LDAPControl **ctrls, LDAPLimi
 void ldap_free_limit_num_values_response(LDAPLimitNumValuesResponse *response);
 
 /* ------------------------------------------------------------------ */
+/* Secure transport: the toolkit's environment and switches            */
+/* ------------------------------------------------------------------ */
+
+/* PKCS#11 token settings; the library only reads them. */
+typedef struct LDAPPkcs11Info {
+    const char *libPath;       /* the token's driver library */
+    const char *tokenLabel;
+    const char *tokenPassword;
+    int keyStorage;            /* 1: the keys are on the token; 0: they are not */
+    int acceleratorMode;       /* 0 to 7: 1 symmetric, 2 digest, 4 random */
+} LDAPPkcs11Info;
+
+/* Loads the secure-socket toolkit and makes one environment from the key
+ * database (NULL: the installation's etc/ldapkey.kdb) with its password or,
+ * without one, its stash file (the name ending in .sth), and a session
+ * time-out in seconds (0: 12 hours; at most 86400). Once per process: later
+ * calls return 112. *reason (optional) receives the toolkit's reason code
+ * (ldap_ssl_reason2string). 0, 80, 90, 112, 113, 115, 118, 119 or 120. */
+int ldap_ssl_client_init(const char *keyring, const char *keyring_pw, int ssl_timeout, int *reason);
+int ldap_ssl_client_init_setup(const char *keyring, const char *keyring_pw, int ssl_timeout, int *reason,
+                               const LDAPPkcs11Info *pkcs11);
+/* Checks the PKCS#11 settings first (115); the last argument is not used. */
+int ldap_ssl_pkcs11_client_init(const char *keyring, const char *keyring_pw, int ssl_timeout, int *reason,
+                                const LDAPPkcs11Info *pkcs11, void *unused);
+/* As the client forms, but repeatable: each success replaces the
+ * environment new secure sessions use; sessions keep the one they have. */
+int ldap_ssl_environment_init(const char *keyring, const char *keyring_pw, int ssl_timeout, int *reason);
+int ldap_ssl_environment_init_setup(const char *keyring, const char *keyring_pw, int ssl_timeout, int *reason,
+                                    const LDAPPkcs11Info *pkcs11);
+/* Refuses an accelerator mode outside 0 to 7 with 89. */
+int ldap_ssl_pkcs11_environment_init(const char *keyring, const char *keyring_pw, int ssl_timeout, int *reason,
+                                     const LDAPPkcs11Info *pkcs11, void *unused);
+/* Switches for the environments made from now on. FIPS: any non-zero mode
+ * turns it on; 0. Suite B: "128" or "192", any other decimal text turns it
+ * off; 0, or 89 for NULL or a text that is not decimal. Signature
+ * algorithms offered: a copy is kept; 0, 89 for NULL or "", 90. */
+int ldap_ssl_set_fips_mode_np(int mode);
+int ldap_ssl_set_suiteb_mode(const char *mode);
+int ldap_ssl_set_extn_sigalg(const char *sigalgs);
+/* A constant English text for a reason code, "Unknown SSL error" for
+ * codes it does not know. */
+const char *ldap_ssl_reason2string(int reason);
+
+/* ------------------------------------------------------------------ */
 /* Code-set translation between the local code page and UTF-8          */
 /* ------------------------------------------------------------------ */
 

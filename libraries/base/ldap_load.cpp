@@ -7,6 +7,8 @@
 #include "base/trace.h"
 #include "zor8ldap.h"
 
+#include <climits>
+#include <cstdlib>
 #include <cstring>
 
 #define LDAP_MODULE "libraries/libldap/ldap_load"
@@ -60,4 +62,15 @@ char *ldap_dl_file_name(const char *path)
     std::memcpy(file, path, stem);
     std::memcpy(file + stem, ".so", sizeof ".so");
     return file;
+}
+
+char *ldap_dl_own_directory()
+{
+    Dl_info info;
+    char canonical[PATH_MAX];
+    if (dladdr(reinterpret_cast<void *>(&ldap_dl_own_directory), &info) == 0 || !info.dli_fname ||
+        !realpath(info.dli_fname, canonical))
+        return nullptr;
+    const char *slash = std::strrchr(canonical, '/');
+    return zldap::mem_strndup(canonical, static_cast<size_t>(slash - canonical) + 1);
 }

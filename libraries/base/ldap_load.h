@@ -32,4 +32,9 @@ void ldap_dlrelease(ldap_dl *dl);
 // "/usr/lib/sasl/libgss.so". A new text (release with mem_free), or NULL.
 char *ldap_dl_file_name(const char *path);
 
+// The directory of the file the library itself was loaded from (the
+// program's own file when the library is linked in), with a trailing "/":
+// a new text (release with mem_free), or NULL when the loader can't tell.
+char *ldap_dl_own_directory();
+
 #endif

@@ -86,5 +86,7 @@ void ldap_lock_plugin_mutex() { lock_global(&g_plugin_mutex, __LINE__); }
 void ldap_unlock_plugin_mutex() { unlock_global(&g_plugin_mutex, __LINE__); }
 void ldap_lock_defaults_mutex() { lock_global(&g_defaults_mutex, __LINE__); }
 void ldap_unlock_defaults_mutex() { unlock_global(&g_defaults_mutex, __LINE__); }
+void ldap_lock_ssl_mutex() { lock_global(&g_ssl_mutex, __LINE__); }
+void ldap_unlock_ssl_mutex() { unlock_global(&g_ssl_mutex, __LINE__); }
 void ldap_lock_xlate_mutex() { lock_global(&g_xlate_mutex, __LINE__); }
 void ldap_unlock_xlate_mutex() { unlock_global(&g_xlate_mutex, __LINE__); }

@@ -58,13 +58,14 @@ private:
 
 // The process-wide locks (plug-in registry, defaults, secure toolkit,
 // translation), all made once on first use. A failing lock or unlock is
-// traced and otherwise ignored. The secure-toolkit lock gets its accessors
-// with the code it guards.
+// traced and otherwise ignored.
 void ldap_init_all_mutex_once();
 void ldap_lock_plugin_mutex();
 void ldap_unlock_plugin_mutex();
 void ldap_lock_defaults_mutex();
 void ldap_unlock_defaults_mutex();
+void ldap_lock_ssl_mutex();
+void ldap_unlock_ssl_mutex();
 void ldap_lock_xlate_mutex();
 void ldap_unlock_xlate_mutex();
 

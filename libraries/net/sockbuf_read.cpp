@@ -154,7 +154,7 @@ long fber_socket_read_nb(Sockbuf *sb, char *buf, long len, int *would_block)
         }
         if (rc != ZOR_ERR_READ_FAILED)
             LDAP_TRACE(TRC_ERROR, "Error - fber_socket_read_nb: zor_secure_soc_read() rc=%d %s\n", rc,
-                       zorlib_reason_text(rc));
+                       zorErrorText(rc));
         return -1;
     }
     ssize_t n;

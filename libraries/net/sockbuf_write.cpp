@@ -24,7 +24,7 @@ long BerWrite_nb(Sockbuf *sb, const char *buf, long len)
                                            : ZOR_ERR_READ_FAILED;
         if (rc == ZOR_OK)
             return count;
-        LDAP_TRACE(TRC_ERROR, "BerWrite() zor_secure_soc_write() rc=%d %s\n", rc, zorlib_reason_text(rc));
+        LDAP_TRACE(TRC_ERROR, "BerWrite() zor_secure_soc_write() rc=%d %s\n", rc, zorErrorText(rc));
         return rc == ZOR_WOULD_BLOCK ? -LBER_WOULD_BLOCK : -1;
     }
     if (len < 1)

@@ -3,8 +3,10 @@
 
 zorlib_entry_points g_zorlib = {};
 
-const char *zorlib_reason_text(int reason)
+const char *zorErrorText(int reason)
 {
-    const char *text = g_zorlib.strerror ? g_zorlib.strerror(reason) : nullptr;
+    if (!g_zorlib.strerror)
+        return "Zorlib not loaded";
+    const char *text = g_zorlib.strerror(reason);
     return text ? text : "";
 }

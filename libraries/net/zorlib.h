@@ -1,5 +1,6 @@
 // zorlib.h - the secure-socket toolkit as the library sees it: the entry
-// points it resolves by name when it loads the toolkit, and the secure
+// points it resolves by name when it loads the toolkit, the identifiers and
+// values it passes, the I/O callback record it hands over, and the secure
 // record a connection's socket buffer carries once it is secure.
 #ifndef ZLDAP_ZORLIB_H
 #define ZLDAP_ZORLIB_H
@@ -14,6 +15,40 @@ inline constexpr int ZOR_OK = 0;
 inline constexpr int ZOR_ERR_READ_FAILED = 406;
 inline constexpr int ZOR_ERR_BAD_V3_CIPHER = 422;
 inline constexpr int ZOR_WOULD_BLOCK = 502;
+// zor_environment_init refuses the environment in FIPS mode; the library
+// retries once with FIPS processing off.
+inline constexpr int ZOR_ERR_FIPS_RETRY = 207;
+
+// Attribute identifiers the library sets; what they mean is the toolkit's.
+inline constexpr int ZOR_USER_DATA = 200;
+inline constexpr int ZOR_KEYRING_FILE = 201;
+inline constexpr int ZOR_KEYRING_PW = 202;
+inline constexpr int ZOR_KEYRING_STASH_FILE = 204;
+inline constexpr int ZOR_PKCS11_DRIVER_PATH = 213;
+inline constexpr int ZOR_PKCS11_TOKEN_LABEL = 214;
+inline constexpr int ZOR_PKCS11_TOKEN_PWD = 215;
+inline constexpr int ZOR_SSL_EXTN_SIGALG = 245;
+inline constexpr int ZOR_SESSION_TIMEOUT = 302;
+inline constexpr int ZOR_PROTOCOL_TLSV1 = 407;
+inline constexpr int ZOR_FIPS_MODE_PROCESSING = 415;
+inline constexpr int ZOR_BASE_CRYPTO_LIBRARY = 416;
+inline constexpr int ZOR_PKCS11_ACCELERATOR = 417;
+inline constexpr int ZOR_SSL_FIPS_MODE_PROCESSING = 420;
+inline constexpr int ZOR_VOC_FIPS_MODE_PROCESSING = 421;
+inline constexpr int ZOR_SSL_SUITEB_128BIT_MODE_PROCESSING = 455;
+inline constexpr int ZOR_SSL_SUITEB_192BIT_MODE_PROCESSING = 456;
+inline constexpr int ZOR_IO_CALLBACK = 800;
+
+// Enumeration values.
+inline constexpr int ZOR_TLSV1_ON = 518;
+inline constexpr int ZOR_FIPS_MODE_PROCESSING_ON = 544;
+inline constexpr int ZOR_FIPS_MODE_PROCESSING_OFF = 545;
+inline constexpr int ZOR_BASE_CRYPTO_VOC = 547;
+inline constexpr int ZOR_ACCELERATOR_SYMMETRIC_ON = 549;
+inline constexpr int ZOR_ACCELERATOR_DIGEST_ON = 551;
+inline constexpr int ZOR_ACCELERATOR_RANDOM_ON = 553;
+inline constexpr int ZOR_SSL_FIPS_MODE_PROCESSING_ON = 573;
+inline constexpr int ZOR_VOC_FIPS_MODE_PROCESSING_ON = 575;
 
 struct zor_cert_element {
     int32_t type;
@@ -42,8 +77,20 @@ struct zorlib_entry_points {
     int (*get_cert_by_label)(zor_handle env, const char *label, void **cert);
 };
 
-// All NULL until the toolkit is loaded.
+// All NULL until the toolkit is loaded. attribute_set_buffer is the
+// library's tracing wrapper around the toolkit's entry point.
 extern zorlib_entry_points g_zorlib;
+
+// The I/O callback record (six pointer slots) an environment hands to
+// every secure socket: all socket I/O of the toolkit goes through it.
+struct ZorIoCallbacks {
+    int (*read)(int fd, void *buffer, int length, void *user_data);
+    int (*write)(int fd, const void *buffer, int length, void *user_data);
+    void *reserved1;
+    int (*set_socket_options)(int fd, int command, void *user_data);
+    void *reserved2;
+    void *reserved3;
+};
 
 // The secure record of a socket buffer; its first field is the toolkit's
 // secure-socket handle.
@@ -51,7 +98,8 @@ struct zor_secure_record {
     zor_handle soc;
 };
 
-// The toolkit's text for a reason code, "" while it is not loaded.
-const char *zorlib_reason_text(int reason);
+// The toolkit's text for a reason code, for error traces; "Zorlib not
+// loaded" while its zor_strerror is not resolved.
+const char *zorErrorText(int reason);
 
 #endif

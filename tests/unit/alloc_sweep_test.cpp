@@ -10,6 +10,7 @@
 #include "dns/ldapdns.h"
 #include "dns_test_support.h"
 #include "engine_fixture.h"
+#include "fresh_process.h"
 #include "loopback.h"
 #include "message/ldap_message.h"
 #include "message/ldap_table.h"
@@ -27,6 +28,7 @@
 #include "session/ldap_options.h"
 #include "session/ldap_unbind.h"
 #include "test_util.h"
+#include "tls/ldap_ssl_env.h"
 #include "xlate/ldap_charset.h"
 #include "zor8ldap_api.h"
 
@@ -840,6 +842,31 @@ void PluginBind(const std::function<void(const AllocFaultScenario &)> &sweep)
            LDAP_NO_MEMORY, nullptr, [](int rc) { return rc == LDAP_SERVER_DOWN || rc == LDAP_SUCCESS; }});
 }
 
+// ---- secure transport -------------------------------------------------
+
+// Environments prepared on the recording toolkit, which the loader finds,
+// from a key database with its password and from the default one with its
+// stash file. A session holds the current environment around each, so each
+// replaces one and nothing outlives the run. A default key database name
+// that can't be made is 119.
+void SslEnvironments(const std::function<void(const AllocFaultScenario &)> &sweep)
+{
+    zldap_test::ScopedEnv search("ZORLIB_LOCAL_INSTALL_MODE", "");
+    zldap_test::ScopedEnv path("LD_LIBRARY_PATH", ZLDAP_RECORDER_DIR);
+    ZLDAP_IN_FRESH_PROCESS(sweep({[] {
+               int rc = LDAP_SUCCESS;
+               for (const char *kdb : {"/k/db.kdb", static_cast<const char *>(nullptr)}) {
+                   ZorEnvRef *held = attachZorEnvRef();
+                   int step = ldap_ssl_environment_init(kdb, kdb ? "pw" : nullptr, 0, nullptr);
+                   rc = rc != LDAP_SUCCESS ? rc : step;
+                   if (held)
+                       deleteZorEnvRef(held);
+               }
+               return rc;
+           },
+           LDAP_NO_MEMORY, nullptr, [](int rc) { return rc == LDAP_SECURE_KEYRING_MISSING; }}));
+}
+
 const SweepRow kRows[] = {
     // ---- codec and protocol pieces rows ----
     {"UrlParse", UrlParse},
@@ -882,6 +909,8 @@ const SweepRow kRows[] = {
     {"ConfRead", ConfRead},
     {"RegisterAndCopy", RegisterAndCopy},
     {"PluginBind", PluginBind},
+    // ---- secure transport rows ----
+    {"SslEnvironments", SslEnvironments},
 };
 
 class AllocSweep : public testing::TestWithParam<SweepRow> {};

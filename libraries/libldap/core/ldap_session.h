@@ -39,6 +39,7 @@ inline constexpr uint64_t LDAP_BITOPT_RESTART = 0x4;
 
 struct ldap_msg_table;
 struct ldap_plugin_block;
+struct ZorEnvRef;
 
 
 typedef struct ldap_conn {
@@ -109,7 +110,7 @@ struct ldap {
     uint32_t ld_unbind_started;
     char *ssl_cert_label;
     uint32_t ld_ssl_flag;
-    void *ld_ssl_env;
+    ZorEnvRef *ld_ssl_env;
     char *ld_ssl_cipher;
     char *ld_ssl_cipher_EX;
     char *ld_ssl_protocols;

@@ -8,6 +8,7 @@
 #include "core/ldap_error.h"
 #include "core/plugin_block.h"
 #include "proto/ldap_controls.h"
+#include "tls/ldap_ssl_env.h"
 
 #define LDAP_MODULE "libraries/libldap/ldap_free"
 
@@ -69,6 +70,8 @@ void ldap_ld_free(LDAP *ld)
     }
     ldap_controls_free(ld->ld_sctrls);
     ldap_controls_free(ld->ld_cctrls);
+    if (ld->ld_ssl_env)
+        deleteZorEnvRef(ld->ld_ssl_env);
 
     zldap::mem_free(ld->ld_ssl_cipher);
     zldap::mem_free(ld->ld_ssl_cipher_EX);
