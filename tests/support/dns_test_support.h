@@ -10,6 +10,7 @@
 #include "ber_test_support.h"
 #include "dns/ldapdns.h"
 #include "loopback.h"
+#include "test_util.h"
 
 #include <atomic>
 #include <functional>
@@ -59,6 +60,20 @@ struct LookupOutcome {
 LookupOutcome Lookup(const LookupRequest &request);
 
 } // namespace dns
+
+// Points server location at files in a temporary directory for one scope,
+// none of them there until the test writes it, so that the machine's
+// resolver and configuration files are never read.
+class ScopedLocateFiles {
+    TempDir dir_;
+
+public:
+    ScopedLocateFiles();
+    ~ScopedLocateFiles();
+    ScopedLocateFiles(const ScopedLocateFiles &) = delete;
+    ScopedLocateFiles &operator=(const ScopedLocateFiles &) = delete;
+    const std::string resolv_conf, server_conf, user_info;
+};
 
 struct DnsQuery {
     unsigned id = 0;
