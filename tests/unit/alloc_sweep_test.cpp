@@ -754,6 +754,36 @@ void DnsLookup(const std::function<void(const AllocFaultScenario &)> &sweep)
            LDAP_NO_MEMORY});
 }
 
+// Servers of one domain from the configuration file, of another from DNS,
+// then the same as a host list.
+void ServerLocate(const std::function<void(const AllocFaultScenario &)> &sweep)
+{
+    namespace dns = zldap_test::dns;
+    zldap_test::DnsPeer peer([](const zldap_test::DnsQuery &q) {
+        std::vector<zldap_test::Bytes> records;
+        if (q.type == 255)
+            records = {dns::Srv(q.name, 1, 1, 389, "d.b.example")};
+        return std::vector<zldap_test::Bytes>{dns::Answer(q.id, 0x8180, q.name, q.type, records)};
+    });
+    zldap_test::ScopedLocateFiles files;
+    std::ofstream(files.server_conf) << "0\n_ldap a.example c.a.example 1 2 3 4 1 \"o=x\" \"v\" \"i\"\n";
+    std::string name_server = peer.name_server();
+    char *servers[] = {name_server.data(), nullptr};
+    char *domains[] = {const_cast<char *>("a.example"), const_cast<char *>("b.example"), nullptr};
+    char service[] = "_ldap", protocol[] = "_tcp";
+    server_request request{0, nullptr, nullptr, service, nullptr, servers, domains, 1, 5, nullptr, protocol};
+    sweep({[&] {
+               server_info *list = nullptr;
+               int rc = ldap_server_locate(&request, &list);
+               ldap_server_free_list(list);
+               char *hosts = rc == 0 ? auto_server_locate(&request, 0) : nullptr;
+               rc = rc == 0 && !hosts ? LDAP_NO_MEMORY : rc;
+               ldap_memfree(hosts);
+               return rc;
+           },
+           LDAP_NO_MEMORY});
+}
+
 // Items of the current user among another user's, then the password
 // read with its key and with another.
 void UserInfoFile(const std::function<void(const AllocFaultScenario &)> &sweep)
@@ -871,6 +901,7 @@ const SweepRow kRows[] = {
     // ---- server location rows ----
     {"DnsSearchLists", DnsSearchLists},
     {"DnsLookup", DnsLookup},
+    {"ServerLocate", ServerLocate},
     {"UserInfoFile", UserInfoFile},
     // ---- configuration rows ----
     {"ConfRead", ConfRead},
