@@ -595,8 +595,9 @@ char *auto_server_locate(server_request *request, int ssl);
 /* of the real user when path is NULL). Results: 0; 89 for a missing  */
 /* argument; 82 without an account entry or home directory; 90; 21     */
 /* for a damaged file; 32 when the user has no record or no such item; */
-/* 53 when the file cannot be written. Release results with            */
-/* ldap_memfree.                                                       */
+/* 53 when the file cannot be written; 92 from the password functions  */
+/* when the system's libcrypto (SHA-1) cannot be loaded. Release       */
+/* results with ldap_memfree.                                          */
 /* ------------------------------------------------------------------ */
 
 #define LDAP_USER_INFO_TEXT     1

@@ -1,6 +1,5 @@
 // dns_test_support.cpp - answer builders, one lookup, the scripted name server.
 #include "dns_test_support.h"
-#include "dns/server_locate.h"
 
 #include <chrono>
 #include <netinet/in.h>
@@ -9,14 +8,6 @@
 #include <unistd.h>
 
 namespace zldap_test {
-
-ScopedLocateFiles::ScopedLocateFiles()
-    : resolv_conf(dir_.file("resolv.conf")), server_conf(dir_.file("servers.conf")), user_info(dir_.file("user_info"))
-{
-    zldap::server_locate_use_files({resolv_conf.c_str(), server_conf.c_str(), user_info.c_str()});
-}
-
-ScopedLocateFiles::~ScopedLocateFiles() { zldap::server_locate_use_files({}); }
 
 namespace dns {
 

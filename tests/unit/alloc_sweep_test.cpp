@@ -754,24 +754,13 @@ void DnsLookup(const std::function<void(const AllocFaultScenario &)> &sweep)
            LDAP_NO_MEMORY});
 }
 
-// Servers of one domain from the configuration file, of another from DNS,
-// then the same as a host list.
+// Servers from the configuration file, then the same as a host list.
 void ServerLocate(const std::function<void(const AllocFaultScenario &)> &sweep)
 {
-    namespace dns = zldap_test::dns;
-    zldap_test::DnsPeer peer([](const zldap_test::DnsQuery &q) {
-        std::vector<zldap_test::Bytes> records;
-        if (q.type == 255)
-            records = {dns::Srv(q.name, 1, 1, 389, "d.b.example")};
-        return std::vector<zldap_test::Bytes>{dns::Answer(q.id, 0x8180, q.name, q.type, records)};
-    });
     zldap_test::ScopedLocateFiles files;
     std::ofstream(files.server_conf) << "0\n_ldap a.example c.a.example 1 2 3 4 1 \"o=x\" \"v\" \"i\"\n";
-    std::string name_server = peer.name_server();
-    char *servers[] = {name_server.data(), nullptr};
-    char *domains[] = {const_cast<char *>("a.example"), const_cast<char *>("b.example"), nullptr};
-    char service[] = "_ldap", protocol[] = "_tcp";
-    server_request request{0, nullptr, nullptr, service, nullptr, servers, domains, 1, 5, nullptr, protocol};
+    char service[] = "_ldap", protocol[] = "_tcp", domain[] = "a.example", *domains[] = {domain, nullptr};
+    server_request request{1, nullptr, nullptr, service, nullptr, nullptr, domains, 0, 5, nullptr, protocol};
     sweep({[&] {
                server_info *list = nullptr;
                int rc = ldap_server_locate(&request, &list);
