@@ -59,10 +59,12 @@ ZLDAP_EXPORT int zor_ldap_simple_bind_s(LDAP *ld, const char *dn, const char *pa
 
 ZLDAP_EXPORT int zor_ldap_unbind(LDAP *ld) { return ldap_unbind(ld); }
 
-ZLDAP_EXPORT int zor_ldap_search_st(LDAP *ld, const char *base, int scope, const char *filter, char **attrs,
-                                    int attrsonly, struct timeval *timeout, LDAPMessage **res)
+// The search only reads the attribute list (zor8ldap_attrs is const for
+// C++ callers), so handing it on without its const is safe.
+ZLDAP_EXPORT int zor_ldap_search_st(LDAP *ld, const char *base, int scope, const char *filter,
+                                    zor8ldap_attrs attrs, int attrsonly, struct timeval *timeout, LDAPMessage **res)
 {
-    return ldap_search_st(ld, base, scope, filter, attrs, attrsonly, timeout, res);
+    return ldap_search_st(ld, base, scope, filter, const_cast<char **>(attrs), attrsonly, timeout, res);
 }
 
 ZLDAP_EXPORT int zor_ldap_url_parse(const char *url, LDAPURLDesc **ludpp) { return ldap_url_parse(url, ludpp); }
