@@ -347,7 +347,9 @@ typedef char **zor8ldap_attrs;
 
 /* A new handle (release with zor_ldap_unbind), or NULL. host: a host name
  * or address, a blank-separated list of them, each with an optional
- * ":port", or an ldap:// or ldaps:// URL that names a host; NULL names this
+ * ":port", or an ldap:// or ldaps:// URL; a URL without a host
+ * ("ldap:///dc=example,dc=com") takes the servers under its DN found
+ * through DNS service records and the server cache file. NULL names this
  * machine. port: for hosts without one, 0 to 65535 (0: 389). Nothing is
  * sent until the first operation. */
 LDAP *zor_ldap_init(const char *host, int port);

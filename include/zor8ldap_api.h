@@ -627,13 +627,31 @@ typedef struct server_info {
     struct server_info *next;
 } server_info;
 
+/* Finds the servers of the request (NULL: the built-in default request)
+ * in the configuration file and through DNS, by priority and, within a
+ * priority, in a weighted random order. 0 with a list; 133 without one;
+ * 134 with a list when some DNS answers were truncated; 89 when
+ * server_info_listpp is NULL; 82, 90, 91, 135, 136 or 137 otherwise. */
+int ldap_server_locate(server_request *request, server_info **server_info_listpp);
+/* Writes the list as a configuration file (path NULL: the default one),
+ * expiring time_to_live seconds from now (0: never). 0 or 82. */
+int ldap_server_cache_save(const char *path, unsigned long time_to_live, server_info *list);
+/* Frees every record of the list with its texts. 0. */
+int ldap_server_free_list(server_info *list);
+/* The servers found as a host list for ldap_init ("host:port" or "host",
+ * blank-separated): SSL servers when ssl is not 0, plain ones otherwise,
+ * and those that name neither. NULL when none is found; release with
+ * ldap_memfree. */
+char *auto_server_locate(server_request *request, int ssl);
+
 /* ------------------------------------------------------------------ */
 /* The user information file ("ldap_user_info" in the home directory  */
 /* of the real user when path is NULL). Results: 0; 89 for a missing  */
 /* argument; 82 without an account entry or home directory; 90; 21     */
 /* for a damaged file; 32 when the user has no record or no such item; */
-/* 53 when the file cannot be written. Release results with            */
-/* ldap_memfree.                                                       */
+/* 53 when the file cannot be written; 92 from the password functions  */
+/* when the system's libcrypto (SHA-1) cannot be loaded. Release       */
+/* results with ldap_memfree.                                          */
 /* ------------------------------------------------------------------ */
 
 #define LDAP_USER_INFO_TEXT     1

@@ -10,6 +10,7 @@
 
 #include <cstdio>
 #include <cstring>
+#include <ctime>
 
 namespace zldap {
 namespace {
@@ -74,7 +75,7 @@ int dns_lookup_service(DnsQueryState *q, const char *service, const char *protoc
         q->current = nullptr;
         return rc;
     }
-    server_list_order_by_weight(&q->current);
+    server_list_order_by_weight(&q->current, static_cast<unsigned>(time(nullptr)));
     server_list_append(&q->results, &q->current);
     return LDAP_SUCCESS;
 }

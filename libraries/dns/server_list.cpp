@@ -3,6 +3,8 @@
 
 #include "base/memory.h"
 
+#include <utility>
+
 namespace zldap {
 
 server_info *server_info_new(const char *host, int port, unsigned priority, unsigned weight, const char *service,
@@ -22,6 +24,23 @@ server_info *server_info_new(const char *host, int port, unsigned priority, unsi
     server->priority = static_cast<unsigned short>(priority);
     server->weight = static_cast<unsigned short>(weight);
     return server;
+}
+
+server_info *server_info_copy(const server_info *server)
+{
+    server_info *copy = server_info_new(server->host, server->port, server->priority, server->weight,
+                                        server->service, server->domain);
+    if (!copy)
+        return nullptr;
+    copy->replica = server->replica;
+    copy->sec_flag = server->sec_flag;
+    for (auto [from, to] : {std::pair{server->suffix, &copy->suffix}, std::pair{server->vendor, &copy->vendor},
+                            std::pair{server->info, &copy->info}})
+        if (from && !(*to = mem_strdup(from))) {
+            server_info_free(copy);
+            return nullptr;
+        }
+    return copy;
 }
 
 void server_info_free(server_info *server)

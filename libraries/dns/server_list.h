@@ -12,6 +12,9 @@ namespace zldap {
 // neither replica nor security flag; NULL when memory runs out.
 server_info *server_info_new(const char *host, int port, unsigned priority, unsigned weight, const char *service,
                              const char *domain);
+// A new record with copies of every field of server but its links; NULL
+// when memory runs out.
+server_info *server_info_copy(const server_info *server);
 // Frees the record and its texts.
 void server_info_free(server_info *server);
 void server_list_free(server_info *list);
@@ -24,8 +27,9 @@ void server_list_unlink(server_info **list, server_info *server);
 void server_list_append(server_info **to, server_info **from);
 
 // Reorders each run of equal priority by a weighted random draw: heavier
-// servers tend to come first, servers of weight 0 come last.
-void server_list_order_by_weight(server_info **list);
+// servers tend to come first, servers of weight 0 come last. Each run's
+// draws start from seed (the current time in seconds, except in tests).
+void server_list_order_by_weight(server_info **list, unsigned seed);
 
 } // namespace zldap
 

@@ -6,13 +6,12 @@
 #include "base/trace.h"
 
 #include <cstdlib>
-#include <ctime>
 
 namespace zldap {
 namespace {
 
 // Draws the records of one run (first .. before end) into *out in order.
-void draw_run(server_info **list, server_info *first, server_info *end, server_info **out)
+void draw_run(server_info **list, server_info *first, server_info *end, unsigned seed, server_info **out)
 {
     unsigned short total = 0;
     int count = 0;
@@ -20,7 +19,6 @@ void draw_run(server_info **list, server_info *first, server_info *end, server_i
         total = static_cast<unsigned short>(total + s->weight);
     if (count < 2 || total == 0)
         return;
-    unsigned seed = static_cast<unsigned>(time(nullptr));
     while (total > 0) {
         float r = static_cast<float>(rand_r(&seed)) * (1.0f / 2147483648.0f);
         float sum = 0;
@@ -46,7 +44,7 @@ void draw_run(server_info **list, server_info *first, server_info *end, server_i
 
 } // namespace
 
-void server_list_order_by_weight(server_info **list)
+void server_list_order_by_weight(server_info **list, unsigned seed)
 {
     server_info *ordered = nullptr;
     while (*list) {
@@ -54,7 +52,7 @@ void server_list_order_by_weight(server_info **list)
         server_info *end = first->next;
         while (end && end->priority == first->priority)
             end = end->next;
-        draw_run(list, first, end, &ordered);
+        draw_run(list, first, end, seed, &ordered);
         // What is left of the run (all of it, or its servers of weight 0)
         // follows in its order.
         while (*list && *list != end) {

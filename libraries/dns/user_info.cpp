@@ -63,6 +63,7 @@ using zldap::UserInfoRecord;
 
 int ldap_user_info_lookup(const char *path, int kind, char **data, int *length)
 {
+    zldap::trace_setup();
     LDAP_TRACE(TRC_API, "ldap_user_info_lookup: kind %d, file %s\n", kind, trace_str(path, "NULL"));
     if (data)
         *data = nullptr;
@@ -101,6 +102,7 @@ int ldap_user_info_lookup(const char *path, int kind, char **data, int *length)
 
 int ldap_user_info_update(const char *path, int kind, const char *data, int length)
 {
+    zldap::trace_setup();
     LDAP_TRACE(TRC_API, "ldap_user_info_update: kind %d, file %s\n", kind, trace_str(path, "NULL"));
     if (!zldap::valid_kind(kind) || (data && (length < 0 || static_cast<uint32_t>(length) >= zldap::kUserInfoItemLimit)))
         return LDAP_PARAM_ERROR;
@@ -169,6 +171,7 @@ int ldap_get_user_info_domain(char **domain, const char *path)
 
 int ldap_set_user_info_password(const char *key, const char *data, int length, const char *path)
 {
+    zldap::trace_setup();
     LDAP_TRACE(TRC_API, "ldap_set_user_info_password: file %s\n", trace_str(path, "NULL"));
     if (!key || (data && (length < 0 || length > zldap::kMaxPasswordLength)))
         return LDAP_PARAM_ERROR;
@@ -189,6 +192,7 @@ int ldap_set_user_info_password(const char *key, const char *data, int length, c
 
 int ldap_get_user_info_password(const char *key, char **data, int *length, const char *path)
 {
+    zldap::trace_setup();
     LDAP_TRACE(TRC_API, "ldap_get_user_info_password: file %s\n", trace_str(path, "NULL"));
     if (data)
         *data = nullptr;

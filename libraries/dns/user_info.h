@@ -42,14 +42,25 @@ bool user_info_has_items(const UserInfoRecord *record);
 int user_info_identity(char name[kUserNameMax + 1], char **default_path);
 
 // Protects n bytes of data with key into a new blob; seed starts the
-// random salt and padding. 0 or 90.
+// random salt and padding. 0, 90, or a failure of user_info_sha1.
 int user_info_protect(const char *key, const uint8_t *data, size_t n, unsigned seed, uint8_t **blob,
                       size_t *blob_length);
 // The data of a blob protected with key, or a decoy word when the key or
-// the blob is wrong; both come back with a zero byte added. 0 or 90.
+// the blob is wrong; both come back with a zero byte added. 0, 90, or a
+// failure of user_info_sha1.
 int user_info_recover(const char *key, const uint8_t *blob, size_t length, char **data, int *data_length);
 // The decoy word for a seed, into word (at least 16 bytes); its length.
 size_t user_info_decoy_word(uint64_t seed, char *word);
+
+inline constexpr size_t kSha1DigestSize = 20;
+// Whether libcrypto's SHA-1 can be had: 0, or 92 (traced) when it can't be
+// loaded.
+int user_info_sha1_ready();
+// The SHA-1 digest of the bytes: 0, 92 without libcrypto, 82 when it fails.
+int user_info_sha1(const uint8_t *data, size_t length, uint8_t digest[kSha1DigestSize]);
+// For tests: the file loaded for SHA-1 instead of "libcrypto.so.3"; only
+// before the first digest of the process.
+void user_info_use_crypto_library(const char *file);
 
 // Clears memory that held key material or clear data, in a way the
 // compiler keeps.

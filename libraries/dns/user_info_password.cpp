@@ -3,7 +3,6 @@
 // salt, random padding, and a SHA-1 tag over the key and the clear blob.
 // A wrong key or a damaged blob yields a decoy word instead of an error,
 // so that a guess cannot be told apart from a hit.
-#include "dns/sha1.h"
 #include "dns/user_info.h"
 
 #include "base/memory.h"
@@ -18,35 +17,65 @@ constexpr size_t kSaltSize = 20;
 constexpr size_t kLengthSize = 4;
 constexpr size_t kOverhead = kSaltSize + kLengthSize + kSha1DigestSize; // 44
 
-// The key as big-endian UCS-2: every byte preceded by a zero byte.
-uint8_t *ucs2_key(const char *key, size_t *length)
+// The key as big-endian UCS-2 (every byte preceded by a zero byte) with
+// room for a 20-byte block after it: the text the key stream hashes.
+struct Key {
+    uint8_t *bytes;
+    size_t length; // of the UCS-2 part
+};
+
+bool make_key(const char *key, Key *out)
 {
     size_t n = std::strlen(key);
-    auto *ucs = static_cast<uint8_t *>(mem_malloc(2 * n));
-    if (!ucs)
-        return nullptr;
-    for (size_t i = 0; i < n; i++) {
-        ucs[2 * i] = 0;
-        ucs[2 * i + 1] = static_cast<uint8_t>(key[i]);
+    out->length = 2 * n;
+    out->bytes = static_cast<uint8_t *>(mem_malloc(out->length + kSha1DigestSize));
+    for (size_t i = 0; out->bytes && i < n; i++) {
+        out->bytes[2 * i] = 0;
+        out->bytes[2 * i + 1] = static_cast<uint8_t>(key[i]);
     }
-    *length = 2 * n;
-    return ucs;
+    return out->bytes != nullptr;
+}
+
+void free_key(Key *key)
+{
+    if (key->bytes)
+        secure_zero(key->bytes, key->length + kSha1DigestSize);
+    mem_free(key->bytes);
+    key->bytes = nullptr;
 }
 
 // XORs count bytes with the key stream of the key and salt: each 20-byte
 // block is SHA-1 of the key followed by the previous block (the salt
-// before the first).
-void xor_key_stream(const uint8_t *ucs, size_t ucs_length, const uint8_t *salt, uint8_t *target, size_t count)
+// before the first). 0 or the digest's failure.
+int xor_key_stream(Key *key, const uint8_t *salt, uint8_t *target, size_t count)
 {
-    uint8_t chain[kSha1DigestSize];
-    std::memcpy(chain, salt, sizeof chain);
-    for (size_t done = 0; done < count; done += kSha1DigestSize) {
-        sha1_digest(ucs, ucs_length, chain, sizeof chain, chain);
+    uint8_t *chain = key->bytes + key->length;
+    std::memcpy(chain, salt, kSha1DigestSize);
+    uint8_t block[kSha1DigestSize];
+    int rc = LDAP_SUCCESS;
+    for (size_t done = 0; rc == LDAP_SUCCESS && done < count; done += kSha1DigestSize) {
+        rc = user_info_sha1(key->bytes, key->length + kSha1DigestSize, block);
+        std::memcpy(chain, block, sizeof block);
         size_t take = count - done < kSha1DigestSize ? count - done : kSha1DigestSize;
-        for (size_t i = 0; i < take; i++)
-            target[done + i] ^= chain[i];
+        for (size_t i = 0; rc == LDAP_SUCCESS && i < take; i++)
+            target[done + i] ^= block[i];
     }
-    secure_zero(chain, sizeof chain);
+    secure_zero(block, sizeof block);
+    return rc;
+}
+
+// SHA-1 of the key followed by n bytes. 0, 90 or the digest's failure.
+int tag_of(const Key *key, const uint8_t *bytes, size_t n, uint8_t tag[kSha1DigestSize])
+{
+    auto *joined = static_cast<uint8_t *>(mem_malloc(key->length + n));
+    if (!joined)
+        return LDAP_NO_MEMORY;
+    std::memcpy(joined, key->bytes, key->length);
+    std::memcpy(joined + key->length, bytes, n);
+    int rc = user_info_sha1(joined, key->length + n, tag);
+    secure_zero(joined, key->length + n);
+    mem_free(joined);
+    return rc;
 }
 
 uint32_t get32(const uint8_t *p)
@@ -82,32 +111,35 @@ int user_info_protect(const char *key, const uint8_t *data, size_t n, unsigned s
                       size_t *blob_length)
 {
     *blob = nullptr;
-    size_t ucs_length = 0;
-    uint8_t *ucs = ucs2_key(key, &ucs_length);
-    if (!ucs)
+    Key k;
+    if (!make_key(key, &k))
         return LDAP_NO_MEMORY;
     rand_r(&seed);
     size_t total = static_cast<size_t>(rand_r(&seed) & 0x3ff);
     if (total < n + kOverhead)
         total += n + kOverhead;
     auto *out = static_cast<uint8_t *>(mem_malloc(total));
-    if (!out) {
-        secure_zero(ucs, ucs_length);
-        mem_free(ucs);
-        return LDAP_NO_MEMORY;
-    }
-    for (size_t i = 0; i < total; i++)
-        out[i] = static_cast<uint8_t>(rand_r(&seed));
+    int rc = out ? LDAP_SUCCESS : LDAP_NO_MEMORY;
     uint32_t stored = static_cast<uint32_t>(n + kLengthSize);
-    const uint8_t length_bytes[4] = {static_cast<uint8_t>(stored >> 24), static_cast<uint8_t>(stored >> 16),
-                                     static_cast<uint8_t>(stored >> 8), static_cast<uint8_t>(stored)};
-    std::memcpy(out + kSaltSize, length_bytes, sizeof length_bytes);
-    if (n > 0)
-        std::memcpy(out + kSaltSize + kLengthSize, data, n);
-    sha1_digest(ucs, ucs_length, out, total - kSha1DigestSize, out + total - kSha1DigestSize);
-    xor_key_stream(ucs, ucs_length, out, out + kSaltSize, stored);
-    secure_zero(ucs, ucs_length);
-    mem_free(ucs);
+    if (out) {
+        for (size_t i = 0; i < total; i++)
+            out[i] = static_cast<uint8_t>(rand_r(&seed));
+        const uint8_t length_bytes[4] = {static_cast<uint8_t>(stored >> 24), static_cast<uint8_t>(stored >> 16),
+                                         static_cast<uint8_t>(stored >> 8), static_cast<uint8_t>(stored)};
+        std::memcpy(out + kSaltSize, length_bytes, sizeof length_bytes);
+        if (n > 0)
+            std::memcpy(out + kSaltSize + kLengthSize, data, n);
+        rc = tag_of(&k, out, total - kSha1DigestSize, out + total - kSha1DigestSize);
+    }
+    if (rc == LDAP_SUCCESS)
+        rc = xor_key_stream(&k, out, out + kSaltSize, stored);
+    free_key(&k);
+    if (rc != LDAP_SUCCESS) {
+        if (out)
+            secure_zero(out, total);
+        mem_free(out);
+        return rc;
+    }
     *blob = out;
     *blob_length = total;
     return LDAP_SUCCESS;
@@ -117,39 +149,44 @@ int user_info_recover(const char *key, const uint8_t *blob, size_t m, char **dat
 {
     *data = nullptr;
     *data_length = 0;
+    // Without SHA-1 no answer is given at all, not even a decoy.
+    int rc = user_info_sha1_ready();
+    if (rc != LDAP_SUCCESS)
+        return rc;
     uint64_t decoy_seed = fold(blob, m) ^ fold(reinterpret_cast<const uint8_t *>(key), std::strlen(key));
     char word[16];
     if (m < kOverhead)
         return hand_out(word, user_info_decoy_word(decoy_seed, word), data, data_length);
 
-    size_t ucs_length = 0;
-    uint8_t *ucs = ucs2_key(key, &ucs_length);
-    uint8_t *copy = ucs ? static_cast<uint8_t *>(mem_malloc(m)) : nullptr;
-    int rc = LDAP_NO_MEMORY;
+    Key k;
+    uint8_t *copy = make_key(key, &k) ? static_cast<uint8_t *>(mem_malloc(m)) : nullptr;
+    rc = copy ? LDAP_SUCCESS : LDAP_NO_MEMORY;
+    uint32_t stored = 0;
+    bool genuine = false;
     if (copy) {
         std::memcpy(copy, blob, m);
         uint8_t length_bytes[4];
         std::memcpy(length_bytes, blob + kSaltSize, sizeof length_bytes);
-        xor_key_stream(ucs, ucs_length, blob, length_bytes, sizeof length_bytes);
-        uint32_t stored = get32(length_bytes);
-        uint8_t tag[kSha1DigestSize];
-        bool genuine = stored >= kLengthSize && stored <= m - 40;
-        if (genuine) {
-            xor_key_stream(ucs, ucs_length, blob, copy + kSaltSize, stored);
-            sha1_digest(ucs, ucs_length, copy, m - kSha1DigestSize, tag);
-            genuine = std::memcmp(tag, blob + m - kSha1DigestSize, sizeof tag) == 0;
-        }
-        if (genuine)
-            rc = hand_out(reinterpret_cast<char *>(copy + kSaltSize + kLengthSize), stored - kLengthSize, data,
-                          data_length);
-        else
-            rc = hand_out(word, user_info_decoy_word(decoy_seed, word), data, data_length);
-        secure_zero(copy, m);
+        rc = xor_key_stream(&k, blob, length_bytes, sizeof length_bytes);
+        stored = get32(length_bytes);
+        genuine = rc == LDAP_SUCCESS && stored >= kLengthSize && stored <= m - 40;
     }
-    if (ucs)
-        secure_zero(ucs, ucs_length);
+    if (genuine) {
+        uint8_t tag[kSha1DigestSize];
+        rc = xor_key_stream(&k, blob, copy + kSaltSize, stored);
+        if (rc == LDAP_SUCCESS)
+            rc = tag_of(&k, copy, m - kSha1DigestSize, tag);
+        genuine = rc == LDAP_SUCCESS && std::memcmp(tag, blob + m - kSha1DigestSize, sizeof tag) == 0;
+    }
+    if (rc == LDAP_SUCCESS && genuine)
+        rc = hand_out(reinterpret_cast<char *>(copy + kSaltSize + kLengthSize), stored - kLengthSize, data,
+                      data_length);
+    else if (rc == LDAP_SUCCESS)
+        rc = hand_out(word, user_info_decoy_word(decoy_seed, word), data, data_length);
+    if (copy)
+        secure_zero(copy, m);
     mem_free(copy);
-    mem_free(ucs);
+    free_key(&k);
     return rc;
 }
 

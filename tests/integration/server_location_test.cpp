@@ -2,8 +2,10 @@
 // a dnsmasq with SRV, TXT and CNAME records on a loopback port, named in
 // the requests (or in a resolver file given by path), so that the
 // machine's own resolver is never asked.
+#include "core/ldap_session.h"
 #include "dns_test_support.h"
 #include "dnsmasq_fixture.h"
+#include "slapd_fixture.h"
 #include "test_util.h"
 
 #include <gtest/gtest.h>
@@ -161,6 +163,35 @@ TEST(DnsmasqSearchLists, ResolverFileAndLocalDomain)
         zldap::dns_state_release(&q);
         zldap::dns_search_lists_free(&lists);
     }
+}
+
+// ldap_init given a URL without a host finds the server that holds its DN
+// through the SRV records and the servers' own text records, skipping a
+// preferred server of another suffix, and the search reaches it.
+TEST(DnsmasqLocate, InitConnectsToTheServerOfItsDn)
+{
+    zldap_test::Slapd &slapd = zldap_test::SharedSlapd();
+    ZLDAP_REQUIRE_SLAPD(slapd);
+    const std::string host = slapd.host(), port = host.substr(host.find(':') + 1);
+    zldap_test::Dnsmasq server({
+        "srv-host=_ldap._tcp.example.com,ldap1.example.com," + port + ",10,5",
+        "srv-host=_ldap._tcp.example.com,ldap0.example.com,1,5,5",
+        "txt-record=ldap1.example.com,\"service:ldap://127.0.0.1/dc=example,dc=com\"",
+        "txt-record=ldap0.example.com,\"service:ldap://127.0.0.1/o=other\"",
+    });
+    ZLDAP_REQUIRE_DNSMASQ(server);
+    zldap_test::ScopedLocateFiles files;
+    std::ofstream(files.resolv_conf) << "nameserver " << server.name_server() << "\n";
+    zldap_test::ScopedEnv domain("LOCALDOMAIN", "example.com");
+
+    LDAP *ld = ldap_init("ldap:///dc=example,dc=com", 0);
+    ASSERT_NE(ld, nullptr);
+    EXPECT_STREQ(ld->ld_defhost, host.c_str());
+    LDAPMessage *res = nullptr;
+    EXPECT_EQ(ldap_search_st(ld, slapd.kBase, LDAP_SCOPE_BASE, "(objectClass=*)", nullptr, 0, nullptr, &res), 0);
+    EXPECT_EQ(ldap_count_entries(ld, res), 1);
+    ldap_msgfree(res);
+    EXPECT_EQ(ldap_unbind(ld), 0);
 }
 
 } // namespace

@@ -9,7 +9,9 @@
 
 #include "ber_test_support.h"
 #include "dns/ldapdns.h"
+#include "dns/server_locate.h"
 #include "loopback.h"
+#include "test_util.h"
 
 #include <atomic>
 #include <functional>
@@ -59,6 +61,17 @@ struct LookupOutcome {
 LookupOutcome Lookup(const LookupRequest &request);
 
 } // namespace dns
+
+// Points server location at files in a temporary directory for one scope,
+// none of them there until the test writes it, so that the machine's
+// resolver and configuration files are never read.
+struct ScopedLocateFiles {
+    TempDir dir;
+    const std::string resolv_conf = dir.file("resolv.conf"), server_conf = dir.file("servers.conf"),
+                      user_info = dir.file("user_info");
+    ScopedLocateFiles() { zldap::server_locate_use_files({resolv_conf.c_str(), server_conf.c_str(), user_info.c_str()}); }
+    ~ScopedLocateFiles() { zldap::server_locate_use_files({}); }
+};
 
 struct DnsQuery {
     unsigned id = 0;

@@ -761,6 +761,25 @@ void DnsLookup(const std::function<void(const AllocFaultScenario &)> &sweep)
            LDAP_NO_MEMORY});
 }
 
+// Servers from the configuration file, then the same as a host list.
+void ServerLocate(const std::function<void(const AllocFaultScenario &)> &sweep)
+{
+    zldap_test::ScopedLocateFiles files;
+    std::ofstream(files.server_conf) << "0\n_ldap a.example c.a.example 1 2 3 4 1 \"o=x\" \"v\" \"i\"\n";
+    char service[] = "_ldap", protocol[] = "_tcp", domain[] = "a.example", *domains[] = {domain, nullptr};
+    server_request request{1, nullptr, nullptr, service, nullptr, nullptr, domains, 0, 5, nullptr, protocol};
+    sweep({[&] {
+               server_info *list = nullptr;
+               int rc = ldap_server_locate(&request, &list);
+               ldap_server_free_list(list);
+               char *hosts = rc == 0 ? auto_server_locate(&request, 0) : nullptr;
+               rc = rc == 0 && !hosts ? LDAP_NO_MEMORY : rc;
+               ldap_memfree(hosts);
+               return rc;
+           },
+           LDAP_NO_MEMORY});
+}
+
 // Items of the current user among another user's, then the password
 // read with its key and with another.
 void UserInfoFile(const std::function<void(const AllocFaultScenario &)> &sweep)
@@ -904,6 +923,7 @@ const SweepRow kRows[] = {
     // ---- server location rows ----
     {"DnsSearchLists", DnsSearchLists},
     {"DnsLookup", DnsLookup},
+    {"ServerLocate", ServerLocate},
     {"UserInfoFile", UserInfoFile},
     // ---- configuration rows ----
     {"ConfRead", ConfRead},

@@ -8,6 +8,7 @@
 #include "session/ldap_options.h"
 #include "session/ldap_unbind.h"
 #include "base/memory.h"
+#include "dns_test_support.h"
 #include "test_util.h"
 
 #include <gtest/gtest.h>
@@ -37,12 +38,13 @@ TEST(Init, HostsUrlsAndPorts)
         {"ldap://server/o=x", 777, "server", 389}, // the URL's default port wins over the argument
         {"ldaps://secure.example", 0, "secure.example", 636},
         {"<URL:ldap://[::1]:1390/>", 0, "::1", 1390},
-        {"ldap:///o=example", 0, nullptr, 0}, // without a host a URL needs server location
+        {"ldap:///o=example", 0, nullptr, 0}, // server location finds no server
         {"ldap://h:12x/", 0, nullptr, 0},
         {"localhost", 65925, nullptr, 0}, // would reach the socket as 389
         {"ldap://server:65925", 0, nullptr, 0},
         {"ldap://h%zzevil.example/", 0, nullptr, 0}, // not the host "h"
     };
+    zldap_test::ScopedLocateFiles files; // no resolver file: server location asks no one
     for (const auto &c : cases) {
         LDAP *ld = ldap_init(c.host, c.port);
         SCOPED_TRACE(c.host ? c.host : "NULL");

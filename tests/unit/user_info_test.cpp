@@ -2,11 +2,11 @@
 // the protected password and its decoy words, both file layouts, damaged
 // files and the file's permissions. Every test names its own file in a
 // temporary directory; the default path is only computed, never written.
-#include "dns/sha1.h"
 #include "dns/user_info.h"
 
 #include "base/memory.h"
 #include "ber_test_support.h"
+#include "fresh_process.h"
 #include "test_util.h"
 
 #include <gtest/gtest.h>
@@ -174,20 +174,16 @@ TEST(UserInfo, DecoyWords)
     }
 }
 
-TEST(UserInfo, Sha1KnownAnswers)
+TEST(UserInfo, PasswordsNeedLibcrypto)
 {
-    const std::pair<std::string, const char *> rows[] = {
-        {"abc", "A9 99 3E 36 47 06 81 6A BA 3E 25 71 78 50 C2 6C 9C D0 D8 9D"},
-        {"abcdbcdecdefdefgefghfghighijhijkijkljklmklmnlmnomnopnopq",
-         "84 98 3E 44 1C 3B D2 6E BA AE 4A A1 F9 51 29 E5 E5 46 70 F1"},
-        {"", "DA 39 A3 EE 5E 6B 4B 0D 32 55 BF EF 95 60 18 90 AF D8 07 09"},
-    };
-    for (const auto &[text, digest] : rows) {
-        uint8_t out[20];
-        const auto *bytes = reinterpret_cast<const uint8_t *>(text.data());
-        zldap::sha1_digest(bytes, text.size() / 3, bytes + text.size() / 3, text.size() - text.size() / 3, out);
-        EXPECT_EQ(Bytes(out, out + 20), Hex(digest)) << text;
-    }
+    ZLDAP_IN_FRESH_PROCESS({
+        zldap::user_info_use_crypto_library("libzldap-no-such-crypto.so");
+        zldap_test::TempDir dir;
+        const std::string path = dir.file("ldap_user_info");
+        ASSERT_EQ(ldap_user_info_update(path.c_str(), LDAP_USER_INFO_PASSWORD, std::string(60, 'x').c_str(), 60), 0);
+        EXPECT_EQ(ldap_set_user_info_password("key", "secret", 6, path.c_str()), LDAP_NOT_SUPPORTED);
+        EXPECT_EQ(Password(path, "key"), "rc 92");
+    });
 }
 
 TEST(UserInfo, OlderLayoutIsRead)

@@ -9,6 +9,7 @@
 #include "base/version.h"
 #include "conn/ldap_connect.h"
 #include "core/ldap_error.h"
+#include "dns/server_locate.h"
 #include "proto/url.h"
 #include "session/ldap_free.h"
 #include "session/ldap_options.h"
@@ -39,9 +40,10 @@ void ensure_ulxdir()
 }
 
 // The host list an LDAP URL names, and its port when it gives one (1 or
-// more; the URL parser refuses ports above 65535). A URL that names no host would need server location, which this
-// library does not do yet. NULL on failure, with the reason traced.
-char *host_from_url(const char *url, int *port)
+// more; the URL parser refuses ports above 65535). A URL without a host
+// asks server location for the servers under its DN, SSL ones for an
+// "ldaps://" URL. NULL on failure, with the reason traced.
+char *host_from_url(const char *url, bool ssl, int *port)
 {
     LDAPURLDesc *desc = nullptr;
     if (ldap_url_parse(url, &desc) != LDAP_SUCCESS)
@@ -52,8 +54,10 @@ char *host_from_url(const char *url, int *port)
         host = zldap::mem_strdup(desc->lud_host);
         if (desc->lud_port >= 1)
             *port = desc->lud_port;
-    } else if (desc->lud_dn) {
-        LDAP_TRACE(TRC_API, "ldap_init: Found DN (%s) in URL\n", desc->lud_dn);
+    } else {
+        if (desc->lud_dn)
+            LDAP_TRACE(TRC_API, "ldap_init: Found DN (%s) in URL\n", desc->lud_dn);
+        host = zldap::server_locate_hosts(desc->lud_dn, ssl);
     }
     ldap_free_urldesc(desc);
     if (!host)
@@ -73,8 +77,9 @@ char *resolve_host_string(const char *host, int *port)
         for (size_t i = 0; i < n; i++)
             lower[i] = static_cast<char>(std::tolower(static_cast<unsigned char>(host[i])));
         lower[n] = '\0';
-        if (std::strstr(lower, "ldap://") || std::strstr(lower, "ldaps://"))
-            return host_from_url(host, port);
+        bool ssl = std::strstr(lower, "ldaps://") != nullptr;
+        if (ssl || std::strstr(lower, "ldap://"))
+            return host_from_url(host, ssl, port);
         char *copy = zldap::mem_strdup(host);
         if (!copy)
             LDAP_TRACE(TRC_ERROR, "ldap_init: failed to get hostname\n");
