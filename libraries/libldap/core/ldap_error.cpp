@@ -166,7 +166,7 @@ struct CachedRecord {
 };
 thread_local CachedRecord t_cached{nullptr, 0, nullptr};
 
-bool cached(const LDAP *ld, ldap_error_record **record)
+inline bool cached(const LDAP *ld, ldap_error_record **record)
 {
     if (t_cached.ld != ld || t_cached.epoch != g_release_epoch.load(std::memory_order_acquire))
         return false;
@@ -242,9 +242,21 @@ int ldap_set_error_direct(LDAP *ld, int code, const char *matched, const char *t
 {
     if (!ld)
         return LDAP_PARAM_ERROR;
-    // A thread without a record reads as success with no texts, so a plain
-    // success needs no record.
     ldap_error_record *r = nullptr;
+    if (!matched && !text && cached(ld, &r)) {
+        // The usual case, a code without texts for a thread that is known.
+        if (r) {
+            zldap::mem_free(r->ld_matched);
+            zldap::mem_free(r->ld_error);
+            r->ld_matched = r->ld_error = nullptr;
+            r->ld_errno = code;
+            return LDAP_SUCCESS;
+        }
+        // A thread without a record reads as success with no texts, so a
+        // plain success needs no record.
+        if (code == LDAP_SUCCESS)
+            return LDAP_SUCCESS;
+    }
     if (code == LDAP_SUCCESS && !matched && !text) {
         if (!lookup_record(ld, &r))
             return LDAP_LOCK_ERROR;

@@ -45,6 +45,7 @@ void free_msg(LDAPMessage *msg, int all)
     while (msg) {
         LDAPMessage *next = msg->msg_next;
         fber_free(msg->msg_ber);
+        zldap::mem_free(msg->msg_index);
         zldap::mem_free(msg);
         msg = (all == 1) ? next : nullptr;
     }
