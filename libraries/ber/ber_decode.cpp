@@ -208,11 +208,13 @@ std::optional<ber_tag_t> read_set_of(BerElement *ber, T ***out,
     size_t count = count_members(*ber, last);
     if (count == 0)
         return LBER_DEFAULT;
-    auto *array = static_cast<T **>(zldap::mem_calloc(count + 1, sizeof(T *)));
+    auto *array = static_cast<T **>(zldap::mem_malloc((count + 1) * sizeof(T *)));
     if (!array)
         return LBER_DEFAULT;
     ber_tag_t tag = LBER_DEFAULT;
     for (size_t i = 0; i < count; i++) {
+        // Terminated at every step, so that a failure frees what was read.
+        array[i + 1] = nullptr;
         if ((tag = read_member(ber, &array[i])) == LBER_DEFAULT) {
             free_array(array, free_member);
             return LBER_DEFAULT;

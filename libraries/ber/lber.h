@@ -46,6 +46,10 @@ struct berelement {
 BerElement *fber_alloc();
 BerElement *fber_alloc_t(int size);
 void fber_free(BerElement *ber);
+// Points ber_no_xlate and ber_version at room in the element's own
+// allocation holding these values; fber_free frees only settings that
+// were allocated apart.
+void fber_set_string_settings(BerElement *ber, uint32_t no_xlate, int32_t version);
 // Grows the buffer to the bytes used plus the larger of the bytes used and
 // `needed`; 0, or -1 with the element unchanged.
 int fber_realloc(BerElement *ber, ber_len_t needed);
