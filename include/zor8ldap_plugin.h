@@ -13,8 +13,9 @@
  * function may set key 302 to a close function, which is called with the
  * same block when the handle is released.
  *
- * Plug-ins reach the block only through its pb_get and pb_set members, and
- * the directory server only through pb_sasl_bind_s: a plug-in needs no
+ * Plug-ins reach the block only through its pb_get and pb_set members, the
+ * directory server only through pb_sasl_bind_s (and pb_bvfree for what it
+ * hands out) and the trace log only through pb_trace: a plug-in needs no
  * symbol of the library.
  */
 #ifndef ZOR8LDAP_PLUGIN_H
@@ -69,9 +70,15 @@ struct ldap_plugin_block {
     /* Sends a SASL bind request on the handle's connection with the
      * server controls given and waits for the response: the result code,
      * with the server's credentials in *servercredp when it is not NULL
-     * (release them with ber_bvfree). Set in the blocks of binds only. */
+     * (release them with pb_bvfree). Set in the blocks of binds only. */
     int (*pb_sasl_bind_s)(LDAP *ld, const char *dn, const char *mechanism, const struct berval *cred,
                           LDAPControl **serverctrls, struct berval **servercredp);
+    /* Releases server credentials that pb_sasl_bind_s handed out; accepts
+     * NULL. Set together with pb_sasl_bind_s. */
+    void (*pb_bvfree)(struct berval *bv);
+    /* Writes one line to the library's trace log when the trace level
+     * shows the category mask (0xC8010000 flow, 0xC8110000 errors). */
+    void (*pb_trace)(unsigned int mask, const char *format, ...);
     /* The library's own: the pairs in the order their keys were first set. */
     struct ldap_plugin_pair *pb_pairs;
     unsigned int pb_count;

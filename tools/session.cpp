@@ -1,9 +1,12 @@
-// session.cpp - the session set-up the tools share, and the alarm that
-// bounds the calls of the exported family that wait without limit.
+// session.cpp - the session set-up the tools share (simple or SASL bind),
+// and the alarm that bounds the calls that wait without limit.
 #include "session.h"
+
+#include "zor8ldap_api.h"
 
 #include <algorithm>
 #include <csignal>
+#include <utility>
 #include <cstdio>
 #include <unistd.h>
 
@@ -20,6 +23,22 @@ extern "C" void on_alarm(int)
     ssize_t written = write(STDERR_FILENO, g_timeout_message, g_timeout_length);
     (void)written;
     _exit(LDAP_TIMEOUT);
+}
+
+// The SASL identities go in the bind name, as the SASL plug-ins read it:
+// lines of authcid=, authzid= and realm=. No identity and no password send
+// neither name nor credentials, as EXTERNAL wants.
+int sasl_bind(LDAP *ld, const SessionOptions &options)
+{
+    std::string name;
+    for (const auto &[key, value] : {std::pair<const char *, const std::string &>{"authcid=", options.authcid},
+                                     {"authzid=", options.authzid},
+                                     {"realm=", options.realm}})
+        if (!value.empty())
+            name += (name.empty() ? "" : "\n") + (key + value);
+    struct berval password {options.password.size(), const_cast<char *>(options.password.data())};
+    return ldap_sasl_bind_s(ld, name.empty() ? nullptr : name.c_str(), options.mechanism.c_str(),
+                            options.password.empty() ? nullptr : &password, nullptr, nullptr, nullptr);
 }
 
 } // namespace
@@ -54,6 +73,10 @@ int report(const char *program, const std::string &what, int code)
 
 LDAP *open_session(const char *program, const SessionOptions &options, int *rc)
 {
+    if (!options.mechanism.empty() && !options.binddn.empty()) {
+        *rc = complain(program, "-D is for simple binds; a SASL bind (-Y) takes -U, -X and -R", LDAP_PARAM_ERROR);
+        return nullptr;
+    }
     LDAP *ld = options.url.empty() ? zor_ldap_init(options.host.c_str(), options.port)
                                    : zor_ldap_init(options.url.c_str(), 0);
     if (!ld) {
@@ -76,7 +99,10 @@ LDAP *open_session(const char *program, const SessionOptions &options, int *rc)
         code = zor_ldap_set_option(ld, LDAP_OPT_CONNECT_TIMEOUT, &connect_timeout);
     if (code != LDAP_SUCCESS)
         return fail("connect time-out", code);
-    if (!options.binddn.empty()) {
+    if (!options.mechanism.empty()) {
+        Deadline deadline(program, "bind", options.call_seconds());
+        code = sasl_bind(ld, options);
+    } else if (!options.binddn.empty()) {
         Deadline deadline(program, "bind", options.call_seconds());
         code = zor_ldap_simple_bind_s(ld, options.binddn.c_str(), options.password.c_str());
     }

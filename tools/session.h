@@ -10,8 +10,8 @@ namespace tool {
 // Ends the process with LDAP_TIMEOUT (85) and a message on stderr when the
 // call made while it is alive takes longer than seconds (0: no bound).
 //
-// The tools are built on the exported family only, as every user of the
-// shared object is; its bind and updates wait for their answer without
+// The tools call the exported family (and the SASL bind, see
+// CMakeLists.txt), whose binds and updates wait for their answer without
 // limit and hand out neither a message id nor a descriptor to wait on.
 // The bound therefore comes from outside the library: an alarm. A tool is
 // one thread and has nothing left to do once a call has timed out, so the
@@ -29,7 +29,7 @@ private:
 };
 
 // Makes the session the options name, with their connect time-out, and
-// binds when they give a DN. NULL after a message on stderr, with *rc the
+// binds when they give a DN (simple) or a mechanism (SASL). NULL after a message on stderr, with *rc the
 // tool's exit code.
 LDAP *open_session(const char *program, const SessionOptions &options, int *rc);
 

@@ -1,5 +1,5 @@
-// tool_options.cpp - the shared options of the tools: server, bind and
-// time-outs, every number checked for its range.
+// tool_options.cpp - the shared options of the tools: server, simple or
+// SASL bind and time-outs, every number checked for its range.
 #include "tool_options.h"
 
 #include <cctype>
@@ -91,6 +91,10 @@ int take_session_option(int letter, const char *arg, SessionOptions *options, st
     case 'p': return take_number("-p", arg, 1, kMaxPort, &options->port, error);
     case 'D': options->binddn = arg; return LDAP_SUCCESS;
     case 'w': options->password = arg; return LDAP_SUCCESS;
+    case 'Y': options->mechanism = arg; return LDAP_SUCCESS;
+    case 'U': options->authcid = arg; return LDAP_SUCCESS;
+    case 'X': options->authzid = arg; return LDAP_SUCCESS;
+    case 'R': options->realm = arg; return LDAP_SUCCESS;
     case 't': return take_number("-t", arg, 1, kMaxSeconds, &options->timeout, error);
     case 'o': return take_extended(arg, options, error);
     default: return LDAP_PARAM_ERROR;

@@ -10,14 +10,18 @@
 namespace tool {
 
 // The getopt letters of the shared options.
-constexpr const char *kSessionLetters = "H:h:p:D:w:t:o:";
+constexpr const char *kSessionLetters = "H:h:p:D:w:t:o:Y:U:X:R:";
 
 struct SessionOptions {
     std::string url;                // -H, an ldap:// URL
     std::string host = "localhost"; // -h, when no URL is given
     int port = LDAP_PORT;           // -p
     std::string binddn;             // -D; no bind without it
-    std::string password;           // -w
+    std::string password;           // -w, for a SASL bind its credentials
+    std::string mechanism;          // -Y: a SASL bind with this mechanism instead of -D
+    std::string authcid;            // -U: the SASL authentication id
+    std::string authzid;            // -X: the SASL authorisation id
+    std::string realm;              // -R: the SASL realm
     int timeout = 0;                // -t: seconds an operation may wait, 0 for no limit
     int net_timeout = 0;            // -o nettimeout=N: seconds for the connect, 0 for the -t value
 

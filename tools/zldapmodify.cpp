@@ -1,5 +1,6 @@
 // zldapmodify - applies LDIF change records (add, delete, modify, modrdn)
-// to a directory. Built only on the exported functions of libzor8ldap_64.so.
+// to a directory. Built on the exported zor_ functions (and the SASL bind,
+// see CMakeLists.txt).
 #include "ldif.h"
 #include "session.h"
 
@@ -18,6 +19,7 @@ constexpr const char *kProgram = "zldapmodify";
 int usage()
 {
     std::fprintf(stderr, "usage: zldapmodify [-H ldap://host:port | -h host -p port] [-D binddn -w password]\n"
+                         "                   [-Y mechanism [-U authcid] [-X authzid] [-R realm] [-w password]]\n"
                          "                   [-t timeout] [-o nettimeout=seconds] [-f file]\n");
     return LDAP_PARAM_ERROR;
 }

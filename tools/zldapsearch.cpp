@@ -1,5 +1,5 @@
 // zldapsearch - searches a directory and prints the entries as LDIF. Built
-// only on the exported functions of libzor8ldap_64.so.
+// on the exported zor_ functions (and the SASL bind, see CMakeLists.txt).
 #include "ldif.h"
 #include "session.h"
 
@@ -18,6 +18,7 @@ int usage()
 {
     std::fprintf(stderr,
                  "usage: zldapsearch [-H ldap://host:port | -h host -p port] [-D binddn -w password]\n"
+                 "                   [-Y mechanism [-U authcid] [-X authzid] [-R realm] [-w password]]\n"
                  "                   -b base [-s base|one|sub] [-z sizelimit] [-l timelimit]\n"
                  "                   [-t timeout] [-o nettimeout=seconds] filter [attribute ...]\n");
     return LDAP_PARAM_ERROR;

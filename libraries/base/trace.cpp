@@ -212,6 +212,14 @@ void set_trace_level(uint32_t level) { g_trace_level.store(level, std::memory_or
 
 void trace_print(uint32_t mask, const char *format, ...)
 {
+    va_list args;
+    va_start(args, format);
+    trace_vprint(mask, format, args);
+    va_end(args);
+}
+
+void trace_vprint(uint32_t mask, const char *format, va_list args)
+{
     if (!trace_enabled(mask) || !format)
         return;
     int saved_errno = errno;
@@ -233,10 +241,7 @@ void trace_print(uint32_t mask, const char *format, ...)
         }
         std::fprintf(out, "T%d ", thread_number());
     }
-    va_list args;
-    va_start(args, format);
     std::vfprintf(out, format, args);
-    va_end(args);
     std::fflush(out);
     pthread_mutex_unlock(&g_trace_lock);
     errno = saved_errno;

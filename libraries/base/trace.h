@@ -4,6 +4,7 @@
 #define ZLDAP_TRACE_H
 
 #include <atomic>
+#include <cstdarg>
 #include <cstddef>
 #include <cstdint>
 #include <sys/time.h>
@@ -42,6 +43,7 @@ inline bool trace_enabled(uint32_t mask)
 }
 
 void trace_print(uint32_t mask, const char *format, ...) __attribute__((format(printf, 2, 3)));
+void trace_vprint(uint32_t mask, const char *format, va_list args) __attribute__((format(printf, 2, 0)));
 
 // Written regardless of the level: callers test their category first.
 void trace_dump(const void *address, long length, const char *title);

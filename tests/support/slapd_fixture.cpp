@@ -65,6 +65,9 @@ std::string Config(const std::string &dir, const SlapdData &data)
         c << "moduleload " << overlay << "\n";
     if (!data.authz_policy.empty())
         c << "authz-policy " << data.authz_policy << "\n";
+    if (data.sasl)
+        c << "sasl-auxprops slapd\nsasl-secprops none\n"
+          << "authz-regexp \"uid=([^,]*),cn=.*,cn=auth\" \"uid=$1," << Slapd::kPeople << "\"\n";
     c << "sizelimit unlimited\n"
          "database mdb\nmaxsize 268435456\n"
       << "suffix \"" << Slapd::kBase << "\"\n"
@@ -114,6 +117,9 @@ std::string Data(const SlapdData &data)
             l << "dn: cn=bulk" << i << ",ou=bulk,dc=example,dc=com\nobjectClass: person\ncn: bulk" << i
               << "\nsn: Bulk\ndescription: entry " << i << " of the large subtree\ntelephoneNumber: " << i << "\n\n";
     }
+    if (data.sasl)
+        l << "dn: " << Slapd::kSaslUser << "\nobjectClass: inetOrgPerson\nuid: sasl\ncn: SASL\nsn: SASL\nuserPassword: "
+          << Slapd::kSaslPassword << "\nauthzTo: dn.exact:uid=user000," << Slapd::kPeople << "\n\n";
     l << data.ldif;
     return l.str();
 }
@@ -152,6 +158,11 @@ bool Slapd::Launch()
     for (int attempt = 0; attempt < 5 && pid_ < 0; attempt++) {
         port_ = RefusedPort().port(); // free a moment ago; a retry covers a port taken since
         std::string listen = "ldap://127.0.0.1:" + std::to_string(port_) + "/";
+        if (data_.sasl) {
+            listen += " ldapi://";
+            for (char c : socket_path())
+                listen += c == '/' ? std::string("%2F") : std::string(1, c);
+        }
         // -d keeps slapd in the foreground, so that this pid is the server's.
         pid_t pid = Spawn({kSlapd, "-f", dir + "/slapd.conf", "-h", listen, "-d", "0"}, dir + "/slapd.log");
         if (pid < 0)

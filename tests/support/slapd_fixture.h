@@ -21,6 +21,11 @@ struct SlapdData {
     std::string overlay_config;
     std::string authz_policy; // "to", "from", "any" or "all"; empty: none
     std::string ldif;         // further entries, loaded after the standard ones
+    // Cyrus SASL binds: the identity uid=X of any mechanism is uid=X,ou=people
+    // with its cleartext userPassword; kSaslUser has one (and may act as
+    // uid=user000 where authz_policy allows). slapd also listens on the local
+    // socket socket_path().
+    bool sasl = false;
 };
 
 class Slapd {
@@ -29,6 +34,8 @@ public:
     static constexpr const char *kRootDn = "cn=admin,dc=example,dc=com";
     static constexpr const char *kRootPassword = "secret";
     static constexpr const char *kPeople = "ou=people,dc=example,dc=com";
+    static constexpr const char *kSaslUser = "uid=sasl,ou=people,dc=example,dc=com";
+    static constexpr const char *kSaslPassword = "sasl-secret";
 
     // Whether this machine has slapd; tests skip without it.
     static bool Available();
@@ -40,6 +47,7 @@ public:
     const std::string &error() const { return error_; }
     std::string host() const { return "127.0.0.1:" + std::to_string(port_); }
     std::string url() const { return "ldap://127.0.0.1:" + std::to_string(port_); }
+    std::string socket_path() const { return dir_.file("ldapi"); }
     const SlapdData &data() const { return data_; }
 
     void Stop();

@@ -3,6 +3,22 @@
 #include "core/plugin_block.h"
 
 #include "base/memory.h"
+#include "base/trace.h"
+
+#include <cstdarg>
+
+namespace {
+
+// A plug-in's line in the trace log, shown and stamped as the library's own.
+void trace_for_plugin(unsigned int mask, const char *format, ...)
+{
+    va_list args;
+    va_start(args, format);
+    zldap::trace_vprint(mask, format, args);
+    va_end(args);
+}
+
+} // namespace
 
 LDAPPluginBlock *ldap_plugin_block_new()
 {
@@ -11,6 +27,7 @@ LDAPPluginBlock *ldap_plugin_block_new()
         return nullptr;
     pb->pb_get = ldap_plugin_block_get;
     pb->pb_set = ldap_plugin_block_set;
+    pb->pb_trace = trace_for_plugin;
     return pb;
 }
 

@@ -6,8 +6,9 @@
 
 #include "zor8ldap_plugin.h"
 
-// A new empty block whose pb_get and pb_set are the functions below and
-// whose pb_sasl_bind_s is NULL; NULL when memory runs out.
+// A new empty block whose pb_get and pb_set are the functions below, whose
+// pb_trace writes to the trace log and whose pb_sasl_bind_s is NULL; NULL
+// when memory runs out.
 LDAPPluginBlock *ldap_plugin_block_new();
 // Accepts NULL.
 void ldap_plugin_block_free(LDAPPluginBlock *pb);

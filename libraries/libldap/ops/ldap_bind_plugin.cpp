@@ -111,6 +111,7 @@ int run_bind_function(LDAP *ld, const char *dn, const char *mechanism, const str
     if (!pb)
         return LDAP_NO_MEMORY;
     pb->pb_sasl_bind_s = ldap_sasl_bind_s_direct;
+    pb->pb_bvfree = ber_bvfree;
     int rc = use_handle_hosts(ld, lc);
     if (rc == LDAP_SUCCESS)
         rc = call_bind_function(ld, pb, dn, mechanism, cred, serverctrls, clientctrls, use);
