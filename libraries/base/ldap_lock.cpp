@@ -19,22 +19,14 @@ int mutex_init(pthread_mutex_t *mutex, const char *module, int line)
     return rc;
 }
 
-int mutex_lock(pthread_mutex_t *mutex, const char *module, int line)
+void trace_lock_failure(int rc, const char *module, int line)
 {
-    int rc = pthread_mutex_lock(mutex);
-    if (rc != 0)
-        LDAP_TRACE(TRC_ERROR, "Error in pthread_mutex_lock at File %s, Line %d, errno %d\n", module,
-                   line, rc);
-    return rc;
+    LDAP_TRACE(TRC_ERROR, "Error in pthread_mutex_lock at File %s, Line %d, errno %d\n", module, line, rc);
 }
 
-int mutex_unlock(pthread_mutex_t *mutex, const char *module, int line)
+void trace_unlock_failure(int rc, const char *module, int line)
 {
-    int rc = pthread_mutex_unlock(mutex);
-    if (rc != 0)
-        LDAP_TRACE(TRC_ERROR, "Error in pthread_mutex_unlock at File %s, Line %d, errno %d\n",
-                   module, line, rc);
-    return rc;
+    LDAP_TRACE(TRC_ERROR, "Error in pthread_mutex_unlock at File %s, Line %d, errno %d\n", module, line, rc);
 }
 
 } // namespace zldap

@@ -9,10 +9,27 @@
 namespace zldap {
 
 // Each returns 0 or the pthread error, and traces a failure with the
-// module name and line of the caller.
+// module name and line of the caller. Locking and unlocking are inline:
+// the trace costs a call only when the pthread call fails.
 int mutex_init(pthread_mutex_t *mutex, const char *module, int line);
-int mutex_lock(pthread_mutex_t *mutex, const char *module, int line);
-int mutex_unlock(pthread_mutex_t *mutex, const char *module, int line);
+void trace_lock_failure(int rc, const char *module, int line);
+void trace_unlock_failure(int rc, const char *module, int line);
+
+inline int mutex_lock(pthread_mutex_t *mutex, const char *module, int line)
+{
+    int rc = pthread_mutex_lock(mutex);
+    if (__builtin_expect(rc != 0, 0))
+        trace_lock_failure(rc, module, line);
+    return rc;
+}
+
+inline int mutex_unlock(pthread_mutex_t *mutex, const char *module, int line)
+{
+    int rc = pthread_mutex_unlock(mutex);
+    if (__builtin_expect(rc != 0, 0))
+        trace_unlock_failure(rc, module, line);
+    return rc;
+}
 
 // Holds a mutex for one scope; locked() tells whether taking it succeeded.
 // unlock() and relock() let a scope give the mutex up for a while (for

@@ -41,11 +41,26 @@ void *mem_malloc(size_t size)
     return p;
 }
 
+// Small zeroed blocks come from malloc and are cleared here: glibc's calloc
+// bypasses its per-thread cache, so the small blocks it hands out are
+// cached when freed and never taken again, and once that cache is full
+// they pile up in the bins that every large allocation then consolidates.
+constexpr size_t kClearedHere = 1024;
+
 void *mem_calloc(size_t count, size_t size)
 {
     if (!admit_allocation())
         return nullptr;
-    void *p = std::calloc(count == 0 ? 1 : count, size == 0 ? 1 : size);
+    count = count == 0 ? 1 : count;
+    size = size == 0 ? 1 : size;
+    void *p;
+    if (size <= kClearedHere && count <= kClearedHere / size) {
+        p = std::malloc(count * size);
+        if (p)
+            std::memset(p, 0, count * size);
+    } else {
+        p = std::calloc(count, size);
+    }
     if (p)
         count_live(1);
     return p;

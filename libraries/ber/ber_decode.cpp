@@ -89,9 +89,10 @@ ber_tag_t read_string(BerElement *ber, char **out)
 ber_tag_t read_berval(BerElement *ber, struct berval **out)
 {
     *out = nullptr;
-    auto *bv = static_cast<struct berval *>(zldap::mem_calloc(1, sizeof(struct berval)));
+    auto *bv = static_cast<struct berval *>(zldap::mem_malloc(sizeof(struct berval)));
     if (!bv)
         return LBER_DEFAULT;
+    *bv = berval{0, nullptr};
     ber_tag_t tag = read_octets(ber, &bv->bv_val, &bv->bv_len);
     if (tag != LBER_DEFAULT && to_local(ber, &bv->bv_val, &bv->bv_len) != 0)
         tag = LBER_DEFAULT;
@@ -174,24 +175,26 @@ template <typename T> void free_array(T **array, void (*free_member)(T *))
 
 void free_string(char *s) { zldap::mem_free(s); }
 
-// Room for one more member and the terminator: doubling up to 1024
-// slots, then 1024 more at a time. New slots are NULL, so the array is
-// always terminated and can be freed at any point.
-template <typename T> bool grow_array(T ***array, size_t *capacity)
+// The members of a SET OF whose contents end at `last`, counted the way
+// read_set_of walks them; 0 when a member could not be read, since the
+// whole item then fails.
+size_t count_members(BerElement ber, const char *last)
 {
-    size_t grown = *capacity == 0 ? 2 : *capacity <= 1023 ? *capacity * 2 : *capacity + 1024;
-    auto *bigger = static_cast<T **>(zldap::mem_realloc(*array, grown * sizeof(T *)));
-    if (!bigger)
-        return false;
-    std::memset(bigger + *capacity, 0, (grown - *capacity) * sizeof(T *));
-    *array = bigger;
-    *capacity = grown;
-    return true;
+    size_t count = 0;
+    ber_len_t len;
+    do {
+        if (fber_get_tag(&ber, &len) == LBER_DEFAULT || len > bytes_left(&ber))
+            return 0;
+        ber.ber_ptr += len;
+        count++;
+    } while (ber.ber_ptr < last && fber_peek_tag(&ber, nullptr) != LBER_DEFAULT);
+    return count;
 }
 
-// A SET OF read member by member into a new NULL-terminated array. No
-// value for an empty or unreadable SET, which does not fail the call;
-// LBER_DEFAULT when a member fails, with everything the item made freed.
+// A SET OF read member by member into a new NULL-terminated array, sized
+// once from a first pass over the members. No value for an empty or
+// unreadable SET, which does not fail the call; LBER_DEFAULT when a member
+// fails, with everything the item made freed.
 template <typename T>
 std::optional<ber_tag_t> read_set_of(BerElement *ber, T ***out,
                                      ber_tag_t (*read_member)(BerElement *, T **),
@@ -202,20 +205,20 @@ std::optional<ber_tag_t> read_set_of(BerElement *ber, T ***out,
     char *last;
     if (fber_first_element(ber, &len, &last) == LBER_DEFAULT)
         return std::nullopt;
-
-    T **array = nullptr;
-    size_t capacity = 0;
-    size_t count = 0;
-    ber_tag_t tag;
-    do {
-        if (count + 1 >= capacity && !grow_array(&array, &capacity))
-            tag = LBER_DEFAULT;
-        else
-            tag = read_member(ber, &array[count++]);
-    } while (tag != LBER_DEFAULT && ber->ber_ptr < last && fber_peek_tag(ber, nullptr) != LBER_DEFAULT);
-    if (tag == LBER_DEFAULT) {
-        free_array(array, free_member);
-        array = nullptr;
+    size_t count = count_members(*ber, last);
+    if (count == 0)
+        return LBER_DEFAULT;
+    auto *array = static_cast<T **>(zldap::mem_malloc((count + 1) * sizeof(T *)));
+    if (!array)
+        return LBER_DEFAULT;
+    ber_tag_t tag = LBER_DEFAULT;
+    for (size_t i = 0; i < count; i++) {
+        // Terminated at every step, so that a failure frees what was read.
+        array[i + 1] = nullptr;
+        if ((tag = read_member(ber, &array[i])) == LBER_DEFAULT) {
+            free_array(array, free_member);
+            return LBER_DEFAULT;
+        }
     }
     *out = array;
     return tag;
@@ -223,8 +226,6 @@ std::optional<ber_tag_t> read_set_of(BerElement *ber, T ***out,
 
 void trace_scanf(BerElement *ber, const char *fmt)
 {
-    if (!zldap::trace_enabled(TRC_BER))
-        return;
     if (ber->ber_ptr == ber->ber_buf) {
         zldap::trace_print(TRC_BER, "fber_scanf fmt (%s) ber:\n", fmt);
         fber_dump(ber, 1);
@@ -244,12 +245,12 @@ ber_tag_t get_item(BerElement *ber, const char *f, va_list *ap, ber_tag_t curren
     switch (*f) {
     case 'a': {
         char **out = next_pointer<char *>(ap);
-        return out ? read_string(ber, out) : LBER_DEFAULT;
+        return out ? fber_read_string(ber, out) : LBER_DEFAULT;
     }
     case 's': {
         char *buf = next_pointer<char>(ap);
         ber_len_t *size = next_pointer<ber_len_t>(ap);
-        return buf && size ? read_into_buffer(ber, buf, size) : LBER_DEFAULT;
+        return buf && size ? fber_read_string_into(ber, buf, size) : LBER_DEFAULT;
     }
     case 'o': {
         struct berval *bv = next_pointer<struct berval>(ap);
@@ -285,18 +286,14 @@ ber_tag_t get_item(BerElement *ber, const char *f, va_list *ap, ber_tag_t curren
         return out ? fber_peek_tag(ber, out) : LBER_DEFAULT;
     }
     case 'x':
-        return skip_element(ber);
+        return fber_skip(ber);
     case 'v': {
         char ***out = next_pointer<char **>(ap);
-        if (!out)
-            return LBER_DEFAULT;
-        return read_set_of<char>(ber, out, read_string, free_string).value_or(current);
+        return out ? fber_read_string_set(ber, out, current) : LBER_DEFAULT;
     }
     case 'V': {
         struct berval ***out = next_pointer<struct berval **>(ap);
-        if (!out)
-            return LBER_DEFAULT;
-        return read_set_of<struct berval>(ber, out, read_berval, ber_bvfree).value_or(current);
+        return out ? fber_read_berval_set(ber, out, current) : LBER_DEFAULT;
     }
     case '{':
     case '[': {
@@ -387,12 +384,36 @@ ber_tag_t fber_get_int(BerElement *ber, int *value)
     return tag;
 }
 
+void fber_trace_format(BerElement *ber, const char *fmt) { trace_scanf(ber, fmt); }
+
+bool fber_translates_strings(const BerElement *ber) { return translates(ber, 1); }
+
+ber_tag_t fber_skip(BerElement *ber) { return skip_element(ber); }
+
+ber_tag_t fber_read_string(BerElement *ber, char **out) { return read_string(ber, out); }
+
+ber_tag_t fber_read_string_into(BerElement *ber, char *buf, ber_len_t *size)
+{
+    return read_into_buffer(ber, buf, size);
+}
+
+ber_tag_t fber_read_string_set(BerElement *ber, char ***out, ber_tag_t current)
+{
+    return read_set_of<char>(ber, out, read_string, free_string).value_or(current);
+}
+
+ber_tag_t fber_read_berval_set(BerElement *ber, struct berval ***out, ber_tag_t current)
+{
+    return read_set_of<struct berval>(ber, out, read_berval, ber_bvfree).value_or(current);
+}
+
 ber_tag_t fber_scanf(BerElement *ber, const char *fmt, ...)
 {
     zldap::ber_decoder_legacy_mode();
     if (!ber || !fmt)
         return LBER_DEFAULT;
-    trace_scanf(ber, fmt);
+    if (zldap::trace_enabled(TRC_BER))
+        trace_scanf(ber, fmt);
     if (!*fmt)
         return 0;
 

@@ -8,18 +8,19 @@
 
 namespace {
 
-// The record, then its sequence stack, then the inline buffer: the stack
-// stays aligned whatever the buffer size.
+// The record, room for its string settings, then its sequence stack, then
+// the inline buffer: the stack stays aligned whatever the buffer size.
 struct fber_block {
     berelement record;
+    uint32_t no_xlate;
+    int32_t version;
     ber_sos_stack stack;
     char inline_buffer[];
 };
 
-char *inline_buffer(BerElement *ber)
-{
-    return reinterpret_cast<fber_block *>(ber)->inline_buffer;
-}
+fber_block *block_of(BerElement *ber) { return reinterpret_cast<fber_block *>(ber); }
+
+char *inline_buffer(BerElement *ber) { return block_of(ber)->inline_buffer; }
 
 } // namespace
 
@@ -49,9 +50,20 @@ void fber_free(BerElement *ber)
         return;
     if (ber->ber_buf != inline_buffer(ber))
         zldap::mem_free(ber->ber_buf);
-    zldap::mem_free(ber->ber_version);
-    zldap::mem_free(ber->ber_no_xlate);
+    if (ber->ber_version != &block_of(ber)->version)
+        zldap::mem_free(ber->ber_version);
+    if (ber->ber_no_xlate != &block_of(ber)->no_xlate)
+        zldap::mem_free(ber->ber_no_xlate);
     zldap::mem_free(ber);
+}
+
+void fber_set_string_settings(BerElement *ber, uint32_t no_xlate, int32_t version)
+{
+    fber_block *block = block_of(ber);
+    block->no_xlate = no_xlate;
+    block->version = version;
+    ber->ber_no_xlate = &block->no_xlate;
+    ber->ber_version = &block->version;
 }
 
 int fber_realloc(BerElement *ber, ber_len_t needed)

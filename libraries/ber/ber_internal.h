@@ -20,10 +20,9 @@ inline int ber_reserve(BerElement *ber, ber_len_t needed)
     return fber_realloc(ber, needed);
 }
 
-// Whether LDAP_LEGACY_UTF8_XLATE_MODE was set when the encoder, or the
-// decoder, first ran in this process. Each side reads it once on its own.
+// Whether LDAP_LEGACY_UTF8_XLATE_MODE was set when the encoder first ran
+// in this process (the decoder's switch is in lber.h).
 bool ber_encoder_legacy_mode();
-bool ber_decoder_legacy_mode();
 
 // Hex-dumps a copy of the bytes with any userpassword value and a simple
 // bind's password blanked out, from dump_from on: the passwords are found

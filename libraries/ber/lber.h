@@ -3,10 +3,17 @@
 #ifndef ZLDAP_LBER_H
 #define ZLDAP_LBER_H
 
+#include "base/trace.h"
 #include "zor8ldap_api.h"
 
 #include <cstdarg>
 #include <cstdint>
+
+namespace zldap {
+// Whether LDAP_LEGACY_UTF8_XLATE_MODE was set when the decoder first ran in
+// this process; read once, apart from the encoder's own reading.
+bool ber_decoder_legacy_mode();
+}
 
 inline constexpr uint8_t kFberMarker = 0x80;        // ber_options bit of the fast element kind
 inline constexpr uint32_t kFberMaxDepth = 100;      // constructed items open at once
@@ -39,6 +46,10 @@ struct berelement {
 BerElement *fber_alloc();
 BerElement *fber_alloc_t(int size);
 void fber_free(BerElement *ber);
+// Points ber_no_xlate and ber_version at room in the element's own
+// allocation holding these values; fber_free frees only settings that
+// were allocated apart.
+void fber_set_string_settings(BerElement *ber, uint32_t no_xlate, int32_t version);
 // Grows the buffer to the bytes used plus the larger of the bytes used and
 // `needed`; 0, or -1 with the element unchanged.
 int fber_realloc(BerElement *ber, ber_len_t needed);
@@ -64,6 +75,31 @@ int fber_skip_element(BerElement *ber);
 ber_tag_t fber_first_element(BerElement *ber, ber_len_t *len, char **last);
 ber_tag_t fber_get_int(BerElement *ber, int *value);
 ber_tag_t fber_scanf(BerElement *ber, const char *fmt, ...);
+
+// Direct decoders for the hot shapes, each exactly one fber_scanf item:
+// `x` (skip an element), `a` (a new string), `s` (a string into a buffer,
+// *size in: its size, out: the length), `v` and `V` (a SET OF as a new
+// array of strings or bervals; `current` is handed back for an empty or
+// unreadable SET, as fber_scanf hands back the tag of the item before).
+ber_tag_t fber_skip(BerElement *ber);
+ber_tag_t fber_read_string(BerElement *ber, char **out);
+ber_tag_t fber_read_string_into(BerElement *ber, char *buf, ber_len_t *size);
+ber_tag_t fber_read_string_set(BerElement *ber, char ***out, ber_tag_t current);
+ber_tag_t fber_read_berval_set(BerElement *ber, struct berval ***out, ber_tag_t current);
+// Whether strings read from the element (other than empty ones) are
+// converted to the local code page.
+bool fber_translates_strings(const BerElement *ber);
+// What fber_scanf does before its items: settle the decoder's translation
+// mode and, when BER traffic is traced, write its line for `fmt` at the
+// element's position. Callers of the direct decoders call it with the
+// format they stand for, so that the trace reads the same.
+void fber_trace_format(BerElement *ber, const char *fmt);
+inline void fber_begin_format(BerElement *ber, const char *fmt)
+{
+    zldap::ber_decoder_legacy_mode();
+    if (zldap::trace_enabled(TRC_BER))
+        fber_trace_format(ber, fmt);
+}
 
 // Trace dumps of an element: mode 1 the unread part, any other the written part.
 void fber_dump(BerElement *ber, int mode);

@@ -59,4 +59,5 @@ void close_connection_sd(Sockbuf *sb)
         return;
     close_connection_sd(sb->sd);
     sb->sd = -1;
+    fber_drop_read_ahead(sb);
 }

@@ -137,6 +137,19 @@ ber_tag_t read_contents(Sockbuf *sb, BerElement *ber, int *state)
     return 0;
 }
 
+// Copies up to len bytes read ahead into buf; the number copied.
+long take_read_ahead(Sockbuf *sb, char *buf, long len)
+{
+    long n = std::min<long>(len, sb->sb_ahead_end - sb->sb_ahead_start);
+    if (n <= 0)
+        return 0;
+    std::memcpy(buf, sb->sb_ahead + sb->sb_ahead_start, static_cast<size_t>(n));
+    sb->sb_ahead_start += static_cast<uint32_t>(n);
+    if (sb->sb_ahead_start == sb->sb_ahead_end)
+        fber_drop_read_ahead(sb);
+    return n;
+}
+
 } // namespace
 
 long fber_socket_read_nb(Sockbuf *sb, char *buf, long len, int *would_block)
@@ -178,17 +191,26 @@ int FBerReadDirect_nb(Sockbuf *sb, char *buf, long len, long *left)
 {
     if (len < 1)
         return -1;
-    long got = 0;
+    long got = take_read_ahead(sb, buf, len);
     while (got < len) {
         int would_block = 0;
-        long n = fber_socket_read_nb(sb, buf + got, len - got, &would_block);
+        long missing = len - got;
+        bool direct = missing >= static_cast<long>(kSockbufReadAhead);
+        long n = direct ? fber_socket_read_nb(sb, buf + got, missing, &would_block)
+                        : fber_socket_read_nb(sb, sb->sb_ahead, kSockbufReadAhead, &would_block);
         if (would_block == LBER_WOULD_BLOCK) {
-            *left = len - got;
+            *left = missing;
             return LBER_WOULD_BLOCK;
         }
         if (n <= 0) // failure, or the peer closed in mid-element
             return -1;
-        got += n;
+        if (direct) {
+            got += n;
+        } else {
+            sb->sb_ahead_start = 0;
+            sb->sb_ahead_end = static_cast<uint32_t>(n);
+            got += take_read_ahead(sb, buf + got, missing);
+        }
     }
     *left = 0;
     return 0;
@@ -224,6 +246,8 @@ int fber_select(Sockbuf *sb, const struct timeval *timeout)
         LDAP_TRACE(TRC_ERROR, "fber_select: Bad params sb(%p)\n", static_cast<void *>(sb));
         return -1;
     }
+    if (fber_has_read_ahead(sb))
+        return 1;
     if (sb->secure && g_zorlib.secure_soc_read) {
         // Bytes the toolkit has already decrypted never show on the socket.
         int held = -1;

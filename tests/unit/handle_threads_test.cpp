@@ -148,12 +148,7 @@ TEST(HandleThreads, UnbindWaitsForAThreadInsideLdapResult)
     });
     // Let the waiter get inside ldap_result, then unbind from here; the
     // unbind must wait until the answer has come and the waiter has left.
-    auto operations = [ld] {
-        pthread_mutex_lock(&ld->ld_mutex);
-        uint64_t n = ld->ld_op_count;
-        pthread_mutex_unlock(&ld->ld_mutex);
-        return n;
-    };
+    auto operations = [ld] { return __atomic_load_n(&ld->ld_op_count, __ATOMIC_ACQUIRE); };
     while (operations() == 0)
         std::this_thread::sleep_for(1ms);
     std::thread answerer([&] {

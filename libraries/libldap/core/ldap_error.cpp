@@ -7,6 +7,7 @@
 #include "base/trace.h"
 #include "core/ldap_init_guard.h"
 
+#include <atomic>
 #include <cstdio>
 
 #define LDAP_MODULE "libraries/libldap/ldap_error"
@@ -150,18 +151,69 @@ ldap_error_record *find_record(LDAP *ld)
     return nullptr;
 }
 
-// Caller holds ld_error_mutex; NULL when memory runs out.
-ldap_error_record *find_or_add_record(LDAP *ld)
+// Each thread remembers its record on the handle it used last, so that the
+// hot path neither walks the list nor takes ld_error_mutex. A record is
+// only ever touched by its own thread until the handle is released, and
+// records are added but never removed before that; the cache is valid
+// while no handle has been released since it was filled (g_release_epoch),
+// which also covers a new handle allocated at a released one's address.
+std::atomic<uint64_t> g_release_epoch{0};
+
+struct CachedRecord {
+    const LDAP *ld;
+    uint64_t epoch;
+    ldap_error_record *record; // NULL: this thread has none on ld
+};
+thread_local CachedRecord t_cached{nullptr, 0, nullptr};
+
+inline bool cached(const LDAP *ld, ldap_error_record **record)
 {
-    ldap_error_record *r = find_record(ld);
-    if (r)
+    if (t_cached.ld != ld || t_cached.epoch != g_release_epoch.load(std::memory_order_acquire))
+        return false;
+    *record = t_cached.record;
+    return true;
+}
+
+// The calling thread's record, or NULL when it has none; false when the
+// lock cannot be taken.
+bool lookup_record(LDAP *ld, ldap_error_record **record)
+{
+    if (cached(ld, record))
+        return true;
+    uint64_t epoch = g_release_epoch.load(std::memory_order_acquire);
+    LDAP_MUTEX_GUARD(guard, &ld->ld_error_mutex);
+    if (!guard.locked())
+        return false;
+    *record = find_record(ld);
+    t_cached = {ld, epoch, *record};
+    return true;
+}
+
+// The calling thread's record, made when it has none; NULL when memory
+// runs out or the lock cannot be taken (*code says which).
+ldap_error_record *record_for_update(LDAP *ld, int *code)
+{
+    ldap_error_record *r = nullptr;
+    if (cached(ld, &r) && r)
         return r;
-    r = static_cast<ldap_error_record *>(zldap::mem_calloc(1, sizeof *r));
-    if (r) {
+    uint64_t epoch = g_release_epoch.load(std::memory_order_acquire);
+    LDAP_MUTEX_GUARD(guard, &ld->ld_error_mutex);
+    if (!guard.locked()) {
+        *code = LDAP_LOCK_ERROR;
+        return nullptr;
+    }
+    r = find_record(ld);
+    if (!r) {
+        r = static_cast<ldap_error_record *>(zldap::mem_calloc(1, sizeof *r));
+        if (!r) {
+            *code = LDAP_NO_MEMORY;
+            return nullptr;
+        }
         r->thread = pthread_self();
         r->next = ld->ld_errors;
         ld->ld_errors = r;
     }
+    t_cached = {ld, epoch, r};
     return r;
 }
 
@@ -190,35 +242,42 @@ int ldap_set_error_direct(LDAP *ld, int code, const char *matched, const char *t
 {
     if (!ld)
         return LDAP_PARAM_ERROR;
+    ldap_error_record *r = nullptr;
+    if (!matched && !text && cached(ld, &r)) {
+        // The usual case, a code without texts for a thread that is known.
+        if (r) {
+            zldap::mem_free(r->ld_matched);
+            zldap::mem_free(r->ld_error);
+            r->ld_matched = r->ld_error = nullptr;
+            r->ld_errno = code;
+            return LDAP_SUCCESS;
+        }
+        // A thread without a record reads as success with no texts, so a
+        // plain success needs no record.
+        if (code == LDAP_SUCCESS)
+            return LDAP_SUCCESS;
+    }
+    if (code == LDAP_SUCCESS && !matched && !text) {
+        if (!lookup_record(ld, &r))
+            return LDAP_LOCK_ERROR;
+        if (!r)
+            return LDAP_SUCCESS;
+    }
     char *matched_copy = nullptr;
     char *text_copy = nullptr;
-    if (!copy_optional(matched, &matched_copy) || !copy_optional(text, &text_copy)) {
-        zldap::mem_free(matched_copy);
-        zldap::mem_free(text_copy);
-        return LDAP_NO_MEMORY;
-    }
-    LDAP_MUTEX_GUARD(guard, &ld->ld_error_mutex);
-    if (!guard.locked()) {
-        zldap::mem_free(matched_copy);
-        zldap::mem_free(text_copy);
-        return LDAP_LOCK_ERROR;
-    }
-    // A thread without a record reads as success with no texts, so a plain
-    // success needs no record.
-    if (code == LDAP_SUCCESS && !matched_copy && !text_copy && !find_record(ld))
+    int rc = LDAP_NO_MEMORY;
+    if (copy_optional(matched, &matched_copy) && copy_optional(text, &text_copy) &&
+        (r = record_for_update(ld, &rc)) != nullptr) {
+        zldap::mem_free(r->ld_matched);
+        zldap::mem_free(r->ld_error);
+        r->ld_matched = matched_copy;
+        r->ld_error = text_copy;
+        r->ld_errno = code;
         return LDAP_SUCCESS;
-    ldap_error_record *r = find_or_add_record(ld);
-    if (!r) {
-        zldap::mem_free(matched_copy);
-        zldap::mem_free(text_copy);
-        return LDAP_NO_MEMORY;
     }
-    zldap::mem_free(r->ld_matched);
-    zldap::mem_free(r->ld_error);
-    r->ld_matched = matched_copy;
-    r->ld_error = text_copy;
-    r->ld_errno = code;
-    return LDAP_SUCCESS;
+    zldap::mem_free(matched_copy);
+    zldap::mem_free(text_copy);
+    return rc;
 }
 
 int ldap_fail(LDAP *ld, int code)
@@ -231,14 +290,14 @@ int ldap_set_ext_error_direct(LDAP *ld, int reason)
 {
     if (!ld)
         return LDAP_PARAM_ERROR;
-    LDAP_MUTEX_GUARD(guard, &ld->ld_error_mutex);
-    if (!guard.locked())
+    ldap_error_record *r = nullptr;
+    if (!lookup_record(ld, &r))
         return LDAP_LOCK_ERROR;
-    if (reason == 0 && !find_record(ld))
+    if (reason == 0 && !r)
         return LDAP_SUCCESS;
-    ldap_error_record *r = find_or_add_record(ld);
-    if (!r)
-        return LDAP_NO_MEMORY;
+    int rc = LDAP_NO_MEMORY;
+    if (!r && !(r = record_for_update(ld, &rc)))
+        return rc;
     r->ld_ext_error = reason;
     return LDAP_SUCCESS;
 }
@@ -247,10 +306,9 @@ int ldap_get_errno_direct(LDAP *ld)
 {
     if (!ld)
         return LDAP_PARAM_ERROR;
-    LDAP_MUTEX_GUARD(guard, &ld->ld_error_mutex);
-    if (!guard.locked())
+    ldap_error_record *r = nullptr;
+    if (!lookup_record(ld, &r))
         return LDAP_LOCK_ERROR;
-    ldap_error_record *r = find_record(ld);
     return r ? r->ld_errno : LDAP_SUCCESS;
 }
 
@@ -258,10 +316,9 @@ int ldap_get_ext_error_direct(LDAP *ld)
 {
     if (!ld)
         return LDAP_PARAM_ERROR;
-    LDAP_MUTEX_GUARD(guard, &ld->ld_error_mutex);
-    if (!guard.locked())
+    ldap_error_record *r = nullptr;
+    if (!lookup_record(ld, &r))
         return LDAP_LOCK_ERROR;
-    ldap_error_record *r = find_record(ld);
     return r ? r->ld_ext_error : 0;
 }
 
@@ -273,10 +330,9 @@ int ldap_get_error_direct(LDAP *ld, char **matched, char **text)
         *text = nullptr;
     if (!ld)
         return LDAP_PARAM_ERROR;
-    LDAP_MUTEX_GUARD(guard, &ld->ld_error_mutex);
-    if (!guard.locked())
+    ldap_error_record *r = nullptr;
+    if (!lookup_record(ld, &r))
         return LDAP_LOCK_ERROR;
-    ldap_error_record *r = find_record(ld);
     if (!r)
         return LDAP_SUCCESS;
     // A copy that cannot be made reads as absent; the code still comes back.
@@ -340,6 +396,8 @@ void ldap_perror(LDAP *ld, const char *prefix)
 
 void ldap_free_error_records(LDAP *ld)
 {
+    // Every thread's cached record on any handle is looked up afresh from now on.
+    g_release_epoch.fetch_add(1, std::memory_order_acq_rel);
     ldap_error_record *r = ld->ld_errors;
     while (r) {
         ldap_error_record *next = r->next;

@@ -12,6 +12,14 @@
 int ldap_start_operation(LDAP *ld);
 void ldap_end_operation(LDAP *ld);
 
+// ld_op_count bit set by unbind: operations that leave from then on wake it.
+inline constexpr uint64_t kOpsClosing = uint64_t{1} << 63;
+
+// Unbind's wait, called with ld_mutex held and ld_unbind_started set:
+// marks the count closing and waits until every operation has left. 0, or
+// the error of the condition wait.
+int ldap_wait_for_operations(LDAP *ld);
+
 namespace zldap {
 
 // What an admitted operation does with the calling thread's last error.

@@ -25,17 +25,11 @@ BerElement *new_ldap_ber(LDAP *ld, int for_reading)
 {
     if (!ld)
         return nullptr;
+    // The settings live in the element's own allocation: one block per element.
     BerElement *ber = for_reading ? fber_alloc_t(0) : fber_alloc();
-    if (ber) {
-        ber->ber_no_xlate = static_cast<uint32_t *>(zldap::mem_malloc(sizeof(uint32_t)));
-        ber->ber_version = static_cast<int32_t *>(zldap::mem_malloc(sizeof(int32_t)));
-    }
-    if (!ber || !ber->ber_no_xlate || !ber->ber_version) {
-        fber_free(ber);
+    if (!ber)
         return ldap_fail_returning(ld, LDAP_NO_MEMORY, nullptr);
-    }
-    *ber->ber_no_xlate = ld->ld_no_xlate;
-    *ber->ber_version = ld->ld_version;
+    fber_set_string_settings(ber, ld->ld_no_xlate, ld->ld_version);
     return ber;
 }
 
@@ -45,6 +39,7 @@ void free_msg(LDAPMessage *msg, int all)
     while (msg) {
         LDAPMessage *next = msg->msg_next;
         fber_free(msg->msg_ber);
+        zldap::mem_free(msg->msg_index);
         zldap::mem_free(msg);
         msg = (all == 1) ? next : nullptr;
     }

@@ -9,6 +9,7 @@
 #include "ber/lber.h"
 #include "core/ldap_error.h"
 #include "core/ldap_init_guard.h"
+#include "message/ldap_entry_index.h"
 #include "message/ldap_message.h"
 
 #include <strings.h>
@@ -27,8 +28,17 @@ bool at_end_of_attributes(BerElement *ber)
     return ber->ber_ptr >= ber->ber_end || fber_peek_tag(ber, &len) == kControlsTag;
 }
 
-// The next attribute name at the cursor, in a new buffer; NULL with error
-// 0 at the end of the attributes.
+// "{x{": into the entry's SEQUENCE, past the DN, into the attribute list.
+bool enter_attributes(BerElement *ber)
+{
+    fber_begin_format(ber, "{x{");
+    ber_len_t len;
+    return fber_get_tag(ber, &len) != LBER_DEFAULT && fber_skip(ber) != LBER_DEFAULT &&
+           fber_get_tag(ber, &len) != LBER_DEFAULT;
+}
+
+// The next attribute name at the cursor ("{sx}"), in a new buffer; NULL
+// with error 0 at the end of the attributes.
 char *read_attribute_name(LDAP *ld, BerElement *cursor)
 {
     if (at_end_of_attributes(cursor))
@@ -36,17 +46,21 @@ char *read_attribute_name(LDAP *ld, BerElement *cursor)
     char *name = static_cast<char *>(zldap::mem_malloc(kNameBuffer));
     if (!name)
         return ldap_fail_returning(ld, LDAP_NO_MEMORY, nullptr);
+    fber_begin_format(cursor, "{sx}");
     ber_len_t size = kNameBuffer;
-    if (fber_scanf(cursor, "{sx}", name, &size) == LBER_DEFAULT) {
+    ber_len_t len;
+    if (fber_get_tag(cursor, &len) == LBER_DEFAULT || fber_read_string_into(cursor, name, &size) == LBER_DEFAULT ||
+        fber_skip(cursor) == LBER_DEFAULT) {
         zldap::mem_free(name);
         return ldap_fail_returning(ld, LDAP_DECODING_ERROR, nullptr);
     }
     return name;
 }
 
-// Moves a copy of the entry's element to the values of `attr`; false (with
-// error 84) when the entry has no such attribute or cannot be read.
-bool find_attribute(LDAP *ld, BerElement *reader, const char *attr)
+// Moves a copy of the entry's element to the values of `attr` by walking
+// the attributes from the first; false (with error 84) when the entry has
+// no such attribute or cannot be read. *name_tag: the tag of its type.
+bool walk_to_attribute(LDAP *ld, BerElement *reader, const char *attr, ber_tag_t *name_tag)
 {
     char type[kNameBuffer];
     ber_len_t size = sizeof type;
@@ -57,11 +71,39 @@ bool find_attribute(LDAP *ld, BerElement *reader, const char *attr)
     }
     if (tag == LBER_DEFAULT)
         return ldap_fail_returning(ld, LDAP_DECODING_ERROR, false);
+    *name_tag = tag;
     return true;
 }
 
-// The values of `attr` read with `format` ("[v]" or "[V]") into *out.
-template <class T> T **get_values(LDAP *ld, LDAPMessage *entry, const char *attr, const char *format)
+// Moves the reader to the values of `attr`: through the entry's index,
+// or, while BER traffic is traced (the walk's own trace lines are the
+// record) or without an index, by walking.
+bool find_attribute(LDAP *ld, LDAPMessage *entry, BerElement *reader, const char *attr, ber_tag_t *name_tag)
+{
+    EntryLookup found = zldap::trace_enabled(TRC_BER)
+                            ? EntryLookup::no_index
+                            : ldap_entry_find_values(entry, attr, kNameBuffer, reader, name_tag);
+    if (found == EntryLookup::no_index)
+        return walk_to_attribute(ld, reader, attr, name_tag);
+    if (found == EntryLookup::absent)
+        return ldap_fail_returning(ld, LDAP_DECODING_ERROR, false);
+    return true;
+}
+
+ber_tag_t read_values(BerElement *ber, char ***out, ber_tag_t current)
+{
+    fber_begin_format(ber, "[v]");
+    return fber_read_string_set(ber, out, current);
+}
+
+ber_tag_t read_values(BerElement *ber, struct berval ***out, ber_tag_t current)
+{
+    fber_begin_format(ber, "[V]");
+    return fber_read_berval_set(ber, out, current);
+}
+
+// The values of `attr` ("[v]" or "[V]") as a new array.
+template <class T> T **get_values(LDAP *ld, LDAPMessage *entry, const char *attr)
 {
     zldap::OperationGuard op(ld, zldap::OnEntry::reset_error);
     if (!op.admitted())
@@ -69,10 +111,11 @@ template <class T> T **get_values(LDAP *ld, LDAPMessage *entry, const char *attr
     if (!entry || !attr || !entry->msg_ber)
         return ldap_fail_returning(ld, LDAP_PARAM_ERROR, nullptr);
     BerElement reader = *entry->msg_ber;
-    if (!find_attribute(ld, &reader, attr))
+    ber_tag_t name_tag = LBER_DEFAULT;
+    if (!find_attribute(ld, entry, &reader, attr, &name_tag))
         return nullptr;
     T **values = nullptr;
-    if (fber_scanf(&reader, format, &values) == LBER_DEFAULT)
+    if (read_values(&reader, &values, name_tag) == LBER_DEFAULT)
         return ldap_fail_returning(ld, LDAP_DECODING_ERROR, nullptr);
     return values;
 }
@@ -89,7 +132,9 @@ char *ldap_get_dn(LDAP *ld, LDAPMessage *entry)
         return ldap_fail_returning(ld, LDAP_PARAM_ERROR, nullptr);
     BerElement reader = *entry->msg_ber;
     char *dn = nullptr;
-    if (fber_scanf(&reader, "{a", &dn) == LBER_DEFAULT) {
+    fber_begin_format(&reader, "{a");
+    ber_len_t len;
+    if (fber_get_tag(&reader, &len) == LBER_DEFAULT || fber_read_string(&reader, &dn) == LBER_DEFAULT) {
         LDAP_TRACE(TRC_ERROR, "ldap_get_dn: fber_scanf failed\n");
         return ldap_fail_returning(ld, LDAP_DECODING_ERROR, nullptr);
     }
@@ -112,7 +157,7 @@ char *ldap_first_attribute(LDAP *ld, LDAPMessage *entry, BerElement **ber)
         return ldap_fail_returning(ld, LDAP_NO_MEMORY, nullptr);
     *cursor = *entry->msg_ber;
     char *name = nullptr;
-    if (fber_scanf(cursor, "{x{") == LBER_DEFAULT) {
+    if (!enter_attributes(cursor)) {
         ldap_set_error_direct(ld, LDAP_DECODING_ERROR, nullptr, nullptr);
     } else {
         name = read_attribute_name(ld, cursor);
@@ -160,13 +205,13 @@ int ldap_count_attributes(LDAP *ld, LDAPMessage *entry)
 char **ldap_get_values(LDAP *ld, LDAPMessage *entry, const char *attr)
 {
     LDAP_TRACE(TRC_API, "ldap_get_values\n");
-    return get_values<char>(ld, entry, attr, "[v]");
+    return get_values<char>(ld, entry, attr);
 }
 
 struct berval **ldap_get_values_len(LDAP *ld, LDAPMessage *entry, const char *attr)
 {
     LDAP_TRACE(TRC_API, "ldap_get_values_len\n");
-    return get_values<struct berval>(ld, entry, attr, "[V]");
+    return get_values<struct berval>(ld, entry, attr);
 }
 
 int ldap_count_values(char **values)

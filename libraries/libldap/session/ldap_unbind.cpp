@@ -6,6 +6,7 @@
 #include "base/ldap_lock.h"
 #include "base/trace.h"
 #include "core/ldap_error.h"
+#include "core/ldap_init_guard.h"
 #include "session/ldap_free.h"
 
 #define LDAP_MODULE "libraries/libldap/ldap_unbind"
@@ -22,15 +23,13 @@ int ldap_unbind(LDAP *ld)
         LDAP_MUTEX_UNLOCK(&ld->ld_mutex);
         return LDAP_PARAM_ERROR;
     }
-    ld->ld_unbind_started = 1;
-    while (ld->ld_op_count > 0) {
-        int rc = pthread_cond_wait(&ld->ld_op_cond, &ld->ld_mutex);
-        if (rc != 0) {
-            // The handle stays closing and allocated: every later call is refused.
-            LDAP_TRACE(TRC_ERROR, "ldap_unbind: pthread_cond_wait failed. errno %d\n", rc);
-            LDAP_MUTEX_UNLOCK(&ld->ld_mutex);
-            return LDAP_LOCK_ERROR;
-        }
+    __atomic_store_n(&ld->ld_unbind_started, 1, __ATOMIC_RELEASE);
+    int rc = ldap_wait_for_operations(ld);
+    if (rc != 0) {
+        // The handle stays closing and allocated: every later call is refused.
+        LDAP_TRACE(TRC_ERROR, "ldap_unbind: pthread_cond_wait failed. errno %d\n", rc);
+        LDAP_MUTEX_UNLOCK(&ld->ld_mutex);
+        return LDAP_LOCK_ERROR;
     }
     LDAP_MUTEX_UNLOCK(&ld->ld_mutex);
     ldap_ld_free(ld);
