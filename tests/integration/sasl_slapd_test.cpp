@@ -27,6 +27,8 @@ TEST(SaslSlapd, BindsAsTheServerSeesThem)
     for (const char *mechanism : {"SCRAM-SHA-256", "DIGEST-MD5", "PLAIN", "NO-SUCH-MECH"})
         file << "plugin sasl " << mechanism << " " ZLDAP_SASL_CYRUS_PLUGIN " sasl_cyrus_init" << std::endl;
     setenv("ORNLDAP_CONF", conf.path().c_str(), 1);
+    const std::string peer = "gidNumber=" + std::to_string(getegid()) + "+uidNumber=" + std::to_string(geteuid()) +
+                             ",cn=peercred,cn=external,cn=auth";
     struct {
         const char *mechanism, *name, *password;
         int code;
@@ -39,9 +41,8 @@ TEST(SaslSlapd, BindsAsTheServerSeesThem)
         {"SCRAM-SHA-256", "sasl", nullptr, 89, nullptr},                    // no password
         {"SCRAM-SHA-256", Slapd::kSaslUser, Slapd::kSaslPassword, 89, nullptr}, // a DN names no SASL identity
         {"NO-SUCH-MECH", "sasl", Slapd::kSaslPassword, 86, nullptr},
-        // Over the local socket slapd takes EXTERNAL but wants a response (the
-        // authorisation id, empty for none), and the library sends none.
-        {"EXTERNAL", nullptr, nullptr, 14, nullptr},
+        // Over the local socket slapd knows the peer's uid and gid.
+        {"EXTERNAL", nullptr, nullptr, 0, peer.c_str()},
     };
     for (const auto &c : cases) {
         LDAP *ld = ldap_init((std::strcmp(c.mechanism, "EXTERNAL") ? server.host() : server.socket_path()).c_str(), 0);

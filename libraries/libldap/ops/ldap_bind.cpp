@@ -226,6 +226,27 @@ int ldap_sasl_bind_s_direct(LDAP *ld, const char *dn, const char *mechanism, con
     return await_bind_response(ld, msgid, servercredp);
 }
 
+namespace {
+
+// An EXTERNAL bind sends no credentials. A server that wants the
+// authorisation identity answers 14 with an empty challenge; the empty
+// identity answers it, asking to act as the identity the connection itself
+// proves (the peer's user on a local socket, the client certificate).
+int external_bind_s(LDAP *ld, LDAPControl **serverctrls, struct berval **servercredp)
+{
+    int rc = ldap_sasl_bind_s_direct(ld, nullptr, "EXTERNAL", nullptr, serverctrls, servercredp);
+    if (rc != LDAP_SASL_BIND_IN_PROGRESS)
+        return rc;
+    if (servercredp) {
+        ber_bvfree(*servercredp);
+        *servercredp = nullptr;
+    }
+    const berval empty{0, const_cast<char *>("")};
+    return ldap_sasl_bind_s_direct(ld, nullptr, "EXTERNAL", &empty, serverctrls, servercredp);
+}
+
+} // namespace
+
 int ldap_sasl_bind_int(LDAP *ld, const char *dn, const char *mechanism, const struct berval *cred,
                        LDAPControl **serverctrls, LDAPControl **clientctrls, struct berval **servercredp,
                        int async, int *msgidp)
@@ -265,6 +286,8 @@ int ldap_sasl_bind_int(LDAP *ld, const char *dn, const char *mechanism, const st
             LDAP_TRACE(TRC_API, "ldap_sasl_bind_int: Attempting to bind with ldap_sasl_bind_s_direct() instead\n");
         }
         LDAP_TRACE(TRC_API, "ldap_sasl_bind_int: Sending %s Bind request\n", mechanism);
+        if (!async && external)
+            return external_bind_s(ld, serverctrls, servercredp);
         if (!async)
             return ldap_sasl_bind_s_direct(ld, dn, mechanism, cred, serverctrls, servercredp);
         rc = ldap_sasl_bind_encode_and_send(ld, dn, mechanism, cred, serverctrls, &msgid, nullptr);
