@@ -92,7 +92,7 @@ int report_result(LDAP *ld, const char *operation, int code)
     return code;
 }
 
-LDAP *open_session(const char *program, SessionOptions &options, int *rc)
+LDAP *open_session(const char *program, SessionOptions &options, ControlList *controls, int *rc)
 {
     std::string error;
     if (!options.mechanism.empty() && !options.binddn.empty()) {
@@ -140,6 +140,8 @@ LDAP *open_session(const char *program, SessionOptions &options, int *rc)
     }
     if (code != LDAP_SUCCESS)
         return fail(report_result(ld, "ldap_bind", code));
+    if (code = controls->Build(ld, options.controls); code != LDAP_SUCCESS)
+        return fail(report(program, "controls", code));
     *rc = LDAP_SUCCESS;
     return ld;
 }

@@ -30,9 +30,10 @@ private:
 
 // Makes the session the options name, with their connect time-out, and
 // binds (simple, anonymously without -D, or SASL with -Y), asking for the
-// password first with -W. NULL after a message on stderr, with *rc the
-// tool's exit code.
-LDAP *open_session(const char *program, SessionOptions &options, int *rc);
+// password first with -W, and builds the -e and -M controls into
+// *controls. NULL after a message on stderr, with *rc the tool's exit
+// code.
+LDAP *open_session(const char *program, SessionOptions &options, ControlList *controls, int *rc);
 
 // Prints "program: what: text (code)" on stderr and returns the code.
 int report(const char *program, const std::string &what, int code);

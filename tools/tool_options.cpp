@@ -11,7 +11,10 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
+#include <iostream>
 #include <strings.h>
+#include <unistd.h>
 
 namespace tool {
 
@@ -97,7 +100,7 @@ void take_manage_dsa_it(SessionOptions *options)
 
 } // namespace
 
-const char *const kCommonHelp =
+constexpr char kCommonHelp[] =
     "Common options:\n"
     "  -H URI        ldap://host:port[/base] of the server\n"
     "  -h host -p port  the server, when no -H is given (default localhost:389)\n"
@@ -150,12 +153,53 @@ bool parse_limit(const std::string &option, const char *text, int *value, std::s
     return true;
 }
 
-bool wants_help(int argc, char **argv)
+bool read_operands(int argc, char **argv, const SessionOptions &options, std::vector<std::string> *operands,
+                   std::string *error)
 {
-    for (int i = 1; i < argc && std::strcmp(argv[i], "--") != 0; i++)
-        if (std::strcmp(argv[i], "--help") == 0)
-            return true;
-    return false;
+    if (optind < argc) {
+        operands->assign(argv + optind, argv + argc);
+        return true;
+    }
+    std::ifstream file;
+    if (!options.file.empty())
+        file.open(options.file);
+    if (!options.file.empty() && !file) {
+        *error = "cannot read " + options.file;
+        return false;
+    }
+    std::istream &in = options.file.empty() ? std::cin : file;
+    for (std::string line; std::getline(in, line);)
+        if (!line.empty())
+            operands->push_back(line);
+    return true;
+}
+
+int usage_error(const char *usage)
+{
+    std::fprintf(stderr, "%s%s", usage, kCommonHelp);
+    return LDAP_PARAM_ERROR;
+}
+
+int read_command_line(int argc, char **argv, const char *usage, const std::string &own_letters,
+                      const TakeOption &take, SessionOptions *options)
+{
+    for (int i = 1; i < argc && std::strcmp(argv[i], "--") != 0; i++) {
+        if (std::strcmp(argv[i], "--help") == 0) {
+            std::printf("%s%s", usage, kCommonHelp);
+            return LDAP_SUCCESS;
+        }
+    }
+    std::string letters = kSessionLetters + own_letters, error;
+    for (int opt; (opt = getopt(argc, argv, letters.c_str())) != -1;) {
+        int rc = LDAP_SUCCESS;
+        if (own_letters.find(static_cast<char>(opt)) != std::string::npos)
+            rc = take(opt, optarg, &error) ? LDAP_SUCCESS : LDAP_PARAM_ERROR;
+        else
+            rc = take_session_option(opt, optarg, options, &error);
+        if (rc != LDAP_SUCCESS)
+            return error.empty() ? usage_error(usage) : complain(options->program, error, rc);
+    }
+    return -1;
 }
 
 int complain(const char *program, const std::string &error, int code)
@@ -190,7 +234,7 @@ int take_session_option(int letter, const char *arg, SessionOptions *options, st
     case 'c': options->continuous = true; return LDAP_SUCCESS;
     case 'v': options->verbose = true; return LDAP_SUCCESS;
     case 'f': options->file = arg; return LDAP_SUCCESS;
-    default: return LDAP_PARAM_ERROR;
+    default: return LDAP_PARAM_ERROR; // getopt's '?', after its own message
     }
 }
 

@@ -8,6 +8,7 @@
 #include "tool_controls.h"
 #include "zor8ldap.h"
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -56,12 +57,26 @@ bool parse_limit(const std::string &option, const char *text, int *value, std::s
 // with *error set; an empty *error means the letter is none of them.
 int take_session_option(int letter, const char *arg, SessionOptions *options, std::string *error);
 
-// True when the command line asks for --help.
-bool wants_help(int argc, char **argv);
+// Takes one of a tool's own options: false with *error set (or left
+// empty for a plain usage message) refuses it.
+using TakeOption = std::function<bool(int letter, const char *arg, std::string *error)>;
 
-// The lines every tool's --help ends with: the shared options and the
-// exit-code rule.
-extern const char *const kCommonHelp;
+// Reads the command line with getopt: the shared options, and those of
+// own_letters through take. --help prints usage and the shared options
+// on stdout. -1 when the tool goes on (optind at the first operand), else
+// its exit code: 0 after --help, or that of a refused option after a
+// message on stderr.
+int read_command_line(int argc, char **argv, const char *usage, const std::string &own_letters,
+                      const TakeOption &take, SessionOptions *options);
+
+// The operands of a tool: those after the options or, when there are
+// none, the non-empty lines of the -f file or of standard input. False
+// with *error set when the file cannot be read.
+bool read_operands(int argc, char **argv, const SessionOptions &options, std::vector<std::string> *operands,
+                   std::string *error);
+
+// Prints usage and the shared options on stderr; returns LDAP_PARAM_ERROR.
+int usage_error(const char *usage);
 
 // Prints "program: error" on stderr and returns code.
 int complain(const char *program, const std::string &error, int code);

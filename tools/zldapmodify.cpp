@@ -26,16 +26,12 @@ constexpr const char *kProgram = "zldapmodify";
 
 namespace {
 
-int usage(std::FILE *to, int code)
-{
-    std::fprintf(to,
-                 "usage: %s [options]\n"
-                 "  applies the LDIF change records read from standard input or from -f file\n"
-                 "  -a         records without a changetype are adds (%s); else they are modifies\n",
-                 kProgram, kAddByDefault ? "always, in zldapadd" : "the default of zldapadd");
-    std::fprintf(to, "%s", tool::kCommonHelp);
-    return code;
-}
+const std::string kUsage = std::string("usage: ") + kProgram +
+                           " [options]\n"
+                           "  applies the LDIF change records read from standard input or from -f file\n"
+                           "  -a         records without a changetype are adds (" +
+                           (kAddByDefault ? "always, in zldapadd" : "the default of zldapadd") +
+                           "); else they are modifies\n";
 
 // A whole file's bytes; false when it can't be read (a directory, say).
 bool read_file(const std::string &path, std::string *bytes)
@@ -151,21 +147,15 @@ int apply(LDAP *ld, const ldif::ChangeRecord &r, LDAPControl **general, int seco
 // Exits with the result code of the last record that failed, or 0.
 int main(int argc, char **argv)
 {
-    if (tool::wants_help(argc, argv))
-        return usage(stdout, LDAP_SUCCESS);
     tool::SessionOptions session;
     session.program = kProgram;
     bool add_by_default = kAddByDefault;
-    std::string error;
-    std::string letters = std::string(tool::kSessionLetters) + "a";
-    for (int opt; (opt = getopt(argc, argv, letters.c_str())) != -1;) {
-        if (opt == 'a')
-            add_by_default = true;
-        else if (int rc = tool::take_session_option(opt, optarg, &session, &error); rc != LDAP_SUCCESS)
-            return error.empty() ? usage(stderr, rc) : tool::complain(kProgram, error, rc);
-    }
+    auto take = [&](int, const char *, std::string *) { return add_by_default = true; };
+    if (int rc = tool::read_command_line(argc, argv, kUsage.c_str(), "a", take, &session); rc >= 0)
+        return rc;
     if (optind < argc)
-        return usage(stderr, LDAP_PARAM_ERROR);
+        return tool::usage_error(kUsage.c_str());
+    std::string error;
     std::string text;
     if (session.file.empty())
         text.assign(std::istreambuf_iterator<char>(std::cin), std::istreambuf_iterator<char>());
@@ -180,14 +170,10 @@ int main(int argc, char **argv)
         return LDAP_SUCCESS;
     }
     int rc = LDAP_SUCCESS;
-    LDAP *ld = tool::open_session(kProgram, session, &rc);
+    tool::ControlList general;
+    LDAP *ld = tool::open_session(kProgram, session, &general, &rc);
     if (!ld)
         return rc;
-    tool::ControlList general;
-    if (rc = general.Build(ld, session.controls); rc != LDAP_SUCCESS) {
-        ldap_unbind(ld);
-        return tool::report(kProgram, "controls", rc);
-    }
     int last_failure = LDAP_SUCCESS;
     for (size_t i = 0; i < records.size() && (last_failure == LDAP_SUCCESS || session.continuous); i++) {
         std::printf("%s \"%s\"\n", action(records[i]), records[i].dn.c_str());

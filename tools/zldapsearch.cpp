@@ -37,12 +37,6 @@ const char kUsage[] =
     "  -f file    one search per line of file, each line put in place of the first %s of\n"
     "             the filter (or being the filter when none is given)\n";
 
-int usage(std::FILE *to, int code)
-{
-    std::fprintf(to, "%s%s", kUsage, tool::kCommonHelp);
-    return code;
-}
-
 struct Search {
     std::string base;
     int scope = LDAP_SCOPE_SUBTREE;
@@ -204,36 +198,29 @@ int make_filters(const std::string &pattern, const std::string &file, std::vecto
 // did), or of what failed before the searches.
 int main(int argc, char **argv)
 {
-    if (tool::wants_help(argc, argv))
-        return usage(stdout, LDAP_SUCCESS);
     tool::SessionOptions session;
     session.program = kProgram;
     tool::OutputStyle style;
     Search search;
     std::vector<tool::ControlSpec> search_controls;
-    std::string error, scope_name = "subtree";
+    std::string scope_name = "subtree";
     int timelimit = 0, deref = LDAP_DEREF_NEVER;
-    std::string letters = std::string(tool::kSessionLetters) + "b:s:a:Az:l:tT:LE:";
-    for (int opt; (opt = getopt(argc, argv, letters.c_str())) != -1;) {
-        bool good = true;
+    auto take = [&](int opt, const char *arg, std::string *error) {
         switch (opt) {
-        case 'b': search.base = optarg; break;
-        case 's': scope_name.clear(); good = read_scope(optarg, &search.scope, &scope_name); break;
-        case 'a': good = read_deref(optarg, &deref); break;
-        case 'A': search.attrsonly = 1; break;
-        case 'z': good = tool::parse_limit("-z", optarg, &search.sizelimit, &error); break;
-        case 'l': good = tool::parse_limit("-l", optarg, &timelimit, &error); break;
-        case 't': style.values_to_files++; break;
-        case 'T': style.file_directory = optarg; break;
-        case 'L': style.ldif = std::min(style.ldif + 1, 3); break;
-        case 'E': good = tool::parse_control("-E", optarg, true, &search_controls.emplace_back(), &error); break;
-        default:
-            if (int rc = tool::take_session_option(opt, optarg, &session, &error); rc != LDAP_SUCCESS)
-                return error.empty() ? usage(stderr, rc) : tool::complain(kProgram, error, rc);
+        case 'b': search.base = arg; return true;
+        case 's': scope_name.clear(); return read_scope(arg, &search.scope, &scope_name);
+        case 'a': return read_deref(arg, &deref);
+        case 'A': search.attrsonly = 1; return true;
+        case 'z': return tool::parse_limit("-z", arg, &search.sizelimit, error);
+        case 'l': return tool::parse_limit("-l", arg, &timelimit, error);
+        case 't': style.values_to_files++; return true;
+        case 'T': style.file_directory = arg; return true;
+        case 'L': style.ldif = std::min(style.ldif + 1, 3); return true;
+        default: return tool::parse_control("-E", arg, true, &search_controls.emplace_back(), error);
         }
-        if (!good)
-            return error.empty() ? usage(stderr, LDAP_PARAM_ERROR) : tool::complain(kProgram, error, LDAP_PARAM_ERROR);
-    }
+    };
+    if (int rc = tool::read_command_line(argc, argv, kUsage, "b:s:a:Az:l:tT:LE:", take, &session); rc >= 0)
+        return rc;
     // ldapsearch's rule: a first argument without "=" is an attribute.
     bool filter_given = optind < argc && std::strchr(argv[optind], '=');
     std::string pattern = filter_given ? argv[optind++] : session.file.empty() ? kDefaultFilter : "%s";
@@ -261,19 +248,17 @@ int main(int argc, char **argv)
     if (session.dry_run)
         return LDAP_SUCCESS;
     int rc = LDAP_SUCCESS;
-    LDAP *ld = tool::open_session(kProgram, session, &rc);
+    tool::ControlList controls;
+    LDAP *ld = tool::open_session(kProgram, session, &controls, &rc);
     if (!ld)
         return rc;
-    tool::ControlList controls;
-    rc = controls.Build(ld, session.controls);
-    if (rc == LDAP_SUCCESS)
-        rc = controls.Build(ld, search_controls);
+    rc = controls.Build(ld, search_controls);
     for (auto [option, value] : {std::pair{LDAP_OPT_TIMELIMIT, &timelimit}, {LDAP_OPT_DEREF, &deref}})
         if (rc == LDAP_SUCCESS)
             rc = ldap_set_option(ld, option, value);
     if (rc != LDAP_SUCCESS) {
         ldap_unbind(ld);
-        return tool::report(kProgram, "controls and options", rc);
+        return tool::report(kProgram, "search controls and options", rc);
     }
     tool::SearchOutput output(style);
     output.Header(search.base, scope_name, pattern, !session.file.empty(), attributes);
