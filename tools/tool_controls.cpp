@@ -7,6 +7,7 @@
 #include "zor8ldap_api.h"
 
 #include <algorithm>
+#include <cctype>
 #include <climits>
 #include <cstdlib>
 #include <cstring>
@@ -76,7 +77,7 @@ bool check_value(const ControlSpec &spec, bool search_controls, std::string *pro
     char *end = nullptr;
     if (search_controls && spec.name == "pr") {
         long size = spec.has_value ? std::strtol(spec.value.c_str(), &end, 10) : 0;
-        bool good = size > 0 && size <= INT_MAX && spec.value[0] != '+' &&
+        bool good = size > 0 && size <= INT_MAX && std::isdigit(static_cast<unsigned char>(spec.value[0])) &&
                     (*end == '\0' || std::strcmp(end, "/noprompt") == 0);
         return good || (*problem = "takes pr=<page size>[/noprompt]; every page is fetched without a prompt", false);
     }
