@@ -51,3 +51,7 @@ write_basic_package_version_file(${PROJECT_BINARY_DIR}/zor8ldapConfigVersion.cma
   COMPATIBILITY SameMajorVersion)
 install(FILES ${PROJECT_SOURCE_DIR}/cmake/zor8ldapConfig.cmake ${PROJECT_BINARY_DIR}/zor8ldapConfigVersion.cmake
   DESTINATION ${ZLDAP_PACKAGE_DIR})
+
+# The tools' manual pages (zldapadd.1 points at zldapmodify.1).
+file(GLOB ZLDAP_MAN_PAGES CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/man/*.1)
+install(FILES ${ZLDAP_MAN_PAGES} DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)

@@ -22,10 +22,18 @@ std::string base64_encode(const std::string &bytes);
 // False for text that is not base64 (characters outside the alphabet,
 // misplaced padding, a length no encoder makes). Blanks are skipped.
 bool base64_decode(const std::string &text, std::string *bytes);
-// One "name: value" or "name:: base64" line, folded at 76 columns.
-std::string line(const std::string &name, const std::string &value);
-// An entry: its dn line and attribute lines, then a blank line.
-std::string entry(const std::string &dn, const Attributes &attributes);
+// The width ldapsearch folds lines at; 0 stands for no folding.
+constexpr size_t kDefaultWidth = 78;
+constexpr size_t kNoFolding = 0;
+
+// One "name: value" or "name:: base64" line ("name:" for an empty value),
+// folded so that no line is longer than width.
+std::string line(const std::string &name, const std::string &value, size_t width = kDefaultWidth);
+// "name:< url", folded the same way.
+std::string url_line(const std::string &name, const std::string &url, size_t width = kDefaultWidth);
+// An entry: its dn line and attribute lines (an attribute without values,
+// as a search for types only returns them, as "name:"), then a blank line.
+std::string entry(const std::string &dn, const Attributes &attributes, size_t width = kDefaultWidth);
 
 struct Modification {
     std::string op; // "add", "delete" or "replace"
@@ -56,11 +64,12 @@ struct ChangeRecord {
 using FileReader = std::function<bool(const std::string &path, std::string *bytes)>;
 
 // Reads every change record of an LDIF text; values given as "attr:< URL"
-// are read through read_file. False with *error set (and the line number
-// in it) when the text is malformed or asks for something else than a
-// file URL.
+// are read through read_file. A record without a changetype line is an
+// add when plain_records_add is set, else a modify (as ldapmodify reads
+// it without -a). False with *error set (and the line number in it) when
+// the text is malformed or asks for something else than a file URL.
 bool read_changes(const std::string &text, const FileReader &read_file, std::vector<ChangeRecord> *records,
-                  std::string *error);
+                  std::string *error, bool plain_records_add = true);
 
 } // namespace ldif
 

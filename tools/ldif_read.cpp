@@ -15,8 +15,9 @@ using lines::Line;
 // Reads one record's lines; every refusal names the line it is about.
 class RecordReader {
 public:
-    RecordReader(const std::vector<Line> &lines, const FileReader &read_file, std::string *error)
-        : lines_(lines), read_file_(read_file), error_(*error)
+    RecordReader(const std::vector<Line> &lines, const FileReader &read_file, bool plain_records_add,
+                 std::string *error)
+        : lines_(lines), read_file_(read_file), plain_records_add_(plain_records_add), error_(*error)
     {
     }
 
@@ -33,10 +34,11 @@ public:
                 return false;
         }
         if (next_ == lines_.size() || !equal_ignoring_case(lines_[next_].name, "changetype")) {
-            record->changetype = "add";
+            record->changetype = plain_records_add_ ? "add" : "modify";
+            implicit_modify_ = !plain_records_add_;
             if (!record->controls.empty())
                 return Fail(lines_[next_ - 1], "control lines must be followed by a changetype line");
-            return ReadAdd(record);
+            return plain_records_add_ ? ReadAdd(record) : ReadModify(record);
         }
         const Line &type = lines_[next_++];
         for (const char *known : {"add", "delete", "modify", "modrdn", "moddn"})
@@ -174,7 +176,8 @@ private:
                 if (equal_ignoring_case(head.name, op))
                     mod.op = op;
             if (mod.op.empty())
-                return Misplaced(head) && Fail(head, "expected add:, delete: or replace:");
+                return Misplaced(head) && Fail(head, std::string("expected add:, delete: or replace:") +
+                                                         (implicit_modify_ ? " (a record without changetype is an add with -a)" : ""));
             if (head.form != Line::Form::kText || !lines::is_attribute_description(head.value))
                 return Fail(head, mod.op + ": needs an attribute name");
             mod.type = head.value;
@@ -193,6 +196,8 @@ private:
 
     const std::vector<Line> &lines_;
     const FileReader &read_file_;
+    bool plain_records_add_;
+    bool implicit_modify_ = false;
     std::string &error_;
     size_t next_ = 1;
 };
@@ -200,14 +205,14 @@ private:
 } // namespace
 
 bool read_changes(const std::string &text, const FileReader &read_file, std::vector<ChangeRecord> *records,
-                  std::string *error)
+                  std::string *error, bool plain_records_add)
 {
     std::vector<std::vector<Line>> raw;
     if (!lines::split_records(text, &raw, error))
         return false;
     for (const auto &record_lines : raw) {
         ChangeRecord record;
-        if (!RecordReader(record_lines, read_file, error).Read(&record))
+        if (!RecordReader(record_lines, read_file, plain_records_add, error).Read(&record))
             return false;
         records->push_back(std::move(record));
     }

@@ -1,7 +1,9 @@
 // session.cpp - the session set-up the tools share (simple or SASL bind),
-// and the alarm that bounds the calls that wait without limit.
+// the reports of failed operations, and the alarm that bounds the calls
+// that wait without limit.
 #include "session.h"
 
+#include "password_input.h"
 #include "zor8ldap_api.h"
 
 #include <algorithm>
@@ -71,12 +73,40 @@ int report(const char *program, const std::string &what, int code)
     return code;
 }
 
-LDAP *open_session(const char *program, const SessionOptions &options, int *rc)
+int report_result(LDAP *ld, const char *operation, int code)
 {
+    // Some calls report a failure before any result as -1.
+    if (code == -1)
+        code = ldap_get_errno(ld);
+    if (code == LDAP_SUCCESS)
+        return code;
+    char *matched = nullptr, *text = nullptr;
+    ldap_get_error(ld, &matched, &text);
+    std::fprintf(stderr, "%s: %s (%d)\n", operation, zor_ldap_err2string(code), code);
+    if (matched && *matched)
+        std::fprintf(stderr, "\tmatched DN: %s\n", matched);
+    if (text && *text)
+        std::fprintf(stderr, "\tadditional info: %s\n", text);
+    ldap_memfree(matched);
+    ldap_memfree(text);
+    return code;
+}
+
+LDAP *open_session(const char *program, SessionOptions &options, ControlList *controls, int *rc)
+{
+    std::string error;
     if (!options.mechanism.empty() && !options.binddn.empty()) {
         *rc = complain(program, "-D is for simple binds; a SASL bind (-Y) takes -U, -X and -R", LDAP_PARAM_ERROR);
         return nullptr;
     }
+    if (options.prompt && !prompt_password(&options.password, &error)) {
+        *rc = complain(program, error, LDAP_PARAM_ERROR);
+        return nullptr;
+    }
+    if (options.verbose)
+        std::fprintf(stderr, "%s: connecting to %s\n", program,
+                     options.url.empty() ? (options.host + ":" + std::to_string(options.port)).c_str()
+                                         : options.url.c_str());
     LDAP *ld = options.url.empty() ? zor_ldap_init(options.host.c_str(), options.port)
                                    : zor_ldap_init(options.url.c_str(), 0);
     if (!ld) {
@@ -85,8 +115,8 @@ LDAP *open_session(const char *program, const SessionOptions &options, int *rc)
         *rc = LDAP_PARAM_ERROR;
         return nullptr;
     }
-    auto fail = [&](const char *what, int code) {
-        *rc = report(program, what, code);
+    auto fail = [&](int code) {
+        *rc = code;
         zor_ldap_unbind(ld);
         return nullptr;
     };
@@ -98,16 +128,20 @@ LDAP *open_session(const char *program, const SessionOptions &options, int *rc)
     if (options.connect_seconds() > 0)
         code = zor_ldap_set_option(ld, LDAP_OPT_CONNECT_TIMEOUT, &connect_timeout);
     if (code != LDAP_SUCCESS)
-        return fail("connect time-out", code);
+        return fail(report(program, "connect time-out", code));
     if (!options.mechanism.empty()) {
         Deadline deadline(program, "bind", options.call_seconds());
         code = sasl_bind(ld, options);
-    } else if (!options.binddn.empty()) {
+    } else {
+        // Without -D an anonymous bind, as ldapsearch makes: the session
+        // is known to work (or not) before the first operation.
         Deadline deadline(program, "bind", options.call_seconds());
         code = zor_ldap_simple_bind_s(ld, options.binddn.c_str(), options.password.c_str());
     }
     if (code != LDAP_SUCCESS)
-        return fail("bind", code);
+        return fail(report_result(ld, "ldap_bind", code));
+    if (code = controls->Build(ld, options.controls); code != LDAP_SUCCESS)
+        return fail(report(program, "controls", code));
     *rc = LDAP_SUCCESS;
     return ld;
 }

@@ -29,12 +29,21 @@ private:
 };
 
 // Makes the session the options name, with their connect time-out, and
-// binds when they give a DN (simple) or a mechanism (SASL). NULL after a message on stderr, with *rc the
-// tool's exit code.
-LDAP *open_session(const char *program, const SessionOptions &options, int *rc);
+// binds (simple, anonymously without -D, or SASL with -Y), asking for the
+// password first with -W, and builds the -e and -M controls into
+// *controls. NULL after a message on stderr, with *rc the tool's exit
+// code.
+LDAP *open_session(const char *program, SessionOptions &options, ControlList *controls, int *rc);
 
 // Prints "program: what: text (code)" on stderr and returns the code.
 int report(const char *program, const std::string &what, int code);
+
+// Prints a failed operation as ldapmodify does, with the matched DN and
+// the server's text of the calling thread's last result on stderr:
+// "ldap_add: No such object (32)", then "\tmatched DN: ..." and
+// "\tadditional info: ..." when the server sent them. Returns code (-1
+// stands for the thread's last error); prints nothing for 0.
+int report_result(LDAP *ld, const char *operation, int code);
 
 } // namespace tool
 

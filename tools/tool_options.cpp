@@ -1,6 +1,9 @@
 // tool_options.cpp - the shared options of the tools: server, simple or
-// SASL bind and time-outs, every number checked for its range.
+// SASL bind, password sources, time-outs, output width, controls and the
+// run modes, every number checked for its range.
 #include "tool_options.h"
+
+#include "password_input.h"
 
 #include <cctype>
 #include <cerrno>
@@ -8,7 +11,10 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
+#include <iostream>
 #include <strings.h>
+#include <unistd.h>
 
 namespace tool {
 
@@ -18,6 +24,8 @@ constexpr long kMaxPort = 65535;
 // Time-outs add up (connect plus operation) and go to alarm(); half the
 // int range keeps the sum an int.
 constexpr long kMaxSeconds = INT_MAX / 2;
+// Narrower than a "dn: " and a character or two folds nothing usefully.
+constexpr long kMinWrap = 3;
 
 // The session's host argument becomes a URL when it names a scheme. The
 // library takes only the host and port from an ldaps:// URL and would
@@ -45,19 +53,77 @@ int take_number(const std::string &option, const char *text, long min, long max,
     return LDAP_SUCCESS;
 }
 
-// -o name=value, of which nettimeout is the one these tools know.
+// -o name=value: nettimeout and timeout (seconds, or none or max for no
+// limit) and ldif-wrap (columns, or no), the names ldap.conf and
+// ldapsearch give them.
 int take_extended(const char *arg, SessionOptions *options, std::string *error)
 {
     const char *equals = std::strchr(arg, '=');
     std::string name(arg, equals ? static_cast<size_t>(equals - arg) : std::strlen(arg));
-    if (name != "nettimeout" || !equals) {
-        *error = std::string("-o ") + arg + ": the only extended option is nettimeout=<seconds>";
-        return LDAP_PARAM_ERROR;
+    std::string value = equals ? equals + 1 : "";
+    bool unlimited = value == "none" || value == "max";
+    if (equals && (name == "nettimeout" || name == "timeout")) {
+        int *seconds = name == "timeout" ? &options->timeout : &options->net_timeout;
+        if (unlimited) {
+            *seconds = 0;
+            return LDAP_SUCCESS;
+        }
+        return take_number("-o " + name + "=", value.c_str(), 1, kMaxSeconds, seconds, error);
     }
-    return take_number("-o nettimeout=", equals + 1, 1, kMaxSeconds, &options->net_timeout, error);
+    if (equals && (name == "ldif-wrap" || name == "ldif_wrap")) {
+        long width = 0;
+        if (value == "no") {
+            options->wrap = ldif::kNoFolding;
+            return LDAP_SUCCESS;
+        }
+        if (!parse_number("-o " + name + "=", value.c_str(), kMinWrap, INT_MAX, &width, error))
+            return LDAP_PARAM_ERROR;
+        options->wrap = static_cast<size_t>(width);
+        return LDAP_SUCCESS;
+    }
+    *error = std::string("-o ") + arg + ": the extended options are nettimeout=<seconds>, timeout=<seconds> and "
+             "ldif-wrap=<columns>|no";
+    return LDAP_PARAM_ERROR;
+}
+
+// -M asks for the control, a second -M makes it critical.
+void take_manage_dsa_it(SessionOptions *options)
+{
+    for (ControlSpec &spec : options->controls) {
+        if (spec.name == "manageDSAit") {
+            spec.critical = true;
+            return;
+        }
+    }
+    options->controls.push_back(ControlSpec{"manageDSAit", false, false, ""});
 }
 
 } // namespace
+
+constexpr char kCommonHelp[] =
+    "Common options:\n"
+    "  -H URI        ldap://host:port[/base] of the server\n"
+    "  -h host -p port  the server, when no -H is given (default localhost:389)\n"
+    "  -x            simple authentication (the default; accepted for ldapsearch habits)\n"
+    "  -D binddn     bind DN; without -D the operations run anonymously\n"
+    "  -w passwd     bind password\n"
+    "  -W            prompt for the bind password on the terminal, without echo\n"
+    "  -y file       read the bind password from file (all of it, a final newline included)\n"
+    "  -Y mech       SASL mechanism (with -U authcid, -X authzid, -R realm)\n"
+    "  -e [!]ext[=param]  controls sent with every operation (! makes them critical):\n"
+    "                manageDSAit, assert=<filter>, <oid>[=:<value>|::<base64 value>]\n"
+    "  -M            Manage DSA IT control (-MM to make it critical)\n"
+    "  -f file       read the operations from file\n"
+    "  -c            continuous operation: go on after errors\n"
+    "  -n            show what would be done, but send nothing\n"
+    "  -v            verbose: say what is done on standard error\n"
+    "  -o opt=value  nettimeout=<seconds>|none (connect), timeout=<seconds>|none (each\n"
+    "                operation, connect and bind included), ldif-wrap=<columns>|no (default 78)\n"
+    "  --help        this text\n"
+    "Exit status: the LDAP result code of the operation that decided the outcome (0 for\n"
+    "success, the server's code such as 32 No such object, or the library's own codes\n"
+    "from 80 up for failures on this side: 81 server down, 85 timed out, 87 bad filter,\n"
+    "89 bad parameter, 92 not supported).\n";
 
 bool parse_number(const std::string &option, const char *text, long min, long max, long *value, std::string *error)
 {
@@ -76,6 +142,66 @@ bool parse_number(const std::string &option, const char *text, long min, long ma
     return false;
 }
 
+bool parse_limit(const std::string &option, const char *text, int *value, std::string *error)
+{
+    long number = 0;
+    bool unlimited = std::strcmp(text, "none") == 0 || std::strcmp(text, "max") == 0 ||
+                     std::strcmp(text, "unlimited") == 0;
+    if (!unlimited && !parse_number(option, text, 0, INT_MAX, &number, error))
+        return false;
+    *value = static_cast<int>(number);
+    return true;
+}
+
+bool read_operands(int argc, char **argv, const SessionOptions &options, std::vector<std::string> *operands,
+                   std::string *error)
+{
+    if (optind < argc) {
+        operands->assign(argv + optind, argv + argc);
+        return true;
+    }
+    std::ifstream file;
+    if (!options.file.empty())
+        file.open(options.file);
+    if (!options.file.empty() && !file) {
+        *error = "cannot read " + options.file;
+        return false;
+    }
+    std::istream &in = options.file.empty() ? std::cin : file;
+    for (std::string line; std::getline(in, line);)
+        if (!line.empty())
+            operands->push_back(line);
+    return true;
+}
+
+int usage_error(const char *usage)
+{
+    std::fprintf(stderr, "%s%s", usage, kCommonHelp);
+    return LDAP_PARAM_ERROR;
+}
+
+int read_command_line(int argc, char **argv, const char *usage, const std::string &own_letters,
+                      const TakeOption &take, SessionOptions *options)
+{
+    for (int i = 1; i < argc && std::strcmp(argv[i], "--") != 0; i++) {
+        if (std::strcmp(argv[i], "--help") == 0) {
+            std::printf("%s%s", usage, kCommonHelp);
+            return LDAP_SUCCESS;
+        }
+    }
+    std::string letters = kSessionLetters + own_letters, error;
+    for (int opt; (opt = getopt(argc, argv, letters.c_str())) != -1;) {
+        int rc = LDAP_SUCCESS;
+        if (own_letters.find(static_cast<char>(opt)) != std::string::npos)
+            rc = take(opt, optarg, &error) ? LDAP_SUCCESS : LDAP_PARAM_ERROR;
+        else
+            rc = take_session_option(opt, optarg, options, &error);
+        if (rc != LDAP_SUCCESS)
+            return error.empty() ? usage_error(usage) : complain(options->program, error, rc);
+    }
+    return -1;
+}
+
 int complain(const char *program, const std::string &error, int code)
 {
     std::fprintf(stderr, "%s: %s\n", program, error.c_str());
@@ -86,18 +212,29 @@ int take_session_option(int letter, const char *arg, SessionOptions *options, st
 {
     error->clear();
     switch (letter) {
+    case 'x': return LDAP_SUCCESS;
     case 'H': options->url = arg; return check_scheme("-H", options->url, true, error);
     case 'h': options->host = arg; return check_scheme("-h", options->host, false, error);
     case 'p': return take_number("-p", arg, 1, kMaxPort, &options->port, error);
     case 'D': options->binddn = arg; return LDAP_SUCCESS;
     case 'w': options->password = arg; return LDAP_SUCCESS;
+    case 'W': options->prompt = true; return LDAP_SUCCESS;
+    case 'y':
+        return read_password_file(options->program, arg, &options->password, error) ? LDAP_SUCCESS : LDAP_PARAM_ERROR;
     case 'Y': options->mechanism = arg; return LDAP_SUCCESS;
     case 'U': options->authcid = arg; return LDAP_SUCCESS;
     case 'X': options->authzid = arg; return LDAP_SUCCESS;
     case 'R': options->realm = arg; return LDAP_SUCCESS;
-    case 't': return take_number("-t", arg, 1, kMaxSeconds, &options->timeout, error);
     case 'o': return take_extended(arg, options, error);
-    default: return LDAP_PARAM_ERROR;
+    case 'e':
+        return parse_control("-e", arg, false, &options->controls.emplace_back(), error) ? LDAP_SUCCESS
+                                                                                         : LDAP_PARAM_ERROR;
+    case 'M': take_manage_dsa_it(options); return LDAP_SUCCESS;
+    case 'n': options->dry_run = true; return LDAP_SUCCESS;
+    case 'c': options->continuous = true; return LDAP_SUCCESS;
+    case 'v': options->verbose = true; return LDAP_SUCCESS;
+    case 'f': options->file = arg; return LDAP_SUCCESS;
+    default: return LDAP_PARAM_ERROR; // getopt's '?', after its own message
     }
 }
 

@@ -1,8 +1,10 @@
-// zldapmodify - applies LDIF change records (add, delete, modify, modrdn)
-// to a directory. Built on the exported zor_ functions (and the SASL bind,
-// see CMakeLists.txt).
+// zldapmodify (and zldapadd) - applies LDIF change records (add, delete,
+// modify, modrdn) to a directory, with the options and messages of
+// ldapmodify. Built on the published interface of the static library
+// (see CMakeLists.txt).
 #include "ldif.h"
 #include "session.h"
+#include "zor8ldap_api.h"
 
 #include <cstdio>
 #include <iostream>
@@ -12,17 +14,24 @@
 #include <unistd.h>
 #include <vector>
 
+// zldapadd is this program built with ZLDAP_ADD_BY_DEFAULT: records
+// without a changetype are adds, as with ldapmodify -a.
+#ifdef ZLDAP_ADD_BY_DEFAULT
+constexpr bool kAddByDefault = true;
+constexpr const char *kProgram = "zldapadd";
+#else
+constexpr bool kAddByDefault = false;
+constexpr const char *kProgram = "zldapmodify";
+#endif
+
 namespace {
 
-constexpr const char *kProgram = "zldapmodify";
-
-int usage()
-{
-    std::fprintf(stderr, "usage: zldapmodify [-H ldap://host:port | -h host -p port] [-D binddn -w password]\n"
-                         "                   [-Y mechanism [-U authcid] [-X authzid] [-R realm] [-w password]]\n"
-                         "                   [-t timeout] [-o nettimeout=seconds] [-f file]\n");
-    return LDAP_PARAM_ERROR;
-}
+const std::string kUsage = std::string("usage: ") + kProgram +
+                           " [options]\n"
+                           "  applies the LDIF change records read from standard input or from -f file\n"
+                           "  -a         records without a changetype are adds (" +
+                           (kAddByDefault ? "always, in zldapadd" : "the default of zldapadd") +
+                           "); else they are modifies\n";
 
 // A whole file's bytes; false when it can't be read (a directory, say).
 bool read_file(const std::string &path, std::string *bytes)
@@ -73,11 +82,11 @@ private:
     std::vector<LDAPMod *> array_;
 };
 
-// A record's controls as the library's records, over the record's strings,
-// which must outlive them.
+// The controls of the command line followed by a record's own, over the
+// record's strings, which must outlive them.
 class Controls {
 public:
-    explicit Controls(const std::vector<ldif::Control> &controls)
+    Controls(LDAPControl **general, const std::vector<ldif::Control> &controls)
     {
         for (const ldif::Control &c : controls) {
             LDAPControl &control = controls_.emplace_back();
@@ -86,99 +95,93 @@ public:
             if (c.value)
                 control.ldctl_value = berval{c.value->size(), const_cast<char *>(c.value->data())};
         }
+        for (LDAPControl **g = general; g && *g; g++)
+            pointers_.push_back(*g);
         for (LDAPControl &control : controls_)
             pointers_.push_back(&control);
         pointers_.push_back(nullptr);
     }
-    // NULL when there are none, which clears the session's controls.
-    LDAPControl **Array() { return controls_.empty() ? nullptr : pointers_.data(); }
+    // NULL when there are none.
+    LDAPControl **Array() { return pointers_.size() == 1 ? nullptr : pointers_.data(); }
 
 private:
     std::vector<LDAPControl> controls_;
     std::vector<LDAPControl *> pointers_;
 };
 
-// What the exported family can't do is refused before anything is sent:
-// its rename has no new superior.
-bool supported(const std::vector<ldif::ChangeRecord> &records, std::string *error)
+// What ldapmodify prints before a record's operation.
+const char *action(const ldif::ChangeRecord &r)
 {
-    for (const ldif::ChangeRecord &r : records) {
-        if (r.newsuperior) {
-            *error = "line " + std::to_string(r.newsuperior_line) +
-                     ": newsuperior: moving an entry under a new superior is not available in this tool";
-            return false;
-        }
-    }
-    return true;
+    return r.changetype == "add"      ? "adding new entry"
+           : r.changetype == "delete" ? "deleting entry"
+           : r.changetype == "modrdn" ? "modifying rdn of entry"
+                                      : "modifying entry";
 }
 
-// The record's operation, with its controls as the session's server
-// controls, which every operation of the exported family sends; bounded
-// by seconds (0: no bound).
-int apply(LDAP *ld, const ldif::ChangeRecord &r, int seconds)
+// The record's operation with the controls; bounded by seconds (0: no
+// bound). The result code, reported as ldapmodify reports it.
+int apply(LDAP *ld, const ldif::ChangeRecord &r, LDAPControl **general, int seconds)
 {
-    Controls controls(r.controls);
-    if (int rc = zor_ldap_set_option(ld, LDAP_OPT_SERVER_CONTROLS, controls.Array()); rc != LDAP_SUCCESS)
-        return rc;
+    Controls controls(general, r.controls);
     Mods mods;
     for (const auto &[type, values] : r.attributes)
         mods.Add(LDAP_MOD_ADD, type, values);
     for (const ldif::Modification &m : r.modifications)
         mods.Add(m.op == "add" ? LDAP_MOD_ADD : m.op == "delete" ? LDAP_MOD_DELETE : LDAP_MOD_REPLACE, m.type,
                  m.values);
-    const char *action = r.changetype == "add"      ? "adding new entry"
-                         : r.changetype == "delete" ? "deleting entry"
-                         : r.changetype == "modrdn" ? "renaming entry"
-                                                    : "modifying entry";
-    std::printf("%s \"%s\"\n", action, r.dn.c_str());
     tool::Deadline deadline(kProgram, r.dn, seconds);
+    const char *dn = r.dn.c_str();
     if (r.changetype == "add")
-        return zor_ldap_add_s(ld, r.dn.c_str(), mods.Array());
+        return tool::report_result(ld, "ldap_add", ldap_add_ext_s(ld, dn, mods.Array(), controls.Array(), nullptr));
     if (r.changetype == "delete")
-        return zor_ldap_delete_s(ld, r.dn.c_str());
+        return tool::report_result(ld, "ldap_delete", ldap_delete_ext_s(ld, dn, controls.Array(), nullptr));
     if (r.changetype == "modrdn")
-        return zor_ldap_modrdn_s(ld, r.dn.c_str(), r.newrdn.c_str(), r.deleteoldrdn ? 1 : 0);
-    return zor_ldap_modify_s(ld, r.dn.c_str(), mods.Array());
+        return tool::report_result(ld, "ldap_rename",
+                                   ldap_rename_s(ld, dn, r.newrdn.c_str(), r.newsuperior ? r.newsuperior->c_str() : nullptr,
+                                                 r.deleteoldrdn ? 1 : 0, controls.Array(), nullptr));
+    return tool::report_result(ld, "ldap_modify", ldap_modify_ext_s(ld, dn, mods.Array(), controls.Array(), nullptr));
 }
 
 } // namespace
 
-// Exits with the result code of the first record that fails, or 0.
+// Exits with the result code of the last record that failed, or 0.
 int main(int argc, char **argv)
 {
     tool::SessionOptions session;
-    std::string file, error;
-    std::string letters = std::string(tool::kSessionLetters) + "f:";
-    for (int opt; (opt = getopt(argc, argv, letters.c_str())) != -1;) {
-        if (opt == 'f')
-            file = optarg;
-        else if (int rc = tool::take_session_option(opt, optarg, &session, &error); rc != LDAP_SUCCESS)
-            return error.empty() ? usage() : tool::complain(kProgram, error, rc);
-    }
+    session.program = kProgram;
+    bool add_by_default = kAddByDefault;
+    auto take = [&](int, const char *, std::string *) { return add_by_default = true; };
+    if (int rc = tool::read_command_line(argc, argv, kUsage.c_str(), "a", take, &session); rc >= 0)
+        return rc;
     if (optind < argc)
-        return usage();
+        return tool::usage_error(kUsage.c_str());
+    std::string error;
     std::string text;
-    if (file.empty())
+    if (session.file.empty())
         text.assign(std::istreambuf_iterator<char>(std::cin), std::istreambuf_iterator<char>());
-    else if (!read_file(file, &text))
-        return tool::complain(kProgram, "cannot read " + file, LDAP_PARAM_ERROR);
+    else if (!read_file(session.file, &text))
+        return tool::complain(kProgram, "cannot read " + session.file, LDAP_PARAM_ERROR);
     std::vector<ldif::ChangeRecord> records;
-    if (!ldif::read_changes(text, read_file, &records, &error))
+    if (!ldif::read_changes(text, read_file, &records, &error, add_by_default))
         return tool::complain(kProgram, error, LDAP_PARAM_ERROR);
-    if (!supported(records, &error))
-        return tool::complain(kProgram, error, LDAP_NOT_SUPPORTED);
+    if (session.dry_run) {
+        for (const ldif::ChangeRecord &r : records)
+            std::printf("!%s \"%s\"\n\n", action(r), r.dn.c_str());
+        return LDAP_SUCCESS;
+    }
     int rc = LDAP_SUCCESS;
-    LDAP *ld = tool::open_session(kProgram, session, &rc);
+    tool::ControlList general;
+    LDAP *ld = tool::open_session(kProgram, session, &general, &rc);
     if (!ld)
         return rc;
-    for (size_t i = 0; rc == LDAP_SUCCESS && i < records.size(); i++) {
-        rc = apply(ld, records[i], session.call_seconds());
-        // The rename reports failures before a result as -1.
-        if (rc == -1)
-            rc = zor_ldap_get_errno(ld);
-        if (rc != LDAP_SUCCESS)
-            tool::report(kProgram, records[i].dn, rc);
+    int last_failure = LDAP_SUCCESS;
+    for (size_t i = 0; i < records.size() && (last_failure == LDAP_SUCCESS || session.continuous); i++) {
+        std::printf("%s \"%s\"\n", action(records[i]), records[i].dn.c_str());
+        if (rc = apply(ld, records[i], general.Array(), session.call_seconds()); rc != LDAP_SUCCESS)
+            last_failure = rc;
+        std::printf("\n");
+        std::fflush(stdout);
     }
-    zor_ldap_unbind(ld);
-    return rc;
+    ldap_unbind(ld);
+    return last_failure;
 }

@@ -1,5 +1,8 @@
-// LDIF for the tools: safe strings, base64, folding, and change records.
+// LDIF for the tools: safe strings, base64, folding, and change records;
+// and the tools' other text: filters and password modify values.
+#include "filter_check.h"
 #include "ldif.h"
+#include "passwd_value.h"
 
 #include <gtest/gtest.h>
 
@@ -11,11 +14,13 @@ TEST(Ldif, WritingSafeStringsBase64AndFoldedLines)
 {
     for (const char *safe : {"plain text", "", "mid: colon"})
         EXPECT_TRUE(ldif::is_safe_string(safe)) << safe;
-    for (const char *unsafe : {" leading", ":colon", "<less", "trailing ", "caf\xC3\xA9", "line\nbreak"})
+    for (const char *unsafe : {" leading", ":colon", "<less", "trailing ", "caf\xC3\xA9", "line\nbreak", "a\tb", "\x7F"})
         EXPECT_FALSE(ldif::is_safe_string(unsafe)) << unsafe;
-    std::string v(200, 'v'); // "description: " and 63 bytes, then 75 and 62 after a blank
-    EXPECT_EQ(ldif::line("description", v), "description: " + v.substr(0, 63) + "\n " + v.substr(0, 75) + "\n " +
-                                                v.substr(0, 62) + "\n");
+    std::string v(200, 'v'); // "description: " and 65 bytes, then 77 and 58 after a blank
+    EXPECT_EQ(ldif::line("description", v), "description: " + v.substr(0, 65) + "\n " + v.substr(0, 77) + "\n " +
+                                                v.substr(0, 58) + "\n");
+    EXPECT_EQ(ldif::line("description", v, ldif::kNoFolding), "description: " + v + "\n");
+    EXPECT_EQ(ldif::line("dn", "") + ldif::line("cn", "abcdef", 5), "dn:\ncn: a\n bcde\n f\n");
     std::string out;
     const std::string binary("\0\xFF\x10", 3);
     EXPECT_TRUE(ldif::base64_decode(ldif::base64_encode(binary), &out) && out == binary);
@@ -24,6 +29,34 @@ TEST(Ldif, WritingSafeStringsBase64AndFoldedLines)
         EXPECT_TRUE(ldif::base64_decode(valid, &out)) << valid;
     for (const char *invalid : {"ab*c", "YQ=", "Y", "YQ==YQ==", "YQ==="})
         EXPECT_FALSE(ldif::base64_decode(invalid, &out)) << invalid;
+}
+
+// Filters the tools refuse before sending, at the position given; and the
+// password modify values, whose response is read from the server.
+TEST(ToolText, FilterCheckAndPasswordModifyValues)
+{
+    const std::pair<const char *, size_t> filters[] = {
+        {"(cn=a)", 0}, {"cn=a", 0}, {"(&(a=1)(|(b=2)(c=\\29)))  ", 0}, {"(cn=a\\))", 0},
+        {"", 1}, {"(cn=a)(cn=b)", 7}, {"(&(cn=a)", 1}, {"(|(a=1)(b=2", 8}, {"cn=a)", 5},
+        {"cn=(a", 4}, {"(cn=a))", 7}, {"()", 2}, {"(cn=a) x", 8}};
+    for (const auto &[filter, position] : filters) {
+        std::string problem;
+        EXPECT_EQ(tool::filter_problem(filter, &problem), position) << filter << ": " << problem;
+    }
+    EXPECT_EQ(tool::passwd_modify_request("u", std::nullopt, std::string(200, 'p')),
+              std::string("\x30\x81\xCE\x80\x01u\x82\x81\xC8", 9) + std::string(200, 'p'));
+    const std::pair<std::string, std::optional<std::string>> responses[] = {
+        {std::string("\x30\x00", 2), std::nullopt}, {std::string("\x30\x04\x80\x02pw", 6), "pw"}};
+    for (const auto &[value, generated] : responses) {
+        std::optional<std::string> out;
+        EXPECT_TRUE(tool::passwd_modify_generated(value, &out) && out == generated);
+    }
+    for (const std::string &malformed : {std::string(""), std::string("\x30"), std::string("\x30\x05\x80\x02pw", 6),
+                                        std::string("\x30\x04\x81\x02pw", 6), std::string("\x30\x84\xFF\xFF\xFF\xFF", 6),
+                                        std::string("\x31\x00", 2), std::string("\x30\x03\x80\x02pw", 6)}) {
+        std::optional<std::string> out;
+        EXPECT_FALSE(tool::passwd_modify_generated(malformed, &out)) << testing::PrintToString(malformed);
+    }
 }
 
 // Files the "attr:< file:///..." values of the tables below may name.
