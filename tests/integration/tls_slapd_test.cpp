@@ -22,73 +22,63 @@ using namespace zldap_test;
 namespace {
 
 const std::string kPeople = Slapd::kPeople;
+// slapd's TLS is GnuTLS: TLS 1.2 with the AES-128-GCM suites only.
+const char *const kTls12Aes128 = "NORMAL:-VERS-ALL:+VERS-TLS1.2:-CIPHER-ALL:+AES-128-GCM";
 
 int Init() { return ldap_ssl_client_init((TestPki() + "/keys.kdb").c_str(), "pw", 0, nullptr); }
 
-Slapd &Good()
+// A server of three users with a certificate by that name, started once.
+Slapd &Server(const char *cert, bool demand = false, const char *ciphers = "", int bulk = 0)
 {
-    static Slapd s(SlapdData{.people = 3, .bulk = 10000, .tls_cert = "server"});
-    return s;
+    static std::map<std::string, Slapd> servers;
+    std::string key = std::string(cert) + (demand ? "+demand" : "") + ciphers + std::to_string(bulk);
+    auto it = servers.find(key);
+    if (it == servers.end())
+        it = servers.try_emplace(key, SlapdData{.people = 3, .bulk = bulk, .tls_cert = cert,
+                                                .tls_verify_client = demand, .tls_ciphers = ciphers}).first;
+    EXPECT_TRUE(it->second.running()) << it->second.error(); // a refusal must come from a running server
+    return it->second;
 }
 
-// The session's connection is secure or the operation fails; a secure one
-// reports it, the server's DNS name and the suite negotiated.
-int BindAndSearch(LDAP *ld, std::string *suite = nullptr)
+Slapd &Good() { return Server("server", false, "", 10000); }
+std::string Host(Slapd &s) { return "127.0.0.1:" + std::to_string(s.ldaps_port()); }
+
+// Binds and finds the three users; a secure connection must say so and
+// name the server's DNS name.
+int BindAndSearch(LDAP *ld)
 {
     int rc = ldap_simple_bind_s(ld, Slapd::kRootDn, Slapd::kRootPassword);
     LDAPMessage *res = nullptr;
     if (rc == 0)
         rc = ldap_search_s(ld, kPeople.c_str(), LDAP_SCOPE_ONELEVEL, "(uid=*)", nullptr, 0, &res);
-    if (rc == 0 && ldap_count_entries(ld, res) != 3)
+    int secure = 0;
+    char *name = nullptr;
+    if (rc == 0 && (ldap_count_entries(ld, res) != 3 || ldap_get_option(ld, LDAP_OPT_SECURE_SESSION, &secure) != 0 ||
+                    secure != 1 || ldap_get_option(ld, LDAP_OPT_PEER_ALT_NAME_2, &name) != 0 ||
+                    std::string(name) != "localhost"))
         rc = -1;
     ldap_msgfree(res);
-    int secure = 0;
-    char *name = nullptr, *cipher = nullptr;
-    if (rc == 0 && (ldap_get_option(ld, LDAP_OPT_SECURE_SESSION, &secure) != 0 || secure != 1 ||
-                    ldap_get_option(ld, LDAP_OPT_PEER_ALT_NAME_2, &name) != 0 || std::string(name) != "localhost" ||
-                    ldap_get_option(ld, LDAP_OPT_SECURE_CIPHER_IN_USE, &cipher) != 0))
-        rc = -2;
-    if (suite && cipher)
-        *suite = cipher;
     ldap_memfree(name);
-    ldap_memfree(cipher);
     return rc;
 }
 
 struct Row {
     const char *name;
-    std::function<std::string()> hosts; // host list, or an ldap URL for ldap_init
+    std::function<std::string()> hosts; // host list, or an ldaps URL for ldap_init
     const char *label, *protocols, *suite;
     int rc;
     std::string cipher; // what option 64 starts with
 };
 
-// slapd's TLS is GnuTLS: TLS 1.2 with the AES-128-GCM suites only.
-const char *const kTls12Aes128 = "NORMAL:-VERS-ALL:+VERS-TLS1.2:-CIPHER-ALL:+AES-128-GCM";
-
-Slapd &Other(const char *cert, bool demand = false, bool tls12 = false)
-{
-    static std::map<std::string, Slapd> servers;
-    std::string key = std::string(cert) + (demand ? "+demand" : "") + (tls12 ? "+tls12" : "");
-    auto it = servers.find(key);
-    if (it == servers.end())
-        it = servers.try_emplace(key, SlapdData{.people = 3, .tls_cert = cert, .tls_verify_client = demand,
-                                                .tls_ciphers = tls12 ? kTls12Aes128 : ""}).first;
-    EXPECT_TRUE(it->second.running()) << it->second.error(); // a refusal must come from a running server
-    return it->second;
-}
-
-std::string Host(Slapd &s) { return "127.0.0.1:" + std::to_string(s.ldaps_port()); }
-
 const Row kRows[] = {
     {"Tls13ByDefault", [] { return Host(Good()); }, nullptr, nullptr, nullptr, 0, "13"},
-    {"Tls12WithNamedSuite", [] { return Host(Other("server", false, true)); }, nullptr, "TLS12", "C02B", 0, "C02B"},
-    {"SuiteTheServerLacks", [] { return Host(Other("server", false, true)); }, nullptr, "TLS12", "C02C", 81},
-    {"OtherCaRefusedNextHostTried", [] { return Host(Other("stranger")) + " " + Host(Good()); }, nullptr, nullptr,
+    {"Tls12WithNamedSuite", [] { return Host(Server("server", false, kTls12Aes128)); }, nullptr, "TLS12", "C02B", 0, "C02B"},
+    {"SuiteTheServerLacks", [] { return Host(Server("server", false, kTls12Aes128)); }, nullptr, "TLS12", "C02C", 81},
+    {"OtherCaRefusedNextHostTried", [] { return Host(Server("stranger")) + " " + Host(Good()); }, nullptr, nullptr,
      nullptr, 0, "13"},
-    {"ExpiredRefused", [] { return Host(Other("expired")); }, nullptr, nullptr, nullptr, 81},
-    {"ClientKeyByLabel", [] { return Host(Other("server", true)); }, "client", nullptr, nullptr, 0, "13"},
-    {"NoClientKeyRefused", [] { return Host(Other("server", true)); }, nullptr, nullptr, nullptr, 81},
+    {"ExpiredRefused", [] { return Host(Server("expired")); }, nullptr, nullptr, nullptr, 81},
+    {"ClientKeyByLabel", [] { return Host(Server("server", true)); }, "client", nullptr, nullptr, 0, "13"},
+    {"NoClientKeyRefused", [] { return Host(Server("server", true)); }, nullptr, nullptr, nullptr, 81},
     {"LdapsUrl", [] { return Good().ldaps_url(); }, nullptr, nullptr, nullptr, 0, "13"},
     {"LdapsUrlOnAPlainPort", [] { return "ldaps" + Good().url().substr(4); }, nullptr, nullptr, nullptr, 81},
 };
@@ -102,12 +92,14 @@ TEST_P(Tls, ConnectsSecurelyOrFails)
     const Row &row = GetParam();
     std::string hosts = row.hosts();
     LDAP *ld = ldap_is_ldap_url(hosts.c_str()) ? ldap_init(hosts.c_str(), 0) : ldap_ssl_session_init(hosts.c_str(), 0, row.label);
-    ASSERT_NE(ld, nullptr);
     ldap_set_option(ld, LDAP_OPT_SECURE_PROTOCOLS, row.protocols);
     ldap_set_option(ld, LDAP_OPT_CIPHER_SPECS_TLS12, row.suite);
-    std::string suite;
-    EXPECT_EQ(BindAndSearch(ld, &suite), row.rc);
-    EXPECT_EQ(suite.substr(0, row.cipher.size()), row.cipher);
+    EXPECT_EQ(BindAndSearch(ld), row.rc);
+    char *cipher = nullptr;
+    if (row.rc == 0 && ldap_get_option(ld, LDAP_OPT_SECURE_CIPHER_IN_USE, &cipher) == 0) {
+        EXPECT_EQ(std::string(cipher).substr(0, row.cipher.size()), row.cipher);
+    }
+    ldap_memfree(cipher);
     ldap_unbind(ld);
 }
 
@@ -128,20 +120,15 @@ TEST(TlsBulk, LargeResultsAndValues)
     std::string big(1 << 20, 'x');
     for (size_t i = 0; i < big.size(); i += 997)
         big[i] = static_cast<char>('a' + i % 26);
-    const char *dn = "cn=big,ou=scratch,dc=example,dc=com";
-    berval value{static_cast<ber_len_t>(big.size()), big.data()}, *values[] = {&value, nullptr};
-    char *oc[] = {const_cast<char *>("person"), nullptr}, *sn[] = {const_cast<char *>("big"), nullptr};
+    char *oc[] = {const_cast<char *>("person"), nullptr}, *sn[] = {big.data(), nullptr};
     LDAPMod m_oc{LDAP_MOD_ADD, const_cast<char *>("objectClass"), {oc}}, m_sn{LDAP_MOD_ADD, const_cast<char *>("sn"), {sn}};
-    LDAPMod m_desc{LDAP_MOD_ADD | LDAP_MOD_BVALUES, const_cast<char *>("description"), {}};
-    m_desc.mod_bvalues = values;
-    LDAPMod *mods[] = {&m_oc, &m_sn, &m_desc, nullptr};
+    LDAPMod *mods[] = {&m_oc, &m_sn, nullptr};
+    const char *dn = "cn=big,ou=scratch,dc=example,dc=com";
     ASSERT_EQ(ldap_add_s(ld, dn, mods), 0);
-    char *attrs[] = {const_cast<char *>("description"), nullptr};
-    ASSERT_EQ(ldap_search_s(ld, dn, LDAP_SCOPE_BASE, "(objectClass=*)", attrs, 0, &res), 0);
-    berval **got = ldap_get_values_len(ld, ldap_first_entry(ld, res), "description");
-    ASSERT_NE(got, nullptr);
-    EXPECT_EQ(std::string(got[0]->bv_val, got[0]->bv_len), big);
-    ldap_value_free_len(got);
+    ASSERT_EQ(ldap_search_s(ld, dn, LDAP_SCOPE_BASE, "(objectClass=*)", nullptr, 0, &res), 0);
+    char **got = ldap_get_values(ld, ldap_first_entry(ld, res), "sn");
+    EXPECT_TRUE(got && got[0] == big);
+    ldap_value_free(got);
     ldap_msgfree(res);
     EXPECT_EQ(ldap_delete_s(ld, dn), 0);
     ldap_unbind(ld);
@@ -163,12 +150,11 @@ TEST(TlsTimeouts, SilentPeerDuringTheHandshake)
         LDAP *ld = ldap_ssl_session_init("127.0.0.1", silent.port(), nullptr);
         auto start = std::chrono::steady_clock::now();
         EXPECT_EQ(ldap_simple_bind_s(ld, "", ""), LDAP_SERVER_DOWN);
+        double took = SecondsSince(start);
         int reason = 0;
         ldap_get_option(ld, LDAP_OPT_SECURE_REASON, &reason);
         EXPECT_EQ(reason, LDAP_SECURE_CONNECT_FAILED);
-        double took = SecondsSince(start);
-        EXPECT_GE(took, 0.7);
-        EXPECT_LT(took, 4.0) << "well below the default 5 s, even on a loaded machine";
+        EXPECT_TRUE(took >= 0.7 && took < 4.0) << took << " s: well below the default 5 s, even on a loaded machine";
         ldap_unbind(ld);
     });
 }
@@ -177,9 +163,9 @@ TEST(TlsTimeouts, SilentPeerDuringTheHandshake)
 // the caller's time-out, and the connection carries on once it answers.
 TEST(TlsTimeouts, SilentPeerAfterTheHandshake)
 {
-    Slapd &server = Other("server"); // started again in the fresh process, which stops it
-    ZLDAP_REQUIRE_SLAPD(server);
     ScopedEnv data("QVA_SSL_DATA_TIMEOUT", "1");
+    Slapd &server = Server("server"); // started again in the fresh process, which stops it
+    ZLDAP_REQUIRE_SLAPD(server);
     ZLDAP_IN_FRESH_PROCESS({
         ASSERT_EQ(Init(), 0);
         LDAP *ld = ldap_init(server.ldaps_url().c_str(), 0);
@@ -192,8 +178,7 @@ TEST(TlsTimeouts, SilentPeerAfterTheHandshake)
         double took = SecondsSince(start);
         kill(server.pid(), SIGCONT);
         EXPECT_EQ(rc, LDAP_TIMEOUT);
-        EXPECT_GE(took, 0.9);
-        EXPECT_LT(took, 6.0) << "the time-out and one data time-out, with room for a loaded machine";
+        EXPECT_TRUE(took >= 0.9 && took < 6.0) << took << " s: the time-out and one data time-out, with room";
         EXPECT_EQ(BindAndSearch(ld), 0);
         ldap_unbind(ld);
     });
@@ -208,9 +193,7 @@ const int kPortB = RefusedPort().port(), kLdapsB = RefusedPort().port();
 Slapd &Referring()
 {
     static Slapd b(SlapdData{.people = 3, .port = kPortB, .tls_cert = "server", .ldaps_port = kLdapsB});
-    auto url = [](const char *scheme, int port) {
-        return std::string(scheme) + "://127.0.0.1:" + std::to_string(port) + "/" + kPeople;
-    };
+    auto url = [](const char *scheme, int port) { return std::string(scheme) + "://127.0.0.1:" + std::to_string(port) + "/" + kPeople; };
     static Slapd a(SlapdData{.people = 0,
                              .ldif = ReferralLdif("ou=sonly,dc=example,dc=com", url("ldaps", kLdapsB)) +
                                      ReferralLdif("ou=ponly,dc=example,dc=com", url("ldap", kPortB)),
@@ -230,15 +213,13 @@ TEST(TlsReferrals, KeepTheSessionsSecurity)
                 {true, "ou=ponly,dc=example,dc=com", 0, 0},
                 {false, "ou=sonly,dc=example,dc=com", 0, 0},
                 {false, "ou=ponly,dc=example,dc=com", 0, 3},
-                {false, "ldaps://127.0.0.1:" + std::to_string(kLdapsB) + "/" + kPeople + "??one",
-                 LDAP_SECURE_CONNECT_FAILED, 0}};
+                {false, "ldaps://127.0.0.1:" + std::to_string(kLdapsB) + "/" + kPeople + "??one", LDAP_SECURE_CONNECT_FAILED, 0}};
     for (const auto &r : rows) {
         SCOPED_TRACE(r.base + (r.secure ? " secure" : " plain"));
         LDAP *ld = ldap_init((r.secure ? Referring().ldaps_url() : Referring().url()).c_str(), 0);
         LDAPMessage *res = nullptr;
-        int rc = ldap_is_ldap_url(r.base.c_str())
-                     ? zor_ldap_url_search_st(ld, r.base.c_str(), 0, nullptr, &res)
-                     : ldap_search_s(ld, r.base.c_str(), LDAP_SCOPE_SUBTREE, "(uid=*)", nullptr, 0, &res);
+        int rc = ldap_is_ldap_url(r.base.c_str()) ? zor_ldap_url_search_st(ld, r.base.c_str(), 0, nullptr, &res)
+                                                  : ldap_search_s(ld, r.base.c_str(), LDAP_SCOPE_SUBTREE, "(uid=*)", nullptr, 0, &res);
         EXPECT_EQ(rc, r.rc);
         EXPECT_EQ(res ? ldap_count_entries(ld, res) : 0, r.entries);
         ldap_msgfree(res);
