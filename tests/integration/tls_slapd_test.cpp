@@ -16,6 +16,7 @@
 #include <functional>
 #include <map>
 #include <string>
+#include <sys/wait.h>
 
 using namespace zldap_test;
 
@@ -171,6 +172,7 @@ TEST(TlsTimeouts, SilentPeerAfterTheHandshake)
         LDAP *ld = ldap_init(server.ldaps_url().c_str(), 0);
         ASSERT_EQ(ldap_simple_bind_s(ld, Slapd::kRootDn, Slapd::kRootPassword), 0);
         kill(server.pid(), SIGSTOP);
+        waitpid(server.pid(), nullptr, WUNTRACED); // stopped for sure, not about to answer
         LDAPMessage *res = nullptr;
         struct timeval wait {1, 0};
         auto start = std::chrono::steady_clock::now();

@@ -5,6 +5,7 @@
 #include "tls/ldap_ssl_userdata.h"
 
 #include "base/environment.h"
+#include "base/ldap_lock.h"
 #include "base/memory.h"
 #include "base/trace.h"
 #include "net/zorlib.h"
@@ -12,7 +13,6 @@
 #include <atomic>
 #include <cstdio>
 #include <cstring>
-#include <mutex>
 
 #define LDAP_MODULE "libraries/libldap/ldap_ssl"
 
@@ -28,7 +28,7 @@ std::atomic<int64_t> g_default_wait_usec{0};
 
 // The templates are built once; the lock keeps two first connections of a
 // side from building one at the same time.
-std::mutex g_template_mutex;
+pthread_mutex_t g_template_mutex = PTHREAD_MUTEX_INITIALIZER;
 bool g_template_built[2];
 zor_user_data g_template[2];
 
@@ -78,7 +78,7 @@ zor_time zor_default_wait()
 int initZorUserData(zor_user_data *rec)
 {
     bool client = rec->prot_env == kZorEnvClient;
-    std::lock_guard<std::mutex> lock(g_template_mutex);
+    zldap::MutexGuard guard(&g_template_mutex, LDAP_MODULE, __LINE__);
     zor_user_data &tmpl = g_template[client ? 0 : 1];
     bool &built = g_template_built[client ? 0 : 1];
     if (built) {
