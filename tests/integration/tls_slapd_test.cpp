@@ -54,9 +54,9 @@ int BindAndSearch(LDAP *ld)
         rc = ldap_search_s(ld, kPeople.c_str(), LDAP_SCOPE_ONELEVEL, "(uid=*)", nullptr, 0, &res);
     int secure = 0;
     char *name = nullptr;
-    if (rc == 0 && (ldap_count_entries(ld, res) != 3 || ldap_get_option(ld, LDAP_OPT_SECURE_SESSION, &secure) != 0 ||
-                    secure != 1 || ldap_get_option(ld, LDAP_OPT_PEER_ALT_NAME_2, &name) != 0 ||
-                    std::string(name) != "localhost"))
+    ldap_get_option(ld, LDAP_OPT_SECURE_SESSION, &secure);
+    ldap_get_option(ld, LDAP_OPT_PEER_ALT_NAME_2, &name);
+    if (rc == 0 && (ldap_count_entries(ld, res) != 3 || secure != 1 || !name || std::string(name) != "localhost"))
         rc = -1;
     ldap_msgfree(res);
     ldap_memfree(name);
@@ -119,8 +119,7 @@ TEST(TlsBulk, LargeResultsAndValues)
     EXPECT_EQ(ldap_count_entries(ld, res), 10000);
     ldap_msgfree(res);
     std::string big(1 << 20, 'x');
-    for (size_t i = 0; i < big.size(); i += 997)
-        big[i] = static_cast<char>('a' + i % 26);
+    big.replace(big.size() / 2, 5, "-mid-");
     char *oc[] = {const_cast<char *>("person"), nullptr}, *sn[] = {big.data(), nullptr};
     LDAPMod m_oc{LDAP_MOD_ADD, const_cast<char *>("objectClass"), {oc}}, m_sn{LDAP_MOD_ADD, const_cast<char *>("sn"), {sn}};
     LDAPMod *mods[] = {&m_oc, &m_sn, nullptr};
@@ -135,11 +134,6 @@ TEST(TlsBulk, LargeResultsAndValues)
     ldap_unbind(ld);
 }
 
-double SecondsSince(std::chrono::steady_clock::time_point start)
-{
-    return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-}
-
 // A peer that accepts and never answers fails the handshake after the
 // handshake time-out (0.8 s here; 5 s by default).
 TEST(TlsTimeouts, SilentPeerDuringTheHandshake)
@@ -151,7 +145,7 @@ TEST(TlsTimeouts, SilentPeerDuringTheHandshake)
         LDAP *ld = ldap_ssl_session_init("127.0.0.1", silent.port(), nullptr);
         auto start = std::chrono::steady_clock::now();
         EXPECT_EQ(ldap_simple_bind_s(ld, "", ""), LDAP_SERVER_DOWN);
-        double took = SecondsSince(start);
+        double took = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
         int reason = 0;
         ldap_get_option(ld, LDAP_OPT_SECURE_REASON, &reason);
         EXPECT_EQ(reason, LDAP_SECURE_CONNECT_FAILED);
@@ -177,7 +171,7 @@ TEST(TlsTimeouts, SilentPeerAfterTheHandshake)
         struct timeval wait {1, 0};
         auto start = std::chrono::steady_clock::now();
         int rc = ldap_search_st(ld, kPeople.c_str(), LDAP_SCOPE_ONELEVEL, "(uid=*)", nullptr, 0, &wait, &res);
-        double took = SecondsSince(start);
+        double took = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
         kill(server.pid(), SIGCONT);
         EXPECT_EQ(rc, LDAP_TIMEOUT);
         EXPECT_TRUE(took >= 0.9 && took < 6.0) << took << " s: the time-out and one data time-out, with room";
@@ -211,10 +205,8 @@ TEST(TlsReferrals, KeepTheSessionsSecurity)
         bool secure;
         std::string base;
         int rc, entries;
-    } rows[] = {{true, "ou=sonly,dc=example,dc=com", 0, 3},
-                {true, "ou=ponly,dc=example,dc=com", 0, 0},
-                {false, "ou=sonly,dc=example,dc=com", 0, 0},
-                {false, "ou=ponly,dc=example,dc=com", 0, 3},
+    } rows[] = {{true, "ou=sonly,dc=example,dc=com", 0, 3}, {true, "ou=ponly,dc=example,dc=com", 0, 0},
+                {false, "ou=sonly,dc=example,dc=com", 0, 0}, {false, "ou=ponly,dc=example,dc=com", 0, 3},
                 {false, "ldaps://127.0.0.1:" + std::to_string(kLdapsB) + "/" + kPeople + "??one", LDAP_SECURE_CONNECT_FAILED, 0}};
     for (const auto &r : rows) {
         SCOPED_TRACE(r.base + (r.secure ? " secure" : " plain"));

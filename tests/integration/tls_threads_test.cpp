@@ -6,7 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <cstdio>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -24,10 +24,9 @@ TEST(TlsThreads, ManyThreadsShareOneSecureConnection)
     for (int t = 0; t < 8; t++)
         threads.emplace_back([&, t] {
             for (int i = 0; i < 20; i++) {
-                char filter[32];
-                std::snprintf(filter, sizeof filter, "(uid=user%03d)", (t * 20 + i) % 40);
                 LDAPMessage *res = nullptr;
-                if (ldap_search_s(ld, Slapd::kPeople, LDAP_SCOPE_ONELEVEL, filter, nullptr, 0, &res) == 0)
+                std::string filter = "(uid=user0" + std::to_string(10 + (t * 20 + i) % 30) + ")";
+                if (ldap_search_s(ld, Slapd::kPeople, LDAP_SCOPE_ONELEVEL, filter.c_str(), nullptr, 0, &res) == 0)
                     found += ldap_count_entries(ld, res);
                 ldap_msgfree(res);
             }

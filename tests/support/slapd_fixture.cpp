@@ -139,8 +139,7 @@ const std::string &TestPki()
     static const std::string made = [] {
         std::string sh = "cd " + dir.path() +
                          " && ec='-newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes -days 2'"
-                         " && openssl req -x509 $ec -keyout ca.key -out ca.pem -subj /CN=test-ca"
-                         " && openssl req -x509 $ec -keyout other.key -out other.pem -subj /CN=other-ca"
+                         " && for c in ca other; do openssl req -x509 $ec -keyout $c.key -out $c.pem -subj /CN=$c-ca; done"
                          " && echo subjectAltName=IP:127.0.0.1,DNS:localhost > san"
                          " && mk() { openssl req $ec -keyout $1.key -out $1.csr -subj /CN=$1 && openssl x509 -req"
                          " -in $1.csr -CA $2.pem -CAkey $2.key -CAcreateserial -days $3 -extfile san -out $1.pem; }"
