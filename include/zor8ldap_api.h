@@ -551,6 +551,19 @@ int ldap_ssl_pkcs11_environment_init(const char *keyring, const char *keyring_pw
 int ldap_ssl_set_fips_mode_np(int mode);
 int ldap_ssl_set_suiteb_mode(const char *mode);
 int ldap_ssl_set_extn_sigalg(const char *sigalgs);
+/* A new session (as ldap_init) whose connections are all secure, on the
+ * current environment, offering the client key under label (NULL: none).
+ * NULL before any successful initialisation above. */
+LDAP *ldap_ssl_session_init(const char *host, int port, const char *label);
+/* Initialises the toolkit as ldap_ssl_client_init (112 is no failure) and
+ * makes ld secure: its open default connection gets the secure layer, or
+ * its first connection is made secure. 0, the initialisation's code, 89,
+ * 90, 129, or a code of the secure set-up (113 to 118, or the toolkit's
+ * reason when the label is refused). Deprecated. */
+int ldap_ssl_start(LDAP *ld, const char *keyring, const char *keyring_pw, const char *label);
+/* The cipher specification for SSL V3 and TLS 1.0 (as option 7), under the
+ * handle's lock. 0, 89, 90, 115 or 129. */
+int ldap_set_ssl_cipher(LDAP *ld, const char *ciphers);
 /* A constant English text for a reason code, "Unknown SSL error" for
  * codes it does not know. */
 const char *ldap_ssl_reason2string(int reason);

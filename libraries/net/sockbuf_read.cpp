@@ -150,6 +150,26 @@ long take_read_ahead(Sockbuf *sb, char *buf, long len)
     return n;
 }
 
+// The toolkit's read, tried only when bytes wait: decrypted ones inside
+// the toolkit, or new ones on the socket. Otherwise it is would-block at
+// once, and the caller waits in fber_select without holding the secure
+// socket, which writers of other threads need meanwhile; the callbacks'
+// data time-out then bounds only a record that has begun to arrive.
+int secure_read(Sockbuf *sb, char *buf, long len, int *count)
+{
+    zor_secure_record *sec = sb->secure;
+    if (!g_zorlib.secure_soc_read || pthread_mutex_lock(&sec->io_mutex) != 0)
+        return ZOR_ERR_READ_FAILED;
+    int held = 0;
+    if (g_zorlib.secure_soc_read(sec->soc, nullptr, 1, &held) != ZOR_OK)
+        held = 0;
+    struct pollfd p = {sb->sd, POLLIN, 0};
+    int rc = held <= 0 && poll(&p, 1, 0) == 0 ? ZOR_WOULD_BLOCK
+                                               : g_zorlib.secure_soc_read(sec->soc, buf, static_cast<int>(len), count);
+    pthread_mutex_unlock(&sec->io_mutex);
+    return rc;
+}
+
 } // namespace
 
 long fber_socket_read_nb(Sockbuf *sb, char *buf, long len, int *would_block)
@@ -157,8 +177,7 @@ long fber_socket_read_nb(Sockbuf *sb, char *buf, long len, int *would_block)
     *would_block = 0;
     if (sb->secure) {
         int count = 0;
-        int rc = g_zorlib.secure_soc_read ? g_zorlib.secure_soc_read(sb->secure->soc, buf, static_cast<int>(len), &count)
-                                          : ZOR_ERR_READ_FAILED;
+        int rc = secure_read(sb, buf, len, &count);
         if (rc == ZOR_OK)
             return count;
         if (rc == ZOR_WOULD_BLOCK) {
@@ -248,10 +267,11 @@ int fber_select(Sockbuf *sb, const struct timeval *timeout)
     }
     if (fber_has_read_ahead(sb))
         return 1;
-    if (sb->secure && g_zorlib.secure_soc_read) {
+    if (sb->secure && g_zorlib.secure_soc_read && pthread_mutex_lock(&sb->secure->io_mutex) == 0) {
         // Bytes the toolkit has already decrypted never show on the socket.
         int held = -1;
         int rc = g_zorlib.secure_soc_read(sb->secure->soc, nullptr, 1, &held);
+        pthread_mutex_unlock(&sb->secure->io_mutex);
         LDAP_TRACE(TRC_API, "fber_select: nLengthRead = %d, rc = %d, errno=%d\n", held, rc, errno);
         if (held > 0)
             return 1;

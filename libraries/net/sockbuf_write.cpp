@@ -20,8 +20,11 @@ long BerWrite_nb(Sockbuf *sb, const char *buf, long len)
 {
     if (sb->secure) {
         int count = 0;
-        int rc = g_zorlib.secure_soc_write ? g_zorlib.secure_soc_write(sb->secure->soc, buf, static_cast<int>(len), &count)
-                                           : ZOR_ERR_READ_FAILED;
+        int rc = ZOR_ERR_READ_FAILED;
+        if (g_zorlib.secure_soc_write && pthread_mutex_lock(&sb->secure->io_mutex) == 0) {
+            rc = g_zorlib.secure_soc_write(sb->secure->soc, buf, static_cast<int>(len), &count);
+            pthread_mutex_unlock(&sb->secure->io_mutex);
+        }
         if (rc == ZOR_OK)
             return count;
         LDAP_TRACE(TRC_ERROR, "BerWrite() zor_secure_soc_write() rc=%d %s\n", rc, zorErrorText(rc));

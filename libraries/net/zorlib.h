@@ -6,6 +6,7 @@
 #define ZLDAP_ZORLIB_H
 
 #include <cstdint>
+#include <pthread.h>
 
 // Toolkit handles are opaque pointer-sized values.
 typedef void *zor_handle;
@@ -23,12 +24,23 @@ inline constexpr int ZOR_ERR_FIPS_RETRY = 207;
 inline constexpr int ZOR_USER_DATA = 200;
 inline constexpr int ZOR_KEYRING_FILE = 201;
 inline constexpr int ZOR_KEYRING_PW = 202;
+inline constexpr int ZOR_KEYRING_LABEL = 203;
 inline constexpr int ZOR_KEYRING_STASH_FILE = 204;
+inline constexpr int ZOR_V3_CIPHER_SPECS = 206;
+inline constexpr int ZOR_CONNECTION_CIPHER = 207;
+inline constexpr int ZOR_CONNECTION_PROTOCOL = 208;
 inline constexpr int ZOR_PKCS11_DRIVER_PATH = 213;
 inline constexpr int ZOR_PKCS11_TOKEN_LABEL = 214;
 inline constexpr int ZOR_PKCS11_TOKEN_PWD = 215;
+inline constexpr int ZOR_TLSV10_CIPHER_SPECS = 218;
+inline constexpr int ZOR_TLSV11_CIPHER_SPECS = 237;
+inline constexpr int ZOR_TLSV12_CIPHER_SPECS_EX = 243;
+inline constexpr int ZOR_CONNECTION_CIPHER_NAME = 244;
 inline constexpr int ZOR_SSL_EXTN_SIGALG = 245;
+inline constexpr int ZOR_FD = 300;
 inline constexpr int ZOR_SESSION_TIMEOUT = 302;
+inline constexpr int ZOR_PROTOCOL_SSLV2 = 403;
+inline constexpr int ZOR_PROTOCOL_SSLV3 = 404;
 inline constexpr int ZOR_PROTOCOL_TLSV1 = 407;
 inline constexpr int ZOR_FIPS_MODE_PROCESSING = 415;
 inline constexpr int ZOR_BASE_CRYPTO_LIBRARY = 416;
@@ -36,10 +48,17 @@ inline constexpr int ZOR_PKCS11_ACCELERATOR = 417;
 inline constexpr int ZOR_SSL_FIPS_MODE_PROCESSING = 420;
 inline constexpr int ZOR_VOC_FIPS_MODE_PROCESSING = 421;
 inline constexpr int ZOR_SSL_SUITEB_128BIT_MODE_PROCESSING = 455;
+inline constexpr int ZOR_PROTOCOL_TLSV10 = 436;
+inline constexpr int ZOR_PROTOCOL_TLSV11 = 437;
+inline constexpr int ZOR_PROTOCOL_TLSV12 = 438;
 inline constexpr int ZOR_SSL_SUITEB_192BIT_MODE_PROCESSING = 456;
+inline constexpr int ZOR_PEER_CERT_INFO = 700;
 inline constexpr int ZOR_IO_CALLBACK = 800;
 
 // Enumeration values.
+inline constexpr int ZOR_SSLV2_OFF = 511;
+inline constexpr int ZOR_SSLV3_ON = 512;
+inline constexpr int ZOR_SSLV3_OFF = 513;
 inline constexpr int ZOR_TLSV1_ON = 518;
 inline constexpr int ZOR_FIPS_MODE_PROCESSING_ON = 544;
 inline constexpr int ZOR_FIPS_MODE_PROCESSING_OFF = 545;
@@ -93,9 +112,12 @@ struct ZorIoCallbacks {
 };
 
 // The secure record of a socket buffer; its first field is the toolkit's
-// secure-socket handle.
+// secure-socket handle. One connection is read by one thread and written by
+// another at the same time, but a secure socket takes one call at a time:
+// io_mutex serialises the toolkit's calls on it.
 struct zor_secure_record {
     zor_handle soc;
+    pthread_mutex_t io_mutex;
 };
 
 // The toolkit's text for a reason code, for error traces; "Zorlib not

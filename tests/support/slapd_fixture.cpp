@@ -68,6 +68,13 @@ std::string Config(const std::string &dir, const SlapdData &data)
     if (data.sasl)
         c << "sasl-auxprops slapd\nsasl-secprops none\n"
           << "authz-regexp \"uid=([^,]*),cn=.*,cn=auth\" \"uid=$1," << Slapd::kPeople << "\"\n";
+    if (!data.tls_cert.empty()) {
+        const std::string &pki = TestPki();
+        c << "TLSCACertificateFile " << pki << "/ca.pem\nTLSCertificateFile " << pki << "/" << data.tls_cert
+          << ".pem\nTLSCertificateKeyFile " << pki << "/" << data.tls_cert << ".key\n"
+          << (data.tls_verify_client ? "TLSVerifyClient demand\n" : "")
+          << (data.tls_ciphers.empty() ? "" : "TLSCipherSuite " + data.tls_ciphers + "\n");
+    }
     c << "sizelimit unlimited\n"
          "database mdb\nmaxsize 268435456\n"
       << "suffix \"" << Slapd::kBase << "\"\n"
@@ -126,6 +133,25 @@ std::string Data(const SlapdData &data)
 
 } // namespace
 
+const std::string &TestPki()
+{
+    static TempDir dir;
+    static const std::string made = [] {
+        std::string sh = "cd " + dir.path() +
+                         " && ec='-newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes -days 2'"
+                         " && for c in ca other; do openssl req -x509 $ec -keyout $c.key -out $c.pem -subj /CN=$c-ca; done"
+                         " && echo subjectAltName=IP:127.0.0.1,DNS:localhost > san"
+                         " && mk() { openssl req $ec -keyout $1.key -out $1.csr -subj /CN=$1 && openssl x509 -req"
+                         " -in $1.csr -CA $2.pem -CAkey $2.key -CAcreateserial -days $3 -extfile san -out $1.pem; }"
+                         " && mk server ca 2 && mk expired ca -1 && mk stranger other 2 && mk client ca 2"
+                         " && k=" ZLDAP_ZLDAPKEY " && $k create --db keys.kdb --pw pw --stash"
+                         " && $k add --db keys.kdb --pw pw --label ca --cert ca.pem"
+                         " && $k import --db keys.kdb --pw pw --label client --key client.key --cert client.pem";
+        return std::system(("(" + sh + ") >pki.log 2>&1").c_str()) == 0 ? dir.path() : std::string("pki failed");
+    }();
+    return made;
+}
+
 std::string ReferralLdif(const std::string &dn, const std::string &url)
 {
     return "dn: " + dn + "\nobjectClass: referral\nobjectClass: extensibleObject\nou: " + dn.substr(3, dn.find(',') - 3) +
@@ -164,6 +190,10 @@ bool Slapd::Launch()
     for (int attempt = 0; attempt < 5 && pid_ < 0; attempt++) {
         port_ = data_.port ? data_.port : RefusedPort().port(); // free a moment ago; a retry covers a port taken since
         std::string listen = "ldap://127.0.0.1:" + std::to_string(port_) + "/";
+        if (!data_.tls_cert.empty()) {
+            ldaps_port_ = data_.ldaps_port ? data_.ldaps_port : RefusedPort().port();
+            listen += " ldaps://127.0.0.1:" + std::to_string(ldaps_port_) + "/";
+        }
         if (data_.sasl) {
             listen += " ldapi://";
             for (char c : socket_path())
@@ -176,7 +206,7 @@ bool Slapd::Launch()
         // Up to 10 s for a loaded machine to bring the server up.
         bool exited = false;
         for (int i = 0; i < 200 && !exited; i++) {
-            if (Connects(AF_INET, port_)) {
+            if (Connects(AF_INET, port_) && (!ldaps_port_ || Connects(AF_INET, ldaps_port_))) {
                 pid_ = pid;
                 return true;
             }

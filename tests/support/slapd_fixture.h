@@ -27,7 +27,21 @@ struct SlapdData {
     // socket socket_path().
     bool sasl = false;
     int port = 0;             // 0: a free one, picked at start
+    // TLS: slapd also listens on ldaps_url() with the certificate of this
+    // name from TestPki() ("server", "expired", or "stranger" from another
+    // CA); empty: no TLS.
+    std::string tls_cert;
+    bool tls_verify_client = false; // TLSVerifyClient demand (clients of the test CA)
+    std::string tls_ciphers;        // TLSCipherSuite (a GnuTLS priority text); empty: slapd's own
+    int ldaps_port = 0;             // 0: a free one, picked at start
 };
+
+// Files made once per test program by openssl and the key tool: the test CA
+// (ca.pem) and another one, their certificates and keys (server, expired,
+// stranger, client; <name>.pem and .key), and keys.kdb (password "pw", with
+// its stash file) trusting the test CA and holding the client key under
+// the label "client". The directory's path.
+const std::string &TestPki();
 
 // The LDIF of a referral object at dn (whose first RDN is an ou) that
 // refers to url (more URLs follow "\nref: ").
@@ -49,9 +63,12 @@ public:
     ~Slapd();
 
     bool running() const { return pid_ > 0; }
+    pid_t pid() const { return pid_; }
     const std::string &error() const { return error_; }
     std::string host() const { return "127.0.0.1:" + std::to_string(port_); }
     std::string url() const { return "ldap://127.0.0.1:" + std::to_string(port_); }
+    int ldaps_port() const { return ldaps_port_; }
+    std::string ldaps_url() const { return "ldaps://127.0.0.1:" + std::to_string(ldaps_port_); }
     std::string socket_path() const { return dir_.file("ldapi"); }
     const SlapdData &data() const { return data_; }
 
@@ -65,6 +82,7 @@ private:
     TempDir dir_;
     pid_t pid_ = -1;
     int port_ = 0;
+    int ldaps_port_ = 0;
     std::string error_;
 };
 

@@ -886,6 +886,20 @@ void SslEnvironments(const std::function<void(const AllocFaultScenario &)> &swee
            LDAP_NO_MEMORY, nullptr, [](int rc) { return rc == LDAP_SECURE_KEYRING_MISSING; }}));
 }
 
+// A secure session's first connection, to a listener, over the recording
+// toolkit: the session, its label and the connection's secure record.
+void SecureConnect(const std::function<void(const AllocFaultScenario &)> &sweep)
+{
+    zldap_test::ScopedEnv search("ZORLIB_LOCAL_INSTALL_MODE", "");
+    zldap_test::ScopedEnv path("LD_LIBRARY_PATH", ZLDAP_RECORDER_DIR);
+    zldap_test::LoopbackListener listener(AF_INET, 256);
+    ZLDAP_IN_FRESH_PROCESS(ASSERT_EQ(ldap_ssl_client_init("/k/db.kdb", "pw", 0, nullptr), 0); sweep({[&] {
+               LDAP *ld = ldap_ssl_session_init("127.0.0.1", listener.port(), "label");
+               return ld ? Unbound(ld, open_default_connection(ld)) : LDAP_NO_MEMORY;
+           },
+           LDAP_NO_MEMORY, [&] { listener.Drain(); }}));
+}
+
 const SweepRow kRows[] = {
     // ---- codec and protocol pieces rows ----
     {"UrlParse", UrlParse},
@@ -931,6 +945,7 @@ const SweepRow kRows[] = {
     {"PluginBind", PluginBind},
     // ---- secure transport rows ----
     {"SslEnvironments", SslEnvironments},
+    {"SecureConnect", SecureConnect},
 };
 
 class AllocSweep : public testing::TestWithParam<SweepRow> {};

@@ -243,7 +243,7 @@ TEST(Sockbuf, SecureRecordsGoThroughTheToolkit)
     const struct timeval zero {0, 0};
     const struct {
         int rc, read, would_block, written, held, readable;
-    } rows[] = {{ZOR_WOULD_BLOCK, 0, LBER_WOULD_BLOCK, -11, 0, 0}, {ZOR_ERR_READ_FAILED, -1, 0, -1, 12, 1}, {420, -1, 0, -1, 0, 0},
+    } rows[] = {{ZOR_WOULD_BLOCK, 0, LBER_WOULD_BLOCK, -11, 0, 0}, {ZOR_ERR_READ_FAILED, -1, 0, -1, 12, 1}, {420, -1, 0, -1, 1, 1},
                 {0, 0, 0, 3, 1, 1}};
     for (const auto &r : rows) {
         g_rc = r.rc;

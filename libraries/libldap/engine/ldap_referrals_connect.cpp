@@ -132,8 +132,10 @@ LDAPConn *get_referral_connection(LDAP *ld, char **urls, LDAPURLDesc **desc, int
             LDAP_TRACE(TRC_ERROR, "chase_v3_referrals error parsing referral: %d - %s\n", rc, ldap_err2string(rc));
             continue;
         }
-        // The referred connection has the handle's security, exactly.
-        bool secure_url = std::strcmp(parsed->lud_scheme, "ldaps") == 0;
+        // The referred connection has the handle's security, exactly. The
+        // scheme is compared in any case: an "LDAPS" URL taken for a plain
+        // one would have a plain session speak to its server in clear.
+        bool secure_url = strcasecmp(parsed->lud_scheme, "ldaps") == 0;
         if (secure_url != ssl) {
             LDAP_TRACE(TRC_ERROR,
                        ssl ? "get_referral_connection: SSL client got a Non-SSL URL to refer. Skipping the URL.\n"

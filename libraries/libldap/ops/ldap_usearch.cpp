@@ -18,6 +18,8 @@
 #include "proto/url.h"
 #include "session/ldap_options.h"
 
+#include <strings.h>
+
 #define LDAP_MODULE "libraries/libldap/ldap_usearch"
 
 namespace {
@@ -74,6 +76,12 @@ int find_connections(UrlSearch &s)
     if (!s.home || !s.home->lconn_msgtable) {
         LDAP_TRACE(TRC_ERROR, "ldap_url_search_direct: NULL default server or table \n");
         return ldap_fail_returning(s.ld, LDAP_PARAM_ERROR, -1);
+    }
+    // A plain session's connections are plain: an ldaps URL would have its
+    // server spoken to in clear, so it is refused as a failed secure set-up.
+    if (s.ld->ld_ssl_flag != 1 && strcasecmp(s.desc->lud_scheme, "ldaps") == 0) {
+        LDAP_TRACE(TRC_ERROR, "ldap_url_search_direct: ldaps URL on a session without SSL\n");
+        return ldap_fail_returning(s.ld, LDAP_SECURE_CONNECT_FAILED, -1);
     }
     // A failed open has recorded its reason already.
     s.target = find_connection(s.ld, s.desc->lud_host, s.desc->lud_port, 1, nullptr, 1);

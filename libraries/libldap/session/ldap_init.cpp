@@ -14,6 +14,7 @@
 #include "session/ldap_free.h"
 #include "session/ldap_options.h"
 #include "session/ldap_unbind.h"
+#include "tls/ldap_ssl_env.h"
 
 #include <cctype>
 #include <cstring>
@@ -67,8 +68,8 @@ char *host_from_url(const char *url, bool ssl, int *port)
 
 // The host string the handle will use: the caller's host list unchanged,
 // the host of an LDAP URL, or the local host name for NULL. NULL on
-// failure, with the reason traced.
-char *resolve_host_string(const char *host, int *port)
+// failure, with the reason traced. *secure tells an "ldaps://" URL.
+char *resolve_host_string(const char *host, int *port, bool *secure)
 {
     if (host) {
         LDAP_TRACE(TRC_API, "ldap_init: parsing the passing hostname\n");
@@ -78,6 +79,7 @@ char *resolve_host_string(const char *host, int *port)
             lower[i] = static_cast<char>(std::tolower(static_cast<unsigned char>(host[i])));
         lower[n] = '\0';
         bool ssl = std::strstr(lower, "ldaps://") != nullptr;
+        *secure = ssl;
         if (ssl || std::strstr(lower, "ldap://"))
             return host_from_url(host, ssl, port);
         char *copy = zldap::mem_strdup(host);
@@ -160,7 +162,8 @@ LDAP *ldap_init(const char *host, int port)
         port = kDefaultPort;
     ensure_ulxdir();
 
-    char *hosts = resolve_host_string(host, &port);
+    bool secure = false;
+    char *hosts = resolve_host_string(host, &port, &secure);
     if (!hosts)
         return nullptr;
     if (*hosts == '\0') {
@@ -186,6 +189,13 @@ LDAP *ldap_init(const char *host, int port)
         ld->ld_defport = static_cast<uint32_t>(port);
         ok = make_handle_locks(ld) && set_initial_options(ld) &&
              (ld->ld_defhost = zldap::mem_strdup(hosts)) != nullptr;
+    }
+    if (ok && secure) {
+        // An ldaps address is never spoken to in clear: the session is a
+        // secure one from the start, on the current environment. Without
+        // one its connections fail the secure set-up instead.
+        ld->ld_ssl_flag = 1;
+        ld->ld_ssl_env = attachZorEnvRef();
     }
     zldap::mem_free(hosts);
     if (!ok) {

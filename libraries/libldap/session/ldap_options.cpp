@@ -11,6 +11,8 @@
 #include "core/ldap_init_guard.h"
 #include "proto/ldap_controls.h"
 #include "tls/ldap_ssl.h"
+#include "tls/ldap_ssl_env.h"
+#include "tls/ldap_ssl_query.h"
 
 #include <climits>
 #include <cstdint>
@@ -155,6 +157,31 @@ void get_secure_state(LDAP *ld, int option, int *out)
         *out = !secure;
     else
         *out = 1;
+}
+
+// Options 56 and 57: the server certificate's alternative names, on the
+// calling thread's default connection; refused without a secure socket.
+int get_peer_alt_name(LDAP *ld, int option, char **out)
+{
+    LDAPConn *lc = get_default_connection(ld);
+    if (!lc || !lc->lconn_sb.secure)
+        return LDAP_PARAM_ERROR;
+    *out = getSSLCertAltName(lc->lconn_sb.secure->soc,
+                             option == LDAP_OPT_PEER_ALT_NAME_1 ? ZOR_CERT_SAN_ALL : ZOR_CERT_SAN_DNS);
+    return LDAP_SUCCESS;
+}
+
+// Options 64 to 66: a copy of the environment's cipher, key database or
+// client label; refused without an environment.
+int get_environment_text(LDAP *ld, int option, void *out)
+{
+    if (!ld->ld_ssl_env)
+        return LDAP_PARAM_ERROR;
+    zor_handle env = ld->ld_ssl_env->envHandle;
+    return copy_out_text(option == LDAP_OPT_SECURE_CIPHER_IN_USE    ? getSSLCipher(env)
+                         : option == LDAP_OPT_SECURE_KEY_DATABASE ? getSSLKeydatabase(env)
+                                                                  : getSSLClientLabel(env),
+                         out);
 }
 
 LDAP g_defaults;
@@ -388,13 +415,15 @@ int ldap_get_option_direct(LDAP *ld, int option, void *out)
     case LDAP_OPT_NO_TRANSLATION:
         *out_int = static_cast<int>(ld->ld_no_xlate);
         break;
-    // Peer names and the toolkit environment's settings need a secure
-    // socket or environment; without one they are refused.
     case LDAP_OPT_PEER_ALT_NAME_1:
     case LDAP_OPT_PEER_ALT_NAME_2:
+        rc = get_peer_alt_name(ld, option, static_cast<char **>(out));
+        break;
     case LDAP_OPT_SECURE_CIPHER_IN_USE:
     case LDAP_OPT_SECURE_KEY_DATABASE:
     case LDAP_OPT_SECURE_CLIENT_LABEL:
+        rc = get_environment_text(ld, option, out);
+        break;
     default: // write-only and unknown options
         rc = LDAP_PARAM_ERROR;
         break;

@@ -1,27 +1,320 @@
-// ldap_ssl_connect.cpp - secure connection set-up on a connected socket.
-// The secure-socket toolkit is not wired in yet: no session gets its SSL
-// flag set, so these are reached only by a handle whose flag was forced.
+// ldap_ssl_connect.cpp - putting the secure layer on a connected socket:
+// the toolkit's secure socket gets the descriptor, the client key label,
+// the session's cipher lists and protocol switches and the I/O callbacks'
+// record; then the handshake runs and the record goes to read/write mode.
 #include "tls/ldap_ssl_connect.h"
 
+#include "base/environment.h"
+#include "base/ldap_lock.h"
+#include "base/memory.h"
 #include "base/trace.h"
+#include "core/ldap_error.h"
+#include "tls/ldap_ssl_env.h"
+#include "tls/ldap_ssl_modes.h"
+#include "tls/ldap_ssl_userdata.h"
+
+#include <cstdlib>
+#include <cstring>
 
 #define LDAP_MODULE "libraries/libldap/ldap_ssl"
 
-// Until the toolkit is wired in: refuses every handshake (116).
-int open_ssl_connection(LDAP *ld, Sockbuf *sb)
+namespace {
+
+// The toolkit generation whose protocol handling is the older one.
+constexpr int kLegacyToolkit = 7;
+// The TLS 1.1 list is built in a buffer of 21 characters: ten codes at most.
+constexpr size_t kTls11ListMax = 20;
+
+int toolkit_version()
 {
-    LDAP_TRACE(TRC_ERROR,
-               "Error - open_ssl_connection(): no secure-socket toolkit, ld(%p) sb(%p) sd(%d)\n",
-               static_cast<void *>(ld), static_cast<void *>(sb), sb ? sb->sd : -1);
-    return LDAP_SECURE_CONNECT_FAILED;
+    char *text = ldap_getenv("ZORLIB_CLIENT_VERSION");
+    int version = text ? std::atoi(text) : 8;
+    zldap::mem_free(text);
+    return version;
 }
 
-// Until the toolkit is wired in: nothing creates a secure record, so there
-// is nothing to end.
+// Sets a buffer attribute of the socket and traces the outcome: `done`
+// takes the value (unless show_value is false) and the code, `failed` the
+// code and its text. 0 or 115.
+int set_list(zor_handle soc, int id, const char *value, const char *done, const char *failed, bool show_value = true)
+{
+    int rc = g_zorlib.attribute_set_buffer(soc, id, value, 0);
+    if (rc != ZOR_OK) {
+        LDAP_TRACE(TRC_ERROR, failed, rc, zorErrorText(rc));
+        return LDAP_SECURE_BAD_PARAM;
+    }
+    if (show_value)
+        LDAP_TRACE(TRC_API, done, value, rc);
+    else
+        LDAP_TRACE(TRC_API, done, rc);
+    return LDAP_SUCCESS;
+}
+
+// The TLS 1.1 list: the pairs of the cipher text whose second character is
+// neither 3 nor 6 (a last single character is kept and ends the walk),
+// cut at ten codes.
+void tls11_list(const char *ciphers, char (&list)[kTls11ListMax + 1])
+{
+    std::memset(list, 0, sizeof list);
+    size_t used = 0;
+    for (size_t i = 0; ciphers[i] && used + 2 <= kTls11ListMax; i += 2) {
+        if (!ciphers[i + 1]) {
+            list[used] = ciphers[i];
+            break;
+        }
+        if (ciphers[i + 1] == '3' || ciphers[i + 1] == '6')
+            continue;
+        list[used++] = ciphers[i];
+        list[used++] = ciphers[i + 1];
+    }
+}
+
+// Steps 6 and 7: the cipher lists. 0 or 115.
+int set_cipher_lists(LDAP *ld, zor_handle soc, int version)
+{
+    const char *ciphers = ld->ld_ssl_cipher;
+    LDAP_TRACE(TRC_API, "open_ssl_connection(): ld->ld_ssl_cipher == <%s>.\n", trace_str(ciphers, "null"));
+    int rc = LDAP_SUCCESS;
+    if (ciphers && g_SSL_FIPS_mode.load() != 1)
+        rc = set_list(soc, ZOR_V3_CIPHER_SPECS, ciphers,
+                      "open_ssl_connection(): zor_attribute_set_buffer(...ZOR_V3_CIPHER_SPECS - ciphers %s...) rc=%d \n",
+                      "Error - open_ssl_connection(): zor_attribute_set_buffer(...ZOR_V3_CIPHER_SPECS - ciphers...) "
+                      "rc=%d %s\n");
+    if (ciphers && rc == LDAP_SUCCESS)
+        rc = set_list(
+            soc, ZOR_TLSV10_CIPHER_SPECS, ciphers,
+            "open_ssl_connection(): zor_attribute_set_buffer(...ZOR_TLSV10_CIPHER_SPECS - ciphers %s...) rc=%d \n",
+            "Error - open_ssl_connection(): zor_attribute_set_buffer(...ZOR_TLSV10_CIPHER_SPECS - ciphers...) rc=%d "
+            "%s\n");
+    if (ciphers && rc == LDAP_SUCCESS && version != kLegacyToolkit) {
+        char list[kTls11ListMax + 1];
+        tls11_list(ciphers, list);
+        rc = set_list(
+            soc, ZOR_TLSV11_CIPHER_SPECS, list,
+            list[0] ? "open_ssl_connection(): zor_attribute_set_buffer(...ZOR_TLSV11_CIPHER_SPECS - ciphers %s...) "
+                      "rc=%d \n"
+                    : "open_ssl_connection(): zor_attribute_set_buffer(...ZOR_TLSV11_CIPHER_SPECS - ciphers "
+                      "<null>...) rc=%d \n",
+            "Error - open_ssl_connection(): zor_attribute_set_buffer(...ZOR_TLSV11_CIPHER_SPECS - ciphers...) rc=%d "
+            "%s\n",
+            list[0] != '\0');
+    }
+    if (rc == LDAP_SUCCESS && ld->ld_ssl_cipher_EX && version != kLegacyToolkit) {
+        LDAP_TRACE(TRC_API, "open_ssl_connection(): ld->ld_ssl_cipher_EX == <%s>.\n", ld->ld_ssl_cipher_EX);
+        rc = set_list(
+            soc, ZOR_TLSV12_CIPHER_SPECS_EX, ld->ld_ssl_cipher_EX,
+            "open_ssl_connection(): zor_attribute_set_buffer(...ZOR_TLSV12_CIPHER_SPECS_EX - ciphers %s...) rc=%d \n",
+            "Error - open_ssl_connection(): zor_attribute_set_buffer(...ZOR_TLSV12_CIPHER_SPECS_EX - ciphers...) "
+            "rc=%d %s\n");
+    }
+    return rc;
+}
+
+// One protocol switch; `name` as the traces spell it. 0 or 115.
+int set_switch(zor_handle soc, int id, int value, const char *done, const char *failed)
+{
+    int rc = g_zorlib.attribute_set_enum(soc, id, value);
+    if (rc != ZOR_OK) {
+        LDAP_TRACE(TRC_ERROR, failed, rc, zorErrorText(rc));
+        return LDAP_SECURE_BAD_PARAM;
+    }
+    LDAP_TRACE(TRC_API, "%s", done);
+    return LDAP_SUCCESS;
+}
+
+struct NamedProtocol {
+    const char *name;
+    int id, on, off;
+    const char *trace_on, *trace_off, *failed;
+};
+
+constexpr NamedProtocol kNamedProtocols[] = {
+    {"SSLV3", ZOR_PROTOCOL_SSLV3, ZOR_SSLV3_ON, ZOR_SSLV3_OFF, "open_ssl_connection(): protocol to [SSLV3]\n",
+     "open_ssl_connection(): protocol to [SSLV3] OFF\n",
+     "Error - open_ssl_connection(): zor_attribute_set_enum( SSLV3 ON/OFF ) rc=%d %s\n"},
+    {"TLS10", ZOR_PROTOCOL_TLSV10, 1, 0, "open_ssl_connection(): protocol to [TLS10]\n",
+     "open_ssl_connection(): protocol to [TLS10] OFF\n",
+     "Error - open_ssl_connection(): zor_attribute_set_enum( TLS10 ON/OFF ) rc=%d %s\n"},
+    {"TLS11", ZOR_PROTOCOL_TLSV11, 1, 0, "open_ssl_connection(): protocol to [TLS11]\n",
+     "open_ssl_connection(): protocol to [TLS11] OFF\n",
+     "Error - open_ssl_connection(): zor_attribute_set_enum( TLS11 ON/OFF ) rc=%d %s\n"},
+    {"TLS12", ZOR_PROTOCOL_TLSV12, 1, 0, "open_ssl_connection(): protocol to [TLS12]\n",
+     "open_ssl_connection(): protocol to [TLS12] OFF\n",
+     "Error - open_ssl_connection(): zor_attribute_set_enum( TLS12 ON/OFF ) rc=%d %s\n"},
+};
+
+// Step 8: the protocol switches. 0 or 115.
+int set_protocols(LDAP *ld, zor_handle soc, int version)
+{
+    int rc = g_zorlib.attribute_set_enum(soc, ZOR_PROTOCOL_SSLV2, ZOR_SSLV2_OFF);
+    if (rc != ZOR_OK) // SSL V2 is never negotiated: its switch failing changes nothing
+        LDAP_TRACE(TRC_ERROR, "Error - open_ssl_connection(): zor_attribute_set_enum( SSLV2 OFF ) rc=%d %s\n", rc,
+                   zorErrorText(rc));
+    const char *protocols = ld->ld_ssl_protocols;
+    if (protocols && version != kLegacyToolkit) {
+        LDAP_TRACE(TRC_API, "open_ssl_connection(): protocol to [%s]\n", protocols);
+        for (const NamedProtocol &p : kNamedProtocols) {
+            bool on = std::strstr(protocols, p.name) != nullptr;
+            if ((rc = set_switch(soc, p.id, on ? p.on : p.off, on ? p.trace_on : p.trace_off, p.failed)) != 0)
+                return rc;
+        }
+        return LDAP_SUCCESS;
+    }
+    LDAP_TRACE(TRC_API, "open_ssl_connection(): protocol to [SSLV3, TLSV10]\n");
+    rc = set_switch(soc, ZOR_PROTOCOL_SSLV3, ZOR_SSLV3_ON, "open_ssl_connection(): protocol to [SSLV3] \n",
+                    "Error - open_ssl_connection(): zor_attribute_set_enum( SSLV3 ON ) rc=%d %s\n");
+    if (rc != LDAP_SUCCESS)
+        return rc;
+    const char *tls10_failed = "Error - open_ssl_connection(): zor_attribute_set_enum( TLS10 ON ) rc=%d %s\n";
+    if (version == kLegacyToolkit)
+        return set_switch(soc, ZOR_PROTOCOL_TLSV1, ZOR_TLSV1_ON, "open_ssl_connection(): protocol to [TLS10] \n",
+                          tls10_failed);
+    rc = set_switch(soc, ZOR_PROTOCOL_TLSV10, 1, "open_ssl_connection(): protocol to [TLS10] \n", tls10_failed);
+    if (rc == LDAP_SUCCESS)
+        rc = set_switch(soc, ZOR_PROTOCOL_TLSV11, 0, "open_ssl_connection(): protocol to [TLS11] OFF\n",
+                        "Error - open_ssl_connection(): zor_attribute_set_enum( TLS11 OFF ) rc=%d %s\n");
+    if (rc == LDAP_SUCCESS)
+        rc = set_switch(soc, ZOR_PROTOCOL_TLSV12, 0, "open_ssl_connection(): protocol to [TLS12] OFF\n",
+                        "Error - open_ssl_connection(): zor_attribute_set_enum( TLS12 OFF ) rc=%d %s\n");
+    return rc;
+}
+
+// Steps 3 to 9: everything the secure socket needs before the handshake.
+// 0, 115 or the toolkit's code for a refused label.
+int configure_socket(LDAP *ld, Sockbuf *sb, int version)
+{
+    zor_handle soc = sb->secure->soc;
+    LDAP_TRACE(TRC_API, "open_ssl_connection(): set sd=%d\n", sb->sd);
+    int rc = g_zorlib.attribute_set_numeric_value(soc, ZOR_FD, sb->sd);
+    if (rc != ZOR_OK) {
+        LDAP_TRACE(TRC_ERROR, "Error - open_ssl_connection(): zor_attribute_set_numeric() rc=%d %s\n", rc,
+                   zorErrorText(rc));
+        return LDAP_SECURE_BAD_PARAM;
+    }
+    if (ld->ssl_cert_label) {
+        LDAP_TRACE(TRC_API, "open_ssl_connection(): set certificate label to [%s]\n", ld->ssl_cert_label);
+        rc = g_zorlib.attribute_set_buffer(soc, ZOR_KEYRING_LABEL, ld->ssl_cert_label, 0);
+        if (rc != ZOR_OK) {
+            LDAP_TRACE(TRC_ERROR, "Error - open_ssl_connection(): zor_attribute_set_buffer(...certlabel...) rc=%d.\n", rc);
+            return rc;
+        }
+    }
+    int suiteb = g_SSL_SuiteB_mode.load();
+    if ((suiteb & ~0x40) == 128) {
+        // The environment carries the Suite B settings.
+        LDAP_TRACE(TRC_API, "open_ssl_connection(): suite b %d mode is enabled\n", suiteb);
+        LDAP_TRACE(TRC_API, "open_ssl_connection(): protocol to [TLS12]\n");
+        return LDAP_SUCCESS;
+    }
+    if ((rc = set_cipher_lists(ld, soc, version)) != LDAP_SUCCESS || (rc = set_protocols(ld, soc, version)) != 0)
+        return rc;
+    rc = setZorUserData(sb, nullptr, 1, kZorConnectionSsl, kZorEnvClient);
+    if (rc != ZOR_OK) {
+        LDAP_TRACE(TRC_ERROR, "ERROR - open_ssl_connection: setZorUserData failed: %d \n", rc);
+        LDAP_TRACE(TRC_ERROR,
+                   "Error - open_ssl_connection(): zor_secure_soc_init was not called. zor_secure_soc_init() rc=%d %s\n",
+                   LDAP_SECURE_BAD_PARAM, zorErrorText(LDAP_SECURE_BAD_PARAM));
+        return LDAP_SECURE_BAD_PARAM;
+    }
+    return LDAP_SUCCESS;
+}
+
+// Steps 10 and 11: the handshake and what it settled. 0, 116, or the
+// toolkit's code when the protocol in use can't be read back.
+int handshake(LDAP *ld, zor_handle soc)
+{
+    int rc = g_zorlib.secure_soc_init(soc);
+    if (rc != ZOR_OK) {
+        LDAP_TRACE(TRC_ERROR, "Error - open_ssl_connection(): zor_secure_soc_init() rc=%d %s\n", rc, zorErrorText(rc));
+        ldap_set_error_direct(ld, LDAP_SECURE_CONNECT_FAILED, nullptr, nullptr);
+        ldap_set_ext_error_direct(ld, LDAP_SECURE_CONNECT_FAILED);
+        return LDAP_SECURE_CONNECT_FAILED;
+    }
+    const char *text = nullptr;
+    int length = 0;
+    if (g_zorlib.attribute_get_buffer(soc, ZOR_CONNECTION_CIPHER, &text, &length) == ZOR_OK)
+        LDAP_TRACE(TRC_API, "In open_ssl_connection(): cipher used %c%c\n", text && length > 0 ? text[0] : ' ',
+                   text && length > 1 ? text[1] : ' ');
+    if (g_zorlib.attribute_get_buffer(soc, ZOR_CONNECTION_CIPHER_NAME, &text, &length) == ZOR_OK)
+        LDAP_TRACE(TRC_API, "In open_ssl_connection(): cipher used %s\n", trace_str(text, " "));
+    text = nullptr;
+    rc = g_zorlib.attribute_get_buffer(soc, ZOR_CONNECTION_PROTOCOL, &text, &length);
+    LDAP_TRACE(TRC_API, "In open_ssl_connection(): protocol used %s\n", trace_str(text, " "));
+    return rc;
+}
+
+// The socket buffer's secure record with its lock; NULL when memory runs out.
+zor_secure_record *new_secure_record()
+{
+    auto *rec = static_cast<zor_secure_record *>(zldap::mem_calloc(1, sizeof(zor_secure_record)));
+    if (rec && LDAP_MUTEX_INIT(&rec->io_mutex) != 0) {
+        zldap::mem_free(rec);
+        rec = nullptr;
+    }
+    return rec;
+}
+
+void free_secure_record(zor_secure_record *rec)
+{
+    pthread_mutex_destroy(&rec->io_mutex);
+    zldap::mem_free(rec);
+}
+
+} // namespace
+
+int open_ssl_connection(LDAP *ld, Sockbuf *sb)
+{
+    if (!g_zorlib.secure_soc_open) {
+        LDAP_TRACE(TRC_ERROR,
+                   "Error - open_ssl_connection(): Could not open ssl connection because Zorlib was not loaded\n");
+        return LDAP_SECURE_LIB_MISSING;
+    }
+    // A session made secure by an ldaps URL before any environment existed
+    // has none to open a secure socket in. It must not go on in clear.
+    if (!ld->ld_ssl_env) {
+        LDAP_TRACE(TRC_ERROR, "Error - open_ssl_connection(): no Zorlib environment for this session\n");
+        return LDAP_SECURE_INIT_MISSING;
+    }
+    int version = toolkit_version();
+    zor_secure_record *rec = new_secure_record();
+    if (!rec)
+        return LDAP_NO_MEMORY;
+    int rc = g_zorlib.secure_soc_open(ld->ld_ssl_env->envHandle, &rec->soc);
+    if (rc != ZOR_OK) {
+        LDAP_TRACE(TRC_ERROR, "Error - open_ssl_connection(): zor_secure_soc_open() rc=%d %s\n", rc, zorErrorText(rc));
+        free_secure_record(rec);
+        return LDAP_SECURE_INIT_FAILED;
+    }
+    sb->secure = rec;
+    // Bytes read ahead in clear are no part of the secure stream.
+    fber_drop_read_ahead(sb);
+    rc = configure_socket(ld, sb, version);
+    if (rc == LDAP_SUCCESS)
+        rc = handshake(ld, rec->soc);
+    if (rc != LDAP_SUCCESS) {
+        LDAP_TRACE(TRC_ERROR,
+                   "In open_ssl_connection(): rc: %d (%s) closing ssl session and freeing socket buffer resources.\n",
+                   rc, zorErrorText(rc));
+        ssl_close_direct(sb);
+        return rc;
+    }
+    rc = setZorUserDatahandshakeMode(sb, nullptr, 0);
+    if (rc != 0) {
+        LDAP_TRACE(TRC_ERROR, "Error -  open_ssl_connection setZorUserDatahandshakeMode OFF failed. rc: %d\n", rc);
+        ssl_close_direct(sb);
+    }
+    return rc;
+}
+
 void ssl_close_direct(Sockbuf *sb)
 {
     if (!sb || !sb->secure)
         return;
-    LDAP_TRACE(TRC_CONN, "ssl_close_direct: sb(%p) secure(%p) left to its owner\n",
-               static_cast<void *>(sb), static_cast<void *>(sb->secure));
+    int rc = g_zorlib.secure_soc_close(&sb->secure->soc);
+    if (rc != ZOR_OK) {
+        LDAP_TRACE(TRC_ERROR, "In ssl_close_direct(): zor_secure_soc_close() rc=%d %s\n", rc, zorErrorText(rc));
+        return;
+    }
+    free_secure_record(sb->secure);
+    sb->secure = nullptr;
 }

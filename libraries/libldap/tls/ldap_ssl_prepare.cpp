@@ -8,6 +8,7 @@
 #include "base/trace.h"
 #include "base/version.h"
 #include "tls/ldap_ssl_env.h"
+#include "tls/ldap_ssl_io.h"
 #include "tls/ldap_ssl_modes.h"
 
 #include <cstdio>
@@ -22,11 +23,10 @@ constexpr int kDefaultSessionTimeout = 43200;
 constexpr char kInstallDir[] = "/opt/orn/ldap/V" ZLDAP_VERSION_TEXT;
 constexpr char kDefaultKdbName[] = "ldapkey.kdb";
 
-// The record every environment hands to its secure sockets. Its read, write
-// and socket-option slots are filled by the secure I/O functions; until
-// they exist the toolkit has no way to move data, so no handshake can
-// succeed.
-constexpr ZorIoCallbacks kZorIoCallbacks = {nullptr, nullptr, nullptr, nullptr, nullptr, nullptr};
+// The record every environment hands to its secure sockets: all their
+// socket I/O goes through these.
+constexpr ZorIoCallbacks kZorIoCallbacks = {client_ssl_read, client_ssl_write, nullptr, client_setSocketOpts,
+                                            nullptr, nullptr};
 
 // The toolkit's code of the call that failed, kept for the caller's reason.
 struct Failure {

@@ -1,0 +1,470 @@
+// ldap_ssl_io.cpp - the secure-socket toolkit's I/O callbacks. The toolkit
+// never touches a socket: it asks these to move bytes on the non-blocking
+// descriptor, and they wait for it within the connection's record's limits.
+// Nothing here allocates; the waits are polls (descriptors above 1023
+// work).
+#include "tls/ldap_ssl_io.h"
+
+#include "base/descriptor_wait.h"
+#include "base/trace.h"
+#include "tls/ldap_ssl_userdata.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/time.h>
+#include <unistd.h>
+
+#define LDAP_MODULE "libraries/libldap/ldap_ssl"
+
+namespace {
+
+// The record when the user data is one, else NULL (none, or the text form).
+zor_user_data *record_of(void *user_data)
+{
+    int32_t key = 0;
+    if (user_data)
+        std::memcpy(&key, user_data, sizeof key);
+    return key == kZorUserDataKey ? static_cast<zor_user_data *>(user_data) : nullptr;
+}
+
+// The state a text-form user data holds (0 when it holds no number).
+int text_state(const void *user_data)
+{
+    int state = 0;
+    if (std::sscanf(static_cast<const char *>(user_data), "%d", &state) != 1)
+        return 0;
+    return state;
+}
+
+// How one call of ssl_read or ssl_write waits, and what it has waited.
+struct Plan {
+    zor_user_data *rec = nullptr;
+    bool handshake = false;
+    bool limited = true;
+    zor_time wait{};
+    uint64_t trace = 0;
+    int conn = 0, env = 0;
+    struct timeval start {};
+    zor_time remaining{};
+
+    bool on(uint64_t flags) const { return (trace & flags) != 0; }
+    int64_t deadline() const
+    {
+        if (!limited)
+            return -1;
+        struct timeval tv {};
+        tv.tv_sec = static_cast<time_t>(wait.sec);
+        tv.tv_usec = static_cast<suseconds_t>(wait.usec);
+        return zldap::deadline_after(&tv);
+    }
+};
+
+// Chooses the mode and the wait from the user data (name is "ssl_read" or
+// "ssl_write" for the traces).
+Plan make_plan(void *user_data, const char *name, int length)
+{
+    Plan p;
+    p.rec = record_of(user_data);
+    if (!p.rec) {
+        p.wait = zor_default_wait();
+        if (user_data) {
+            int state = text_state(user_data);
+            p.handshake = state == kZorStateHandshake;
+            LDAP_TRACE(TRC_CONN,
+                       p.handshake ? "%s: SSL state %d set for handshake num_bytes=%d\n"
+                                   : "%s: SSL state %d set for read/write num_bytes=%d\n",
+                       name, state, length);
+        }
+    } else {
+        zor_user_data *r = p.rec;
+        p.handshake = r->state == kZorStateHandshake;
+        p.trace = r->trace;
+        p.conn = r->prot_conn;
+        p.env = r->prot_env;
+        p.limited = r->ioTimeout.sec > 0 || r->ioTimeout.usec > 0;
+        p.wait = r->ioTimeout;
+        if (!p.handshake && zor_data_timeout() != 0)
+            p.wait.sec = zor_data_timeout();
+        if (p.on(kZorTraceRecord)) {
+            LDAP_TRACE(TRC_CONN,
+                       "%s: user_data state: %d  handshakeMode? %d type: %d:%d timeout: %ld:%ld rem: %ld:%ld secs "
+                       "num_bytes=%d\n",
+                       name, r->state, p.handshake, p.conn, p.env, static_cast<long>(p.wait.sec),
+                       static_cast<long>(p.wait.usec), static_cast<long>(r->rem.sec), static_cast<long>(r->rem.usec),
+                       length);
+            LDAP_TRACE(TRC_CONN, "%s: userdata initial time remaining: %ld:%ld\n", name,
+                       static_cast<long>(r->rem.sec), static_cast<long>(r->rem.usec));
+        }
+    }
+    if (p.limited) {
+        gettimeofday(&p.start, nullptr);
+        p.remaining = p.wait;
+        if (p.rec && p.rec->rem.sec == 0 && p.rec->rem.usec == 0)
+            p.rec->rem = p.wait;
+    }
+    return p;
+}
+
+// Handshake mode with a limit: takes the time since the last look off the
+// remaining time. True when none is left.
+bool budget_spent(Plan &p)
+{
+    struct timeval now {};
+    gettimeofday(&now, nullptr);
+    if (timercmp(&now, &p.start, <)) {
+        LDAP_TRACE(TRC_ERROR,
+                   "Error - gettimeofday() system call returned an incorrect value. The current time (%ld.%06ld) is "
+                   "less than the start time (%ld.%06ld)\n",
+                   static_cast<long>(now.tv_sec), static_cast<long>(now.tv_usec), static_cast<long>(p.start.tv_sec),
+                   static_cast<long>(p.start.tv_usec));
+        return false;
+    }
+    int64_t elapsed = (now.tv_sec - p.start.tv_sec) * 1000000LL + (now.tv_usec - p.start.tv_usec);
+    int64_t left = p.remaining.sec * 1000000LL + p.remaining.usec - elapsed;
+    p.start = now;
+    // Floor division keeps the microseconds within 0 to 999999.
+    p.remaining.sec = left >= 0 ? left / 1000000 : -((-left + 999999) / 1000000);
+    p.remaining.usec = left - p.remaining.sec * 1000000;
+    return left < 0;
+}
+
+// The record's remaining time, seen by the next call.
+void keep_remaining(Plan &p)
+{
+    if (p.rec && p.limited)
+        p.rec->rem = p.remaining;
+}
+
+const char *env_name(int env) { return env == kZorEnvClient ? "CLIENT" : env == kZorEnvServer ? "SERVER" : "unknown"; }
+
+// Returns result with errno set to error.
+int with_errno(int result, int error)
+{
+    errno = error;
+    return result;
+}
+
+} // namespace
+
+int ssl_read(int fd, char *buffer, int length, void *user_data, int *count)
+{
+    *count = 0;
+    Plan p = make_plan(user_data, "ssl_read", length);
+    int i = 0, selects = 0, blocks = 0, rc = -1;
+    for (;;) {
+        if (p.rec)
+            p.rec->read_loop = i;
+        ssize_t n = read(fd, buffer + *count, static_cast<size_t>(length - *count));
+        int error = errno;
+        if (n == 0 || (!p.handshake && zor_data_timeout() == 0)) {
+            if (n > 0)
+                *count += static_cast<int>(n);
+            if (p.on(kZorTraceImmediate))
+                LDAP_TRACE(TRC_CONN,
+                           "ssl_read: <----- Leaving immediately. looped %d:%d  rc=%d:%d(%d:%d) handshake mode? %d "
+                           "type: %d:%d\n",
+                           i, selects, static_cast<int>(n), error, *count, length, p.handshake, p.conn, p.env);
+            return with_errno(static_cast<int>(n), error);
+        }
+        if (n > 0) {
+            *count += static_cast<int>(n);
+            if (*count == length) {
+                if (p.on(kZorTraceLeaving))
+                    LDAP_TRACE(TRC_CONN, "ssl_read: <----- Leaving. looped %d:%d bytes: %d of %d\n", i, selects,
+                               *count, length);
+                return length;
+            }
+            selects = 0;
+            i++;
+            if (p.on(kZorTraceLooping))
+                LDAP_TRACE(TRC_CONN, "ssl_read: (%d)looping selects %d:%d rc: %d mode: %d bytes2go: %d of %d\n", i,
+                           selects, blocks, static_cast<int>(n), p.handshake, length - *count, length);
+            continue;
+        }
+        if (error != EWOULDBLOCK) {
+            LDAP_TRACE(TRC_ERROR, "Error - ssl_read: in SSL errno=%d EWOULDBLOCK=%d EAGAIN=%d\n", error, EWOULDBLOCK,
+                       EAGAIN);
+            errno = error;
+            break;
+        }
+        selects++;
+        blocks++;
+        if (p.rec)
+            p.rec->read_blocks = blocks;
+        if (p.handshake && p.limited && budget_spent(p)) {
+            LDAP_TRACE(TRC_CONN, "ssl_read: non EWOULDBLOCK SSL time out after: %ld.%06ld sec\n",
+                       static_cast<long>(p.wait.sec), static_cast<long>(p.wait.usec));
+            rc = with_errno(-3, EIO);
+            break;
+        }
+        keep_remaining(p);
+        if (!p.limited)
+            LDAP_TRACE(TRC_CONN, "ssl_read: entering UNLIMITED wait for SSL ...\n");
+        else if (p.on(kZorTraceLooping))
+            LDAP_TRACE(TRC_CONN, "ssl_read: %s: (%d) looping waiting on EWOULDBLOCK. mode: %d  selects %d:%d bytes: %d:%d \n",
+                       p.env == kZorEnvServer ? "server" : "client", i, p.handshake, selects, blocks, *count, length);
+        int ready = zldap::wait_for_descriptor(fd, POLLIN, p.deadline());
+        if (p.limited && p.on(kZorTraceSelect))
+            LDAP_TRACE(TRC_CONN, "ssl_read: select %d:%d rc: %d mode: %d secs: %ld:%ld of %ld:%ld\n", selects, blocks,
+                       ready, p.handshake, static_cast<long>(p.remaining.sec), static_cast<long>(p.remaining.usec),
+                       static_cast<long>(p.wait.sec), static_cast<long>(p.wait.usec));
+        if (ready < 0) {
+            LDAP_TRACE(TRC_ERROR, "ssl_read: Error select failed with INVALID_SOCKET: errno = %d \n", errno);
+            rc = with_errno(-1, EWOULDBLOCK);
+            break;
+        }
+        if (ready == 0) {
+            if (p.handshake) {
+                LDAP_TRACE(TRC_ERROR,
+                           "Error - ssl_read: select %d:%d timed out after:  %ld:%ld sec, connType: %d env: %s\n",
+                           selects, blocks, static_cast<long>(p.wait.sec), static_cast<long>(p.wait.usec), p.conn,
+                           env_name(p.env));
+                rc = with_errno(-2, EIO);
+                break;
+            }
+            if (p.on(kZorTraceTimeout))
+                LDAP_TRACE(TRC_CONN,
+                           "ssl_read:  type:%d  non handshake mode selects %d:%d bytes: %d:%d timed out after: "
+                           "%ld.%06ld sec. retry read\n",
+                           p.conn, selects, blocks, *count, length, static_cast<long>(p.wait.sec),
+                           static_cast<long>(p.wait.usec));
+            if (p.on(kZorTraceLeaving))
+                LDAP_TRACE(TRC_CONN,
+                           "ssl_read: TIMEOUT. returning EWOULDBLOCK. non handshake mode. loop: %d Type: %d:%d "
+                           "selects %d:%d bytes: %d of %d remaining\n",
+                           i, p.conn, p.env, selects, blocks, length - *count, length);
+            rc = with_errno(-1, EWOULDBLOCK);
+            break;
+        }
+        if (p.on(kZorTraceLooping))
+            LDAP_TRACE(TRC_CONN, "ssl_read: looping %d EWOULDBLOCK cleared secs: %ld:%ld %ld:%ld. select rc:%d(%d:%d)\n",
+                       i, static_cast<long>(p.remaining.sec), static_cast<long>(p.remaining.usec),
+                       static_cast<long>(p.wait.sec), static_cast<long>(p.wait.usec), ready, selects, blocks);
+        i++;
+    }
+    int error = errno;
+    if (p.on(kZorTraceLeaving))
+        LDAP_TRACE(TRC_CONN,
+                   "ssl_read: <---- Leaving ERROR loop: %d rc=%d:%d handshake mode: %d type: %d:%d bytes: %d:%d "
+                   "selects: %d:%d \n",
+                   i, rc, error, p.handshake, p.conn, p.env, *count, length, selects, blocks);
+    return with_errno(rc, error);
+}
+
+int ssl_write(int fd, const char *buffer, int length, void *user_data, int *count)
+{
+    *count = 0;
+    Plan p = make_plan(user_data, "ssl_write", length);
+    int i = 0, selects = 0, blocks = 0, rc = -1;
+    for (;;) {
+        if (p.rec)
+            p.rec->write_loop = i;
+        ssize_t n = write(fd, buffer + *count, static_cast<size_t>(length - *count));
+        int error = errno;
+        if (!p.handshake && zor_data_timeout() == 0) {
+            if (p.on(kZorTraceLeaving))
+                LDAP_TRACE(TRC_CONN,
+                           "ssl_write: <--- Leaving ERROR loop: %d rc=%d bytes: %d handshake mode? %d type: %d:%d "
+                           "selects: %d:%d\n",
+                           i, static_cast<int>(n), *count, p.handshake, p.conn, p.env, selects, blocks);
+            return with_errno(static_cast<int>(n), error);
+        }
+        if (n == 0) {
+            LDAP_TRACE(TRC_CONN,
+                       "ssl_write:   Leaving.  WARNING rc=0 selects: %d:%d  errno:=%d bytes:%d loop: %d handshake "
+                       "mode: %d type: %d:%d \n",
+                       selects, blocks, error, *count, i, p.handshake, p.conn, p.env);
+            return with_errno(0, error);
+        }
+        if (n > 0) {
+            *count += static_cast<int>(n);
+            if (*count == length)
+                return length;
+            selects = 0;
+            i++;
+            continue;
+        }
+        if (error != EWOULDBLOCK) {
+            LDAP_TRACE(TRC_ERROR, "Error - ssl_write: in SSL errno=%d EWOULDBLOCK=%d EAGAIN=%d\n", error, EWOULDBLOCK,
+                       EAGAIN);
+            errno = error;
+            break;
+        }
+        selects++;
+        blocks++;
+        if (p.rec)
+            p.rec->write_blocks = blocks;
+        if (p.handshake && p.limited && budget_spent(p)) {
+            LDAP_TRACE(TRC_CONN, "ssl_write: SSL timed out after: %ld.%06ld sec\n", static_cast<long>(p.wait.sec),
+                       static_cast<long>(p.wait.usec));
+            rc = with_errno(-3, EIO);
+            break;
+        }
+        keep_remaining(p);
+        if (!p.limited)
+            LDAP_TRACE(TRC_CONN, "ssl_write: entering UNLIMITED wait for SSL...\n");
+        int ready = zldap::wait_for_descriptor(fd, POLLOUT, p.deadline());
+        if (ready < 0) {
+            LDAP_TRACE(TRC_ERROR, "Error - ssl_write: select failed: %d handshake mode? %d \n", errno, p.handshake);
+            rc = with_errno(-1, EWOULDBLOCK);
+            break;
+        }
+        if (ready == 0) {
+            if (p.handshake) {
+                LDAP_TRACE(TRC_ERROR, "ssl_write: %d: select timed out after: %ld.%06ld sec\n", fd,
+                           static_cast<long>(p.wait.sec), static_cast<long>(p.wait.usec));
+                rc = with_errno(-2, EIO);
+                break;
+            }
+            if (p.on(kZorTraceTimeout))
+                LDAP_TRACE(TRC_CONN,
+                           "ssl_write: type:%d  non handshake mode selects %d:%d timed out after: %ld.%06ld sec. "
+                           "retry write \n",
+                           p.conn, selects, blocks, static_cast<long>(p.wait.sec), static_cast<long>(p.wait.usec));
+            if (p.on(kZorTraceLeaving))
+                LDAP_TRACE(TRC_CONN,
+                           "ssl_write: TIMEOUT returning EWOULDBLOCK. non handshake mode. loop: %d Type: %d:%d "
+                           "selects %d:%d bytes: %d of %d remaining\n",
+                           i, p.conn, p.env, selects, blocks, length - *count, length);
+            rc = with_errno(-1, EWOULDBLOCK);
+            break;
+        }
+        if (p.on(kZorTraceSelect))
+            LDAP_TRACE(TRC_CONN, "ssl_write: select rc:%d (%d:%d) \n", ready, selects, blocks);
+        else if (p.on(kZorTraceLooping))
+            LDAP_TRACE(TRC_CONN, "ssl_write: looping %d EWOULDBLOCK cleared. secs: %ld:%ld %ld:%ld select rc:%d(%d:%d)\n",
+                       i, static_cast<long>(p.remaining.sec), static_cast<long>(p.remaining.usec),
+                       static_cast<long>(p.wait.sec), static_cast<long>(p.wait.usec), ready, selects, blocks);
+        i++;
+    }
+    int error = errno;
+    if (p.on(kZorTraceLeaving))
+        LDAP_TRACE(TRC_CONN,
+                   "ssl_write: <--- Leaving ERROR loop: %d rc=%d bytes: %d handshake mode? %d type: %d:%d selects: "
+                   "%d:%d\n",
+                   i, rc, *count, p.handshake, p.conn, p.env, selects, blocks);
+    return with_errno(rc, error);
+}
+
+namespace {
+
+// What the two callbacks share around their loop.
+struct CallbackTexts {
+    const char *entering;
+    const char *partial;      // bytes moved, length, result
+    const char *select_timeout;
+    const char *budget_spent;
+    const char *leaving;      // the full form
+    const char *leaving_short;
+};
+
+constexpr CallbackTexts kReadTexts = {
+    "client_ssl_read: --> Entering %d  userData: %p bytes: %d handshakeMode? %d \n",
+    "client_ssl_read: EWOULDBLOCK timeout after %d of %d bytes read. returning %d\n",
+    "client_ssl_read:  EIO due to handshake mode EWOULDBLOCK timeout\n",
+    "client_ssl_read: EIO due to handshake mode nonEWOULDBLOCK timeout\n",
+    "client_ssl_read: <----- Leaving %d %s %d %s handshake? %d rc: %d:%d read: %d of %d\n",
+    "client_ssl_read: <-- Leaving %d  WOULDBLOCK count: %d %s handshake? %d rc: %d:%d  %d of %d bytes sent\n",
+};
+
+constexpr CallbackTexts kWriteTexts = {
+    "client_ssl_write: --> Entering %d  userData: %p bytes: %d handshakeMode? %d \n",
+    "client_ssl_write: <-- Leaving. EWOULDBLOCK timeout after %d of %d bytes sent returning %d\n",
+    "client_ssl_write:  EIO due to handshake mode EWOULDBLOCK timeout\n",
+    "client_ssl_write  EIO due to handshake mode nonEWOULDBLOCK timeout\n",
+    "client_ssl_write: <-- Leaving %d %s %d  %s handshake? %d rc: %d:%d  %d of %d bytes sent\n",
+    "client_ssl_write: <-- Leaving %d  WOULDBLOCK count: %d %s handshake? %d rc: %d:%d  %d of %d bytes sent\n",
+};
+
+template <class Buffer, class Loop>
+int run_callback(const CallbackTexts &texts, bool reading, int fd, Buffer buffer, int length, void *user_data,
+                 Loop loop)
+{
+    zor_user_data *rec = record_of(user_data);
+    int previous_blocks = 0, mode = -1;
+    if (rec) {
+        int32_t &blocks = reading ? rec->read_blocks : rec->write_blocks;
+        previous_blocks = blocks;
+        // The words at offsets 72, 76 and 88 count reads, 80, 84 and 92 writes.
+        static constexpr int kReadWords[] = {0, 1, 4}, kWriteWords[] = {2, 3, 5};
+        for (int word : reading ? kReadWords : kWriteWords)
+            rec->counters[word] = 0;
+        blocks = 0;
+        (reading ? rec->read_loop : rec->write_loop) = 0;
+        mode = rec->state == kZorStateHandshake;
+    } else if (user_data) {
+        mode = text_state(user_data) == kZorStateHandshake;
+    }
+    bool quiet = rec && (rec->trace & kZorTraceQuiet);
+    if (!quiet)
+        LDAP_TRACE(TRC_CONN, texts.entering, fd, user_data, length, mode);
+    int count = 0;
+    int result = loop(fd, buffer, length, user_data, &count);
+    int error = errno;
+    bool timed_out = false;
+    if (result < 0 && error == EWOULDBLOCK && count > 0) {
+        LDAP_TRACE(TRC_CONN, texts.partial, count, length, count);
+        result = count;
+    } else if (result < 0 && error == EIO && (result == -2 || result == -3)) {
+        LDAP_TRACE(TRC_CONN, "%s", result == -2 ? texts.select_timeout : texts.budget_spent);
+        result = -1;
+        timed_out = true;
+    }
+    int blocks = rec ? (reading ? rec->read_blocks : rec->write_blocks) : 0;
+    if (!quiet)
+        LDAP_TRACE(TRC_CONN, texts.leaving, fd, blocks ? "EWOULDBLOCK count: " : "no blocks:", blocks,
+                   timed_out ? "TIMEOUT" : "", mode, result, error, count, length);
+    else if (previous_blocks != 0)
+        LDAP_TRACE(TRC_CONN, texts.leaving_short, fd, blocks, timed_out ? "TIMEOUT" : "", mode, result, error, count,
+                   length);
+    return with_errno(result, error);
+}
+
+int setSocketOpts(int fd, int command, void *user_data)
+{
+    // A record is never written over: the command is kept in a text only.
+    if (user_data && !record_of(user_data)) {
+        char *text = static_cast<char *>(user_data);
+        int current = text_state(text);
+        LDAP_TRACE(TRC_CONN, "setSocketOpts  cmd: %d userData cmd: %d\n", command, current);
+        if (current == command)
+            return 0;
+        char digits[16];
+        int n = std::snprintf(digits, sizeof digits, "%d", command);
+        if (n < 0 || n > 7)
+            return -1;
+        std::memcpy(text, digits, static_cast<size_t>(n) + 1);
+    } else {
+        LDAP_TRACE(TRC_CONN, "setSocketOpts  cmd: %d no user data\n", command);
+    }
+    int flags = fcntl(fd, F_GETFL);
+    if (flags < 0)
+        flags = 0;
+    if (command != kZorStateHandshake && command != kZorStateReadWrite) {
+        LDAP_TRACE(TRC_CONN, "setSocketOpts  cmd: %d NOT setting socket non blocking\n", command);
+        return -1;
+    }
+    LDAP_TRACE(TRC_CONN, "setSocketOpts  cmd: %d setting socket non blocking\n", command);
+    return fcntl(fd, F_SETFL, flags | O_NONBLOCK);
+}
+
+} // namespace
+
+int client_ssl_read(int fd, void *buffer, int length, void *user_data)
+{
+    return run_callback(kReadTexts, true, fd, static_cast<char *>(buffer), length, user_data, ssl_read);
+}
+
+int client_ssl_write(int fd, const void *buffer, int length, void *user_data)
+{
+    return run_callback(kWriteTexts, false, fd, static_cast<const char *>(buffer), length, user_data, ssl_write);
+}
+
+int client_setSocketOpts(int fd, int command, void *user_data)
+{
+    LDAP_TRACE(TRC_CONN, "client_setSocketOpts: cmd %d   userData: %p\n", command, user_data);
+    return setSocketOpts(fd, command, user_data);
+}
