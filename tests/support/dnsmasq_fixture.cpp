@@ -1,14 +1,10 @@
 // dnsmasq_fixture.cpp - configuration, start and stop of the test dnsmasq.
 #include "dnsmasq_fixture.h"
 
+#include "child_process.h"
 #include "loopback.h"
 
-#include <chrono>
-#include <csignal>
-#include <fcntl.h>
 #include <fstream>
-#include <sys/wait.h>
-#include <thread>
 #include <unistd.h>
 
 namespace zldap_test {
@@ -35,37 +31,13 @@ Dnsmasq::Dnsmasq(const std::vector<std::string> &lines)
         for (const std::string &line : lines)
             out << line << "\n";
         out.close();
-        // Built before the fork: the child only calls what is safe there.
-        const std::string conf_option = "--conf-file=" + conf;
-        const std::string log_option = "--log-facility=" + log;
-        pid_t pid = fork();
-        if (pid == 0) {
-            int fd = open(log.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
-            if (fd >= 0) {
-                dup2(fd, 1);
-                dup2(fd, 2);
-            }
-            // In the foreground, so that this pid is the server's.
-            execl(kDnsmasq, kDnsmasq, conf_option.c_str(), "--keep-in-foreground", log_option.c_str(),
-                  static_cast<char *>(nullptr));
-            _exit(127);
-        }
+        pid_t pid = Spawn({kDnsmasq, "--conf-file=" + conf, "--keep-in-foreground", "--log-facility=" + log}, log);
         if (pid < 0)
             break;
-        // Up to 10 s for a loaded machine to bring the server up; it
-        // listens on TCP once its UDP socket is bound as well.
-        bool exited = false;
-        for (int i = 0; i < 200 && !exited; i++) {
-            if (Connects(AF_INET, port_)) {
-                pid_ = pid;
-                return;
-            }
-            exited = waitpid(pid, nullptr, WNOHANG) == pid; // the port may have been taken meanwhile
-            std::this_thread::sleep_for(std::chrono::milliseconds(50));
-        }
-        if (!exited) {
-            kill(pid, SIGKILL);
-            waitpid(pid, nullptr, 0);
+        // It listens on TCP once its UDP socket is bound as well.
+        if (AwaitReady(pid, [&] { return Connects(AF_INET, port_); })) {
+            pid_ = pid;
+            return;
         }
     }
     error_ = "dnsmasq did not start: " + ReadFile(log);
@@ -73,21 +45,6 @@ Dnsmasq::Dnsmasq(const std::vector<std::string> &lines)
 
 Dnsmasq::~Dnsmasq() { Stop(); }
 
-void Dnsmasq::Stop()
-{
-    if (pid_ <= 0)
-        return;
-    kill(pid_, SIGTERM);
-    for (int i = 0; i < 100; i++) { // up to 5 s for a clean stop
-        if (waitpid(pid_, nullptr, WNOHANG) == pid_) {
-            pid_ = -1;
-            return;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    }
-    kill(pid_, SIGKILL);
-    waitpid(pid_, nullptr, 0);
-    pid_ = -1;
-}
+void Dnsmasq::Stop() { StopChild(&pid_); }
 
 } // namespace zldap_test

@@ -1,18 +1,14 @@
 // slapd_fixture.cpp - configuration, data, start and stop of the test slapd.
 #include "slapd_fixture.h"
 
+#include "child_process.h"
 #include "ldif.h"
 #include "loopback.h"
 
-#include <chrono>
-#include <csignal>
 #include <cstdio>
-#include <fcntl.h>
 #include <fstream>
 #include <sstream>
 #include <sys/stat.h>
-#include <sys/wait.h>
-#include <thread>
 #include <unistd.h>
 #include <vector>
 
@@ -22,36 +18,6 @@ namespace {
 
 constexpr const char *kSlapd = "/usr/sbin/slapd";
 constexpr const char *kSlapadd = "/usr/sbin/slapadd";
-
-// Starts a program with its output appended to `log`; its pid, or -1.
-pid_t Spawn(const std::vector<std::string> &argv, const std::string &log)
-{
-    pid_t pid = fork();
-    if (pid == 0) {
-        int out = open(log.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
-        if (out >= 0) {
-            dup2(out, 1);
-            dup2(out, 2);
-        }
-        std::vector<char *> args;
-        for (const std::string &a : argv)
-            args.push_back(const_cast<char *>(a.c_str()));
-        args.push_back(nullptr);
-        execv(args[0], args.data());
-        _exit(127);
-    }
-    return pid;
-}
-
-// Runs a program to completion; its exit status.
-int Run(const std::vector<std::string> &argv, const std::string &log)
-{
-    pid_t pid = Spawn(argv, log);
-    int status = 0;
-    if (pid < 0 || waitpid(pid, &status, 0) != pid)
-        return -1;
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-}
 
 std::string Config(const std::string &dir, const SlapdData &data)
 {
@@ -203,41 +169,17 @@ bool Slapd::Launch()
         pid_t pid = Spawn({kSlapd, "-f", dir + "/slapd.conf", "-h", listen, "-d", "0"}, dir + "/slapd.log");
         if (pid < 0)
             break;
-        // Up to 10 s for a loaded machine to bring the server up.
-        bool exited = false;
-        for (int i = 0; i < 200 && !exited; i++) {
-            if (Connects(AF_INET, port_) && (!ldaps_port_ || Connects(AF_INET, ldaps_port_))) {
-                pid_ = pid;
-                return true;
-            }
-            exited = waitpid(pid, nullptr, WNOHANG) == pid; // the port may have been taken meanwhile
-            std::this_thread::sleep_for(std::chrono::milliseconds(50));
-        }
-        if (!exited) {
-            kill(pid, SIGKILL);
-            waitpid(pid, nullptr, 0);
+        auto listening = [&] { return Connects(AF_INET, port_) && (!ldaps_port_ || Connects(AF_INET, ldaps_port_)); };
+        if (AwaitReady(pid, listening)) {
+            pid_ = pid;
+            return true;
         }
     }
     error_ = "slapd did not start: " + ReadFile(dir + "/slapd.log");
     return false;
 }
 
-void Slapd::Stop()
-{
-    if (pid_ <= 0)
-        return;
-    kill(pid_, SIGTERM);
-    for (int i = 0; i < 100; i++) { // up to 5 s for a clean stop
-        if (waitpid(pid_, nullptr, WNOHANG) == pid_) {
-            pid_ = -1;
-            return;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    }
-    kill(pid_, SIGKILL);
-    waitpid(pid_, nullptr, 0);
-    pid_ = -1;
-}
+void Slapd::Stop() { StopChild(&pid_); }
 
 Slapd &SharedSlapd()
 {
