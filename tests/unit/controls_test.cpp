@@ -75,7 +75,6 @@ TEST(PutControls, WritesExactBytesOrNothing)
     EXPECT_EQ(ToHex(Put(none)), "");
     EXPECT_EQ(ToHex(Put(without_oid, LDAP_ENCODING_ERROR)), "");
     EXPECT_EQ(ToHex(Put(too_long, LDAP_ENCODING_ERROR)), "");
-    EXPECT_EQ(put_ctrls_into_ber(nullptr, one), LDAP_ENCODING_ERROR);
 }
 
 // What follows a response's operation: Controls read, no Controls (no
@@ -146,9 +145,6 @@ TEST(GetControls, ReadsWhatIsThereAndRefusesWhatIsMalformed)
     BerPtr ber = ExactReader(Controls({good}));
     EXPECT_EQ(get_ctrls_from_ber(ber.get(), nullptr), LDAP_SUCCESS);
     EXPECT_EQ(ber->ber_ptr, ber->ber_buf) << "nothing is read without an out pointer";
-    LDAPControl **out = nullptr;
-    EXPECT_EQ(get_ctrls_from_ber(nullptr, &out), LDAP_SUCCESS);
-    EXPECT_EQ(out, nullptr);
 }
 
 TEST(ControlLists, CreateCopiesTypeAndValueOrRefuses)
@@ -164,7 +160,6 @@ TEST(ControlLists, CreateCopiesTypeAndValueOrRefuses)
     ctrl = reinterpret_cast<LDAPControl *>(1);
     EXPECT_EQ(ldap_create_control(nullptr, 0, nullptr, 0, &ctrl), LDAP_PARAM_ERROR);
     EXPECT_EQ(ctrl, nullptr);
-    EXPECT_EQ(ldap_create_control("1.2.3", 0, nullptr, 0, nullptr), LDAP_PARAM_ERROR);
     EXPECT_EQ(ldap_create_control("1.2.3", 4, nullptr, 0, &ctrl), LDAP_PARAM_ERROR);
     EXPECT_EQ(ldap_create_control("1.2.3", 0x80000000ul, "x", 0, &ctrl), LDAP_PARAM_ERROR);
 }
@@ -189,14 +184,9 @@ TEST(ControlLists, AddMergeRemoveAndFree)
     LDAPControl **before = owned.list;
     LDAPControl *empty[] = {nullptr}, stranger{};
     EXPECT_EQ(ldap_add_control("1.3", 2, nullptr, 0, &owned.list), LDAP_PARAM_ERROR);
-    EXPECT_EQ(ldap_add_control(nullptr, 0, nullptr, 0, &owned.list), LDAP_PARAM_ERROR);
-    EXPECT_EQ(ldap_add_control("1.3", 0, nullptr, 0, nullptr), LDAP_PARAM_ERROR);
     EXPECT_EQ(ldap_merge_control_lists(&owned.list, nullptr), LDAP_SUCCESS);
     EXPECT_EQ(ldap_merge_control_lists(&owned.list, empty), LDAP_SUCCESS);
-    EXPECT_EQ(ldap_merge_control_lists(nullptr, before), LDAP_SUCCESS);
-    EXPECT_EQ(ldap_remove_control(nullptr, &owned.list, 1), LDAP_PARAM_ERROR);
     EXPECT_EQ(ldap_remove_control(&stranger, &owned.list, 1), LDAP_PARAM_ERROR);
-    EXPECT_EQ(ldap_remove_control(x1, nullptr, 1), LDAP_PARAM_ERROR);
     EXPECT_EQ(owned.list, before);
 
     ASSERT_EQ(ldap_remove_control(x1, &owned.list, 1), LDAP_SUCCESS);
@@ -212,9 +202,6 @@ TEST(ControlLists, AddMergeRemoveAndFree)
     ldap_free_empty_control_list(&owned.list);
     EXPECT_EQ(owned.list, nullptr);
     ldap_control_free(last);
-    ldap_free_empty_control_list(&owned.list);
-    ldap_free_empty_control_list(nullptr);
-    ldap_control_free(nullptr);
 }
 
 TEST(ProxyDnPrefix, AddsThePrefixOnlyWhenMissing)
@@ -229,9 +216,6 @@ TEST(ProxyDnPrefix, AddsThePrefixOnlyWhenMissing)
         EXPECT_STREQ(out, c[1]);
         zldap::mem_free(out);
     }
-    char *out = nullptr;
-    EXPECT_EQ(ldap_proxy_dn_prefix(nullptr, "cn=x"), LDAP_PARAM_ERROR);
-    EXPECT_EQ(ldap_proxy_dn_prefix(&out, nullptr), LDAP_PARAM_ERROR);
 }
 
 class Session : public testing::Test {
@@ -257,39 +241,26 @@ TEST_F(Session, CriticalClientControlRefusesBeforeAnythingElse)
     EXPECT_EQ(server, nullptr);
     EXPECT_EQ(copied, 0);
     EXPECT_EQ(ldap_get_errno(ld), LDAP_UNAVAILABLE_CRITICAL_EXTENSION);
-    EXPECT_EQ(ldap_check_client_controls(ld, nullptr, nullptr, &copied), LDAP_PARAM_ERROR);
 }
 
 // The connection keeps its own copy of the last bind's controls and hands
-// out copies; the next bind replaces them, one without controls or a
-// failed copy clears them. Left stored at unbind: released with the
-// connection.
+// out copies; the next bind replaces them, one without controls clears
+// them. Left stored at unbind: released with the connection. (A failed
+// copy clearing them is a row of the allocation sweep.)
 TEST_F(Session, BindControlsAreStoredAndHandedOutAsCopies)
 {
     LDAPControl **out = nullptr;
-    EXPECT_EQ(ldap_get_bind_controls(ld, nullptr), LDAP_PARAM_ERROR);
-    EXPECT_EQ(ldap_store_bind_controls(nullptr, nullptr), LDAP_PARAM_ERROR);
-    EXPECT_EQ(ldap_get_errno(ld), LDAP_PARAM_ERROR);
-    ASSERT_EQ(ldap_get_bind_controls(ld, &out), LDAP_SUCCESS);
-    EXPECT_EQ(out, nullptr) << "no bind yet";
     OwnedList first, next;
     first.Add("1.3.6.1.4.1.42.2.27.8.5.1", std::string("\x30\x00", 2), 0);
     next.Add("1.9");
     next.Add("1.8");
-    for (LDAPControl **response : {first.list, next.list}) {
+    for (LDAPControl **response : {first.list, next.list, static_cast<LDAPControl **>(nullptr), next.list}) {
         ASSERT_EQ(ldap_store_bind_controls(ld, response), LDAP_SUCCESS);
         ASSERT_EQ(ldap_get_bind_controls(ld, &out), LDAP_SUCCESS);
         EXPECT_EQ(Describe(out), Describe(response));
-        EXPECT_NE(out[0], ld->ld_defconn->lconn_ctrls[0]);
+        EXPECT_TRUE(!out || out[0] != ld->ld_defconn->lconn_ctrls[0]);
         ldap_controls_free(out);
     }
-    ASSERT_EQ(ldap_store_bind_controls(ld, nullptr), LDAP_SUCCESS);
-    ASSERT_EQ(ldap_store_bind_controls(ld, first.list), LDAP_SUCCESS);
-    zldap::mem_tracking_start(1);
-    EXPECT_EQ(ldap_store_bind_controls(ld, next.list), LDAP_NO_MEMORY);
-    EXPECT_EQ(zldap::mem_tracking_stop().live, -4) << "the earlier list (array, control, OID, value) is released";
-    EXPECT_EQ(ld->ld_defconn->lconn_ctrls, nullptr);
-    ASSERT_EQ(ldap_store_bind_controls(ld, next.list), LDAP_SUCCESS);
 }
 
 // An entry's controls follow its protocol operation; reading them moves

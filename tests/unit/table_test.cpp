@@ -1,6 +1,6 @@
 // The per-connection message table: id assignment and growth, release,
 // row ownership, LDAP_RES_ANY, and the operations on referral child rows.
-// Filing and handing out responses is tested through the engine.
+// Filing, queueing and handing out responses is tested through the engine.
 #include "conn/ldap_connect.h"
 #include "core/ldap_error.h"
 #include "message/ldap_queue.h"
@@ -51,17 +51,6 @@ LDAPMessage *FileResponse(ldap_msg_table *table, int id, int type)
     LDAPMessage *msg = Response(table, id, type);
     EXPECT_EQ(put_msg_in_table(table, msg), 0);
     return msg;
-}
-
-TEST(Message, TheResponsesThatEndARequest)
-{
-    LDAPMessage msg{};
-    for (int type = 0; type < 0x100; type++) {
-        msg.msg_type = type;
-        bool last = type == 0x61 || type == 0x65 || type == 0x67 || type == 0x69 || type == 0x6B || type == 0x6D ||
-                    type == 0x6F || type == 0x78;
-        EXPECT_EQ(is_last_msg(&msg), last ? 1 : 0) << std::hex << type;
-    }
 }
 
 TEST(TableIds, StartAtOneComeBackAfterTheWrapAndGrowWhenOnlyRowZeroIsFree)
@@ -118,20 +107,6 @@ TEST(TableLifetime, FreeingATableReleasesEverythingInIt)
     table->partial->msg_ber = fber_alloc_t(0);
     ldap_msg_table_free(table); // the sanitizer build finds anything left behind
     ldap_msg_table_free(nullptr);
-}
-
-TEST(TableFiling, QueuedMessagesReachTheirRowInOrder)
-{
-    TablePtr table = NewTable(8);
-    int id = ldap_msg_table_get_next_msgid(table.get());
-    PutRequest(table.get(), id);
-    LDAPMessage *entry = Response(table.get(), id, 0x64), *done = Response(table.get(), id, 0x65);
-    put_msg_in_queue(table.get(), entry);
-    put_msg_in_queue(table.get(), done);
-    flush_queue(table.get());
-    EXPECT_EQ(table->queue_first, nullptr);
-    EXPECT_TRUE(table->rows[id].first_result == entry && entry->msg_next == done && table->rows[id].last_result == done);
-    EXPECT_TRUE(table->rows[id].flags & LDAP_ROW_DONE);
 }
 
 class TableOwnership : public testing::Test {
