@@ -363,7 +363,7 @@ ber_tag_t get_item(BerElement *ber, const char *f, va_list *ap, ber_tag_t curren
 
 } // namespace
 
-ber_tag_t fber_get_tag(BerElement *ber, ber_len_t *len)
+ber_tag_t fber_get_header(BerElement *ber, ber_len_t *len)
 {
     if (!ber || !len || ber->ber_end - ber->ber_ptr < 2)
         return LBER_DEFAULT;

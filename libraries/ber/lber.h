@@ -69,7 +69,21 @@ int fber_printf_noxlate(BerElement *ber, const char *fmt, ...);
 int vfber_printf(BerElement *ber, const char *fmt, va_list ap, int mode);
 
 // The decoder. Each returns the tag read, or LBER_DEFAULT on failure.
-ber_tag_t fber_get_tag(BerElement *ber, ber_len_t *len);
+// fber_get_tag reads the usual one-octet tag with a short length in line
+// and leaves every other header to fber_get_header.
+ber_tag_t fber_get_header(BerElement *ber, ber_len_t *len);
+inline ber_tag_t fber_get_tag(BerElement *ber, ber_len_t *len)
+{
+    if (ber && len && ber->ber_end - ber->ber_ptr >= 2) {
+        auto *p = reinterpret_cast<const unsigned char *>(ber->ber_ptr);
+        if ((p[0] & 0x1F) != 0x1F && p[1] < 0x80) {
+            ber->ber_ptr += 2;
+            *len = p[1];
+            return p[0];
+        }
+    }
+    return fber_get_header(ber, len);
+}
 ber_tag_t fber_peek_tag(BerElement *ber, ber_len_t *len);
 int fber_skip_element(BerElement *ber);
 ber_tag_t fber_first_element(BerElement *ber, ber_len_t *len, char **last);
