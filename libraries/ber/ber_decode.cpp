@@ -24,13 +24,6 @@ ber_len_t bytes_left(const BerElement *ber)
     return ber->ber_ptr < ber->ber_end ? static_cast<ber_len_t>(ber->ber_end - ber->ber_ptr) : 0;
 }
 
-// Advances at most to ber_end: a length that runs past the data leaves the
-// element exhausted rather than pointing outside it.
-void advance(BerElement *ber, ber_len_t len)
-{
-    ber->ber_ptr += len < bytes_left(ber) ? len : bytes_left(ber);
-}
-
 bool translates(const BerElement *ber, ber_len_t len)
 {
     return len > 0 && !(ber->ber_no_xlate && *ber->ber_no_xlate != 0) && ber->ber_version &&
@@ -42,15 +35,6 @@ bool translates(const BerElement *ber, ber_len_t len)
 int to_local(const BerElement *ber, char **value, ber_len_t *len)
 {
     return translates(ber, *len) ? xlate_utf8_to_local(value, len, 1) : 0;
-}
-
-ber_tag_t skip_element(BerElement *ber)
-{
-    ber_len_t len;
-    ber_tag_t tag = fber_get_tag(ber, &len);
-    if (tag != LBER_DEFAULT)
-        advance(ber, len);
-    return tag;
 }
 
 // The contents of the next element in a new NUL-terminated buffer. The
@@ -388,20 +372,7 @@ ber_tag_t fber_get_header(BerElement *ber, ber_len_t *len)
     return tag;
 }
 
-ber_tag_t fber_peek_tag(BerElement *ber, ber_len_t *len)
-{
-    if (!ber)
-        return LBER_DEFAULT;
-    char *saved = ber->ber_ptr;
-    ber_len_t value;
-    ber_tag_t tag = fber_get_tag(ber, &value);
-    ber->ber_ptr = saved;
-    if (tag != LBER_DEFAULT && len)
-        *len = value;
-    return tag;
-}
-
-int fber_skip_element(BerElement *ber) { return skip_element(ber) == LBER_DEFAULT ? -1 : 0; }
+int fber_skip_element(BerElement *ber) { return fber_skip(ber) == LBER_DEFAULT ? -1 : 0; }
 
 ber_tag_t fber_first_element(BerElement *ber, ber_len_t *len, char **last)
 {
@@ -436,8 +407,6 @@ ber_tag_t fber_get_int(BerElement *ber, int *value)
 void fber_trace_format(BerElement *ber, const char *fmt) { trace_scanf(ber, fmt); }
 
 bool fber_translates_strings(const BerElement *ber) { return translates(ber, 1); }
-
-ber_tag_t fber_skip(BerElement *ber) { return skip_element(ber); }
 
 ber_tag_t fber_read_string(BerElement *ber, char **out) { return read_string(ber, out); }
 
