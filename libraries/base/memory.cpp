@@ -4,6 +4,7 @@
 #include <atomic>
 #include <cstdlib>
 #include <cstring>
+#include <malloc.h>
 
 namespace zldap {
 namespace {
@@ -102,6 +103,8 @@ void mem_free(void *ptr)
     count_live(-1);
     std::free(ptr);
 }
+
+size_t mem_block_size(const void *block) { return block ? malloc_usable_size(const_cast<void *>(block)) : 0; }
 
 void mem_tracking_start(long fail_at)
 {

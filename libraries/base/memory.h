@@ -17,6 +17,10 @@ char *mem_strdup(const char *text);
 // Copies at most len bytes and always appends a NUL.
 char *mem_strndup(const char *text, size_t len);
 void mem_free(void *ptr);
+// The octets a block from this seam spans (at least the size asked for).
+// A pointer into that span cannot be a block of its own: release functions
+// use it to tell results made in one block from results made piecewise.
+size_t mem_block_size(const void *block);
 
 // Test hooks. While tracking is on, allocations and releases through the
 // seam are counted; fail_at N makes the Nth allocation from now fail

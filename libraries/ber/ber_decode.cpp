@@ -24,13 +24,6 @@ ber_len_t bytes_left(const BerElement *ber)
     return ber->ber_ptr < ber->ber_end ? static_cast<ber_len_t>(ber->ber_end - ber->ber_ptr) : 0;
 }
 
-// Advances at most to ber_end: a length that runs past the data leaves the
-// element exhausted rather than pointing outside it.
-void advance(BerElement *ber, ber_len_t len)
-{
-    ber->ber_ptr += len < bytes_left(ber) ? len : bytes_left(ber);
-}
-
 bool translates(const BerElement *ber, ber_len_t len)
 {
     return len > 0 && !(ber->ber_no_xlate && *ber->ber_no_xlate != 0) && ber->ber_version &&
@@ -42,15 +35,6 @@ bool translates(const BerElement *ber, ber_len_t len)
 int to_local(const BerElement *ber, char **value, ber_len_t *len)
 {
     return translates(ber, *len) ? xlate_utf8_to_local(value, len, 1) : 0;
-}
-
-ber_tag_t skip_element(BerElement *ber)
-{
-    ber_len_t len;
-    ber_tag_t tag = fber_get_tag(ber, &len);
-    if (tag != LBER_DEFAULT)
-        advance(ber, len);
-    return tag;
 }
 
 // The contents of the next element in a new NUL-terminated buffer. The
@@ -175,20 +159,26 @@ template <typename T> void free_array(T **array, void (*free_member)(T *))
 
 void free_string(char *s) { zldap::mem_free(s); }
 
+struct SetShape {
+    size_t count; // members
+    size_t bytes; // their contents together
+};
+
 // The members of a SET OF whose contents end at `last`, counted the way
-// read_set_of walks them; 0 when a member could not be read, since the
-// whole item then fails.
-size_t count_members(BerElement ber, const char *last)
+// read_set_of walks them; a count of 0 when a member could not be read,
+// since the whole item then fails.
+SetShape measure_members(BerElement ber, const char *last)
 {
-    size_t count = 0;
+    SetShape shape{0, 0};
     ber_len_t len;
     do {
         if (fber_get_tag(&ber, &len) == LBER_DEFAULT || len > bytes_left(&ber))
-            return 0;
+            return {0, 0};
         ber.ber_ptr += len;
-        count++;
+        shape.count++;
+        shape.bytes += len;
     } while (ber.ber_ptr < last && fber_peek_tag(&ber, nullptr) != LBER_DEFAULT);
-    return count;
+    return shape;
 }
 
 // A SET OF read member by member into a new NULL-terminated array, sized
@@ -205,7 +195,7 @@ std::optional<ber_tag_t> read_set_of(BerElement *ber, T ***out,
     char *last;
     if (fber_first_element(ber, &len, &last) == LBER_DEFAULT)
         return std::nullopt;
-    size_t count = count_members(*ber, last);
+    size_t count = measure_members(*ber, last).count;
     if (count == 0)
         return LBER_DEFAULT;
     auto *array = static_cast<T **>(zldap::mem_malloc((count + 1) * sizeof(T *)));
@@ -217,6 +207,49 @@ std::optional<ber_tag_t> read_set_of(BerElement *ber, T ***out,
         array[i + 1] = nullptr;
         if ((tag = read_member(ber, &array[i])) == LBER_DEFAULT) {
             free_array(array, free_member);
+            return LBER_DEFAULT;
+        }
+    }
+    *out = array;
+    return tag;
+}
+
+// A SET OF octet strings as bervals in one block: the NULL-terminated
+// array, the bervals, then each value's bytes with a NUL, in one
+// allocation instead of two per value (ber_bvecfree knows the layout).
+// A value translated to the local code page gets a buffer of its own.
+// Results as read_set_of's.
+std::optional<ber_tag_t> read_berval_block(BerElement *ber, struct berval ***out)
+{
+    *out = nullptr;
+    ber_len_t len;
+    char *last;
+    if (fber_first_element(ber, &len, &last) == LBER_DEFAULT)
+        return std::nullopt;
+    SetShape shape = measure_members(*ber, last);
+    if (shape.count == 0)
+        return LBER_DEFAULT;
+    // The contents all lie within the element, so the sum cannot overflow.
+    size_t head = (shape.count + 1) * sizeof(struct berval *) + shape.count * sizeof(struct berval);
+    auto *array = static_cast<struct berval **>(zldap::mem_malloc(head + shape.bytes + shape.count));
+    if (!array)
+        return LBER_DEFAULT;
+    auto *values = reinterpret_cast<struct berval *>(array + shape.count + 1);
+    char *bytes = reinterpret_cast<char *>(values + shape.count);
+    ber_tag_t tag = LBER_DEFAULT;
+    for (size_t i = 0; i < shape.count; i++) {
+        // Terminated at every step, so that a failure frees what was read.
+        array[i + 1] = nullptr;
+        // The same walk as measure_members': every member reads.
+        tag = fber_get_tag(ber, &len);
+        std::memcpy(bytes, ber->ber_ptr, len);
+        bytes[len] = '\0';
+        ber->ber_ptr += len;
+        values[i] = berval{len, bytes};
+        array[i] = &values[i];
+        bytes += len + 1;
+        if (translates(ber, len) && xlate_utf8_to_local(&values[i].bv_val, &values[i].bv_len, 0) != 0) {
+            ber_bvecfree(array);
             return LBER_DEFAULT;
         }
     }
@@ -314,7 +347,7 @@ ber_tag_t get_item(BerElement *ber, const char *f, va_list *ap, ber_tag_t curren
 
 } // namespace
 
-ber_tag_t fber_get_tag(BerElement *ber, ber_len_t *len)
+ber_tag_t fber_get_header(BerElement *ber, ber_len_t *len)
 {
     if (!ber || !len || ber->ber_end - ber->ber_ptr < 2)
         return LBER_DEFAULT;
@@ -339,20 +372,7 @@ ber_tag_t fber_get_tag(BerElement *ber, ber_len_t *len)
     return tag;
 }
 
-ber_tag_t fber_peek_tag(BerElement *ber, ber_len_t *len)
-{
-    if (!ber)
-        return LBER_DEFAULT;
-    char *saved = ber->ber_ptr;
-    ber_len_t value;
-    ber_tag_t tag = fber_get_tag(ber, &value);
-    ber->ber_ptr = saved;
-    if (tag != LBER_DEFAULT && len)
-        *len = value;
-    return tag;
-}
-
-int fber_skip_element(BerElement *ber) { return skip_element(ber) == LBER_DEFAULT ? -1 : 0; }
+int fber_skip_element(BerElement *ber) { return fber_skip(ber) == LBER_DEFAULT ? -1 : 0; }
 
 ber_tag_t fber_first_element(BerElement *ber, ber_len_t *len, char **last)
 {
@@ -388,8 +408,6 @@ void fber_trace_format(BerElement *ber, const char *fmt) { trace_scanf(ber, fmt)
 
 bool fber_translates_strings(const BerElement *ber) { return translates(ber, 1); }
 
-ber_tag_t fber_skip(BerElement *ber) { return skip_element(ber); }
-
 ber_tag_t fber_read_string(BerElement *ber, char **out) { return read_string(ber, out); }
 
 ber_tag_t fber_read_string_into(BerElement *ber, char *buf, ber_len_t *size)
@@ -404,7 +422,7 @@ ber_tag_t fber_read_string_set(BerElement *ber, char ***out, ber_tag_t current)
 
 ber_tag_t fber_read_berval_set(BerElement *ber, struct berval ***out, ber_tag_t current)
 {
-    return read_set_of<struct berval>(ber, out, read_berval, ber_bvfree).value_or(current);
+    return read_berval_block(ber, out).value_or(current);
 }
 
 ber_tag_t fber_scanf(BerElement *ber, const char *fmt, ...)

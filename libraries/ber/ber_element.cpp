@@ -3,6 +3,7 @@
 #include "ber/ber_internal.h"
 
 #include <algorithm>
+#include <cstdint>
 #include <cstring>
 #include <limits>
 
@@ -157,11 +158,22 @@ void ber_bvfree(struct berval *bv)
     zldap::mem_free(bv);
 }
 
+// The decoder makes an array, its bervals and their bytes in one block; a
+// caller may build one piece by piece, or put its own values into ours.
+// Whatever lies inside the array's block belongs to the block; whatever
+// lies outside was allocated on its own.
 void ber_bvecfree(struct berval **bvec)
 {
     if (!bvec)
         return;
-    for (struct berval **p = bvec; *p; p++)
-        ber_bvfree(*p);
+    auto start = reinterpret_cast<uintptr_t>(bvec);
+    size_t size = zldap::mem_block_size(bvec);
+    auto inside = [start, size](const void *p) { return reinterpret_cast<uintptr_t>(p) - start < size; };
+    for (struct berval **p = bvec; *p; p++) {
+        if (!inside(*p))
+            ber_bvfree(*p);
+        else if (!inside((*p)->bv_val))
+            zldap::mem_free((*p)->bv_val);
+    }
     zldap::mem_free(bvec);
 }

@@ -69,8 +69,33 @@ int fber_printf_noxlate(BerElement *ber, const char *fmt, ...);
 int vfber_printf(BerElement *ber, const char *fmt, va_list ap, int mode);
 
 // The decoder. Each returns the tag read, or LBER_DEFAULT on failure.
-ber_tag_t fber_get_tag(BerElement *ber, ber_len_t *len);
-ber_tag_t fber_peek_tag(BerElement *ber, ber_len_t *len);
+// fber_get_tag reads the usual one-octet tag with a short length in line
+// and leaves every other header to fber_get_header.
+ber_tag_t fber_get_header(BerElement *ber, ber_len_t *len);
+inline ber_tag_t fber_get_tag(BerElement *ber, ber_len_t *len)
+{
+    if (ber && len && ber->ber_end - ber->ber_ptr >= 2) {
+        auto *p = reinterpret_cast<const unsigned char *>(ber->ber_ptr);
+        if ((p[0] & 0x1F) != 0x1F && p[1] < 0x80) {
+            ber->ber_ptr += 2;
+            *len = p[1];
+            return p[0];
+        }
+    }
+    return fber_get_header(ber, len);
+}
+inline ber_tag_t fber_peek_tag(BerElement *ber, ber_len_t *len)
+{
+    if (!ber)
+        return LBER_DEFAULT;
+    char *saved = ber->ber_ptr;
+    ber_len_t value;
+    ber_tag_t tag = fber_get_tag(ber, &value);
+    ber->ber_ptr = saved;
+    if (tag != LBER_DEFAULT && len)
+        *len = value;
+    return tag;
+}
 int fber_skip_element(BerElement *ber);
 ber_tag_t fber_first_element(BerElement *ber, ber_len_t *len, char **last);
 ber_tag_t fber_get_int(BerElement *ber, int *value);
@@ -81,7 +106,18 @@ ber_tag_t fber_scanf(BerElement *ber, const char *fmt, ...);
 // *size in: its size, out: the length), `v` and `V` (a SET OF as a new
 // array of strings or bervals; `current` is handed back for an empty or
 // unreadable SET, as fber_scanf hands back the tag of the item before).
-ber_tag_t fber_skip(BerElement *ber);
+// A length that runs past the data leaves the element exhausted rather
+// than pointing outside it.
+inline ber_tag_t fber_skip(BerElement *ber)
+{
+    ber_len_t len;
+    ber_tag_t tag = fber_get_tag(ber, &len);
+    if (tag != LBER_DEFAULT) {
+        auto left = static_cast<ber_len_t>(ber->ber_end - ber->ber_ptr);
+        ber->ber_ptr += len < left ? len : left;
+    }
+    return tag;
+}
 ber_tag_t fber_read_string(BerElement *ber, char **out);
 ber_tag_t fber_read_string_into(BerElement *ber, char *buf, ber_len_t *size);
 ber_tag_t fber_read_string_set(BerElement *ber, char ***out, ber_tag_t current);

@@ -155,6 +155,29 @@ TEST(DecoderReads, LargeSetsGrowTheirArrayWithinTheData)
     EXPECT_EQ(last, ber->ber_end);
 }
 
+// A decoded value array is one block; ber_bvecfree still frees exactly what
+// a caller put into it, and arrays built piece by piece.
+TEST(DecoderReads, ValueArraysFreeWhateverTheCallerPutIntoThem)
+{
+    auto own_value = [] {
+        auto *bv = static_cast<struct berval *>(zldap::mem_malloc(sizeof(struct berval)));
+        *bv = berval{3, zldap::mem_strdup("own")};
+        return bv;
+    };
+    BerPtr ber = ExactReader(Hex("31 09 04 01 61 04 01 62 04 01 63"));
+    zldap::mem_tracking_start(0);
+    struct berval **values = nullptr;
+    ASSERT_EQ(fber_scanf(ber.get(), "[V]", &values), 0x04u);
+    ASSERT_EQ(std::string(values[2]->bv_val, values[2]->bv_len), "c");
+    values[0]->bv_val = zldap::mem_strdup("own bytes");
+    values[1] = own_value();
+    auto **piecewise = static_cast<struct berval **>(zldap::mem_calloc(2, sizeof(struct berval *)));
+    piecewise[0] = own_value();
+    ber_bvecfree(values);
+    ber_bvecfree(piecewise);
+    EXPECT_EQ(zldap::mem_tracking_stop().live, 0);
+}
+
 // Every sample decodes completely with its contents format; every proper
 // prefix of its contents either fails or, where the cut falls between the
 // members of a final SET OF, yields no more than the whole message did.
@@ -214,12 +237,12 @@ TEST(DecoderTranslation, ConvertsNonEmptyValuesOfVersion3ElementsExceptRawOctets
     Bytes bytes = Hex("04 02 61 62 04 02 63 64 04 02 65 66 04 02 67 68 31 05 04 01 78 04 00 31 03 04 01 79");
     const uint32_t off = 0, on = 1;
     // Without conversion: a 1, O 2, o 1, s 0, v 2 members + the array
-    // (sized once), V array + berval + bytes: 10.
-    EXPECT_EQ(AllocationsToDecode(bytes, "aOosvV", 2, nullptr), 10);
-    EXPECT_EQ(AllocationsToDecode(bytes, "aOosvV", 3, &on), 10);
+    // (sized once), V one block with its bervals and bytes: 8.
+    EXPECT_EQ(AllocationsToDecode(bytes, "aOosvV", 2, nullptr), 8);
+    EXPECT_EQ(AllocationsToDecode(bytes, "aOosvV", 3, &on), 8);
     // Converted: a, O, s, the non-empty member of v and the member of V.
-    EXPECT_EQ(AllocationsToDecode(bytes, "aOosvV", 3, &off), 10 + 5);
-    EXPECT_EQ(AllocationsToDecode(bytes, "aOosvV", 3, nullptr), 10 + 5);
+    EXPECT_EQ(AllocationsToDecode(bytes, "aOosvV", 3, &off), 8 + 5);
+    EXPECT_EQ(AllocationsToDecode(bytes, "aOosvV", 3, nullptr), 8 + 5);
 }
 
 // The legacy switch is read once per side, on that side's first use: the

@@ -224,6 +224,25 @@ bool copy_optional(const char *text, char **out)
     return !text || *out;
 }
 
+// Makes the texts (allocated through the seam, or NULL) and the code the
+// thread's error; the texts are freed when no record can be had.
+int store_error(LDAP *ld, int code, char *matched, char *text)
+{
+    int rc = LDAP_NO_MEMORY;
+    ldap_error_record *r = record_for_update(ld, &rc);
+    if (!r) {
+        zldap::mem_free(matched);
+        zldap::mem_free(text);
+        return rc;
+    }
+    zldap::mem_free(r->ld_matched);
+    zldap::mem_free(r->ld_error);
+    r->ld_matched = matched;
+    r->ld_error = text;
+    r->ld_errno = code;
+    return LDAP_SUCCESS;
+}
+
 } // namespace
 
 char *ldap_err2string(int err)
@@ -246,9 +265,12 @@ int ldap_set_error_direct(LDAP *ld, int code, const char *matched, const char *t
     if (!matched && !text && cached(ld, &r)) {
         // The usual case, a code without texts for a thread that is known.
         if (r) {
-            zldap::mem_free(r->ld_matched);
-            zldap::mem_free(r->ld_error);
-            r->ld_matched = r->ld_error = nullptr;
+            // Most calls change nothing: a success on top of a success.
+            if (r->ld_matched || r->ld_error) {
+                zldap::mem_free(r->ld_matched);
+                zldap::mem_free(r->ld_error);
+                r->ld_matched = r->ld_error = nullptr;
+            }
             r->ld_errno = code;
             return LDAP_SUCCESS;
         }
@@ -265,19 +287,21 @@ int ldap_set_error_direct(LDAP *ld, int code, const char *matched, const char *t
     }
     char *matched_copy = nullptr;
     char *text_copy = nullptr;
-    int rc = LDAP_NO_MEMORY;
-    if (copy_optional(matched, &matched_copy) && copy_optional(text, &text_copy) &&
-        (r = record_for_update(ld, &rc)) != nullptr) {
-        zldap::mem_free(r->ld_matched);
-        zldap::mem_free(r->ld_error);
-        r->ld_matched = matched_copy;
-        r->ld_error = text_copy;
-        r->ld_errno = code;
-        return LDAP_SUCCESS;
-    }
+    if (copy_optional(matched, &matched_copy) && copy_optional(text, &text_copy))
+        return store_error(ld, code, matched_copy, text_copy);
     zldap::mem_free(matched_copy);
     zldap::mem_free(text_copy);
-    return rc;
+    return LDAP_NO_MEMORY;
+}
+
+int ldap_set_error_taking(LDAP *ld, int code, char *matched, char *text)
+{
+    if (!ld || (!matched && !text)) {
+        zldap::mem_free(matched);
+        zldap::mem_free(text);
+        return ldap_set_error_direct(ld, code, nullptr, nullptr);
+    }
+    return store_error(ld, code, matched, text);
 }
 
 int ldap_fail(LDAP *ld, int code)

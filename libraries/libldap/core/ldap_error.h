@@ -7,6 +7,9 @@
 
 // Unguarded forms for callers already inside an operation.
 int ldap_set_error_direct(LDAP *ld, int code, const char *matched, const char *text);
+// The same with texts already allocated through the seam, which the
+// thread's record takes over (or which are freed when it cannot).
+int ldap_set_error_taking(LDAP *ld, int code, char *matched, char *text);
 // Records code, with no texts, as the thread's error and returns it: the
 // failure paths that return the code they record.
 int ldap_fail(LDAP *ld, int code);

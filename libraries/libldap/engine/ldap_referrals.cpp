@@ -199,25 +199,22 @@ ReferralForm read_referral(LDAP *ld, const LDAPMessage *msg, char ***urls, char 
     zldap::ResultReader result(&reader);
     int code = 0;
     int version = 0;
-    if (result.head(&code, nullptr, text) != LDAP_SUCCESS ||
-        ldap_get_option(ld, LDAP_OPT_PROTOCOL_VERSION, &version) != LDAP_SUCCESS) {
-        zldap::mem_free(*text);
-        *text = nullptr;
+    // The text is copied only for a version 2 referral, the one reader of it.
+    if (result.head(&code, nullptr, nullptr) != LDAP_SUCCESS ||
+        ldap_get_option(ld, LDAP_OPT_PROTOCOL_VERSION, &version) != LDAP_SUCCESS)
         return ReferralForm::unreadable;
-    }
-    ReferralForm form = ReferralForm::none;
     if (code == LDAP_REFERRAL) {
         LDAP_TRACE(TRC_API, "look_for_referrals: V3 Referral detected\n");
-        form = result.referrals(urls) == LDAP_SUCCESS ? ReferralForm::v3 : ReferralForm::unreadable;
-    } else if (code != LDAP_SUCCESS && version == LDAP_VERSION2) {
-        LDAP_TRACE(TRC_API, "look_for_referrals: V2 Referral detected\n");
-        return ReferralForm::v2;
-    } else {
-        LDAP_TRACE(TRC_API, "look_for_referrals: No Referral detected. Checking for error\n");
+        return result.referrals(urls) == LDAP_SUCCESS ? ReferralForm::v3 : ReferralForm::unreadable;
     }
-    zldap::mem_free(*text);
-    *text = nullptr;
-    return form;
+    if (code != LDAP_SUCCESS && version == LDAP_VERSION2) {
+        LDAP_TRACE(TRC_API, "look_for_referrals: V2 Referral detected\n");
+        reader = *msg->msg_ber;
+        return zldap::ResultReader(&reader).head(&code, nullptr, text) == LDAP_SUCCESS ? ReferralForm::v2
+                                                                                        : ReferralForm::unreadable;
+    }
+    LDAP_TRACE(TRC_API, "look_for_referrals: No Referral detected. Checking for error\n");
+    return ReferralForm::none;
 }
 
 int look_for_referrals(LDAP *ld, LDAPMessage *msg, LDAPMessage **out, const struct timeval *timeout,

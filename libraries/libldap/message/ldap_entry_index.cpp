@@ -8,6 +8,7 @@
 
 #include "base/memory.h"
 
+#include <cctype>
 #include <cstring>
 #include <strings.h>
 
@@ -114,7 +115,13 @@ bool same_name(const char *type, uint32_t type_len, const char *attr, size_t att
 {
     if (type_len != attr_len && !(type_len > attr_len && type[attr_len] == '\0'))
         return false;
-    return strncasecmp(type, attr, attr_len) == 0;
+    // A caller usually asks with the name the entry itself gave it; the
+    // first letter rules out most others before the locale's full compare.
+    if (std::memcmp(type, attr, attr_len) == 0)
+        return true;
+    return attr_len > 0 && std::tolower(static_cast<unsigned char>(type[0])) ==
+                               std::tolower(static_cast<unsigned char>(attr[0])) &&
+           strncasecmp(type, attr, attr_len) == 0;
 }
 
 } // namespace

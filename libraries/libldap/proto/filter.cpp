@@ -128,19 +128,19 @@ int put_filter(BerElement *ber, const char *filter, int nested)
 {
     if (!ber || !filter)
         return -1;
-    char *text = zldap::mem_strdup(filter);
-    if (!text)
-        return -1;
+    // The text is only read (each item is copied before it is taken apart),
+    // so only a translation needs a buffer of its own.
+    zldap::MemBuffer owner;
+    const char *p = filter;
     if (nested == 0 && !(ber->ber_no_xlate && *ber->ber_no_xlate)) {
+        char *text = const_cast<char *>(filter);
         ber_len_t len = std::strlen(text);
-        if (xlate_local_to_utf8(&text, &len, 1) != 0) {
-            zldap::mem_free(text);
+        if (xlate_local_to_utf8(&text, &len, 0) != 0)
             return -1;
-        }
+        owner.reset(text);
         restore_tilde(text, len);
+        p = text;
     }
-    zldap::MemBuffer owner(text);
-    const char *p = text;
     while (is_space(*p))
         p++;
     if (!*p)
@@ -176,7 +176,7 @@ int put_filter(BerElement *ber, const char *filter, int nested)
                 if (!close)
                     return -1;
                 zldap::MemBuffer item = copy_of(std::string_view(p, static_cast<size_t>(close - p)));
-                if (!item || put_simple_filter(ber, item.get()) != 0)
+                if (!item || put_simple_filter_in_place(ber, item.get()) != 0)
                     return -1;
                 p = close + 1;
             }
@@ -188,7 +188,7 @@ int put_filter(BerElement *ber, const char *filter, int nested)
             while (!rest.empty() && is_space(rest.back()))
                 rest.remove_suffix(1);
             zldap::MemBuffer item = copy_of(rest);
-            return item && put_simple_filter(ber, item.get()) == 0 ? 0 : -1;
+            return item && put_simple_filter_in_place(ber, item.get()) == 0 ? 0 : -1;
         }
         }
     }
@@ -216,9 +216,11 @@ int put_filter_list(BerElement *ber, const char *text)
 int put_simple_filter(BerElement *ber, const char *item)
 {
     zldap::MemBuffer copy(zldap::mem_strdup(item));
-    if (!copy)
-        return -1;
-    char *text = copy.get();
+    return copy ? put_simple_filter_in_place(ber, copy.get()) : -1;
+}
+
+int put_simple_filter_in_place(BerElement *ber, char *text)
+{
     char *equals = std::strchr(text, '=');
     if (!equals)
         return -1;

@@ -9,6 +9,8 @@
 int put_filter(BerElement *ber, const char *filter, int nested);
 int put_filter_list(BerElement *ber, const char *text);
 int put_simple_filter(BerElement *ber, const char *item);
+// The same on a copy of the item that it may take apart.
+int put_simple_filter_in_place(BerElement *ber, char *item);
 int put_substring_filter(BerElement *ber, const char *attr, char *value);
 int put_extensible_filter(BerElement *ber, const char *left, const char *value);
 // Turns backslash escapes (\2a) into their bytes in place; *len receives

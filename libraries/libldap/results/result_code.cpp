@@ -2,7 +2,6 @@
 // of a result chain's final response, recorded as the thread's error.
 #include "results/results.h"
 
-#include "base/memory.h"
 #include "base/trace.h"
 #include "core/ldap_error.h"
 #include "core/ldap_init_guard.h"
@@ -22,7 +21,7 @@ LDAPMessage *last_of_chain(LDAPMessage *msg)
 
 // Reads the code, matched DN and text from a copy of the element record,
 // so that the message's own read position stays where the caller may
-// still want it, and records them as the thread's error. A text that is
+// still want it, and hands them to the thread's error record. A text that is
 // present but cannot be copied for want of memory is dropped rather than
 // turning the server's code into another.
 int read_result_code(LDAP *ld, const BerElement *ber)
@@ -34,9 +33,7 @@ int read_result_code(LDAP *ld, const BerElement *ber)
     int rc = zldap::ResultReader(&reader).head(&code, &matched, &text);
     if (rc != LDAP_DECODING_ERROR)
         rc = code;
-    ldap_set_error_direct(ld, rc, matched, text);
-    zldap::mem_free(matched);
-    zldap::mem_free(text);
+    ldap_set_error_taking(ld, rc, matched, text);
     return rc;
 }
 
