@@ -1,8 +1,13 @@
 // zldap_bench - operations per second against a directory server, using
 // only the exported functions: w1 sequential base searches for one entry,
 // w2 subtree searches walking every attribute and value of a large
-// subtree, w3 eight threads sharing one handle doing w1.
+// subtree, w3 eight threads sharing one handle doing w1. zldap_tls_bench
+// is the same over ldaps: it initialises the secure-socket toolkit with a
+// key database first, which the exported functions cannot do.
 #include "zor8ldap.h"
+#ifdef ZLDAP_BENCH_TLS
+#include "zor8ldap_api.h"
+#endif
 
 #include <atomic>
 #include <chrono>
@@ -20,7 +25,8 @@ using Clock = std::chrono::steady_clock;
 struct Options {
     std::string url;
     std::string entry;   // w1: the DN searched with base scope
-    std::string subtree; // w2: the base of the large subtree
+    std::string subtree; // w2: the base of the large subtree; none: no w2
+    std::string keydb;   // zldap_tls_bench: the key database (its stash file beside it)
     std::string binddn, password;
     double seconds = 5;
 };
@@ -75,7 +81,7 @@ double Elapsed(Clock::time_point start) { return std::chrono::duration<double>(C
 int main(int argc, char **argv)
 {
     Options o;
-    for (int opt; (opt = getopt(argc, argv, "H:e:b:D:w:n:")) != -1;) {
+    for (int opt; (opt = getopt(argc, argv, "H:e:b:D:w:n:K:")) != -1;) {
         switch (opt) {
         case 'H': o.url = optarg; break;
         case 'e': o.entry = optarg; break;
@@ -83,14 +89,25 @@ int main(int argc, char **argv)
         case 'D': o.binddn = optarg; break;
         case 'w': o.password = optarg; break;
         case 'n': o.seconds = std::atof(optarg); break;
+        case 'K': o.keydb = optarg; break;
         default:
-            std::fprintf(stderr, "usage: zldap_bench -H url -e entry-dn -b subtree-base [-D dn -w pw] [-n seconds]\n");
+            std::fprintf(stderr, "usage: zldap_bench -H url -e entry-dn [-b subtree-base] [-D dn -w pw] [-n seconds]"
+                                 " [-K keydb]\n");
             return 2;
         }
     }
+#ifdef ZLDAP_BENCH_TLS
+    // The library is linked in, so the toolkit is found through this
+    // program's run-time search path rather than in its own folder.
+    setenv("ZORLIB_LOCAL_INSTALL_MODE", "1", 0);
+    if (int rc = ldap_ssl_client_init(o.keydb.c_str(), nullptr, 0, nullptr); rc != 0) {
+        std::fprintf(stderr, "zldap_tls_bench: key database %s: %s\n", o.keydb.c_str(), zor_ldap_err2string(rc));
+        return 2;
+    }
+#endif
     LDAP *ld = Connect(o);
-    if (o.url.empty() || o.entry.empty() || o.subtree.empty() || !ld) {
-        std::fprintf(stderr, "zldap_bench: needs -H, -e and -b, and a server that answers\n");
+    if (o.url.empty() || o.entry.empty() || !ld) {
+        std::fprintf(stderr, "zldap_bench: needs -H and -e, and a server that answers\n");
         return 2;
     }
 
@@ -102,7 +119,7 @@ int main(int argc, char **argv)
 
     long searches = 0, entries = 0, values = 0;
     start = Clock::now();
-    while (Elapsed(start) < o.seconds) {
+    while (!o.subtree.empty() && Elapsed(start) < o.seconds) {
         long got = SubtreeSearch(ld, o.subtree, &values);
         if (got < 0)
             break;
@@ -110,7 +127,8 @@ int main(int argc, char **argv)
         searches++;
     }
     double t = Elapsed(start);
-    std::printf("w2 subtree search:            %10.2f ops/s (%ld entries, %ld values each, %.0f entries/s)\n",
+    if (!o.subtree.empty())
+        std::printf("w2 subtree search:            %10.2f ops/s (%ld entries, %ld values each, %.0f entries/s)\n",
                 searches / t, searches ? entries / searches : 0, searches ? values / searches : 0, entries / t);
 
     std::atomic<long> shared{0};

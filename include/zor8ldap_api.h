@@ -561,6 +561,28 @@ LDAP *ldap_ssl_session_init(const char *host, int port, const char *label);
  * 90, 129, or a code of the secure set-up (113 to 118, or the toolkit's
  * reason when the label is refused). Deprecated. */
 int ldap_ssl_start(LDAP *ld, const char *keyring, const char *keyring_pw, const char *label);
+/* StartTLS: asks the server to secure ld's open plain connection and, when
+ * it agrees, runs the handshake on it with the current environment (an
+ * initialisation above must have succeeded), the session's label, cipher
+ * lists and protocols. The last argument is not used. 0; the server's code when it
+ * refuses (the connection stays plain); 89; 112 when the connection is
+ * secure already; 113 to 116 (116: the handshake failed); 129; or the
+ * toolkit's reason when the label is refused. The result is also the
+ * session's error. Once the server has agreed, a failure leaves the
+ * connection unusable, never plain: nothing more goes out in clear (later
+ * requests on it fail with 81). */
+int ldap_start_tls_s_np(LDAP *ld, void *unused);
+/* Closes the secure layer of ld's connection and unbinds ld (which is gone
+ * afterwards, whatever the result). 89 for an invalid handle, 80 when the
+ * secure layer cannot be closed (ld is kept then), else ldap_unbind's
+ * result. */
+int ldap_end_tls_s_np(LDAP *ld);
+/* Why the calling thread's latest secure handshake (ldaps or StartTLS, on
+ * any session) failed: the toolkit's reason code, 0 when it succeeded or
+ * none ran; *text (when text is not NULL) receives the toolkit's constant
+ * text for it, as "Certificate verification failed: certificate has
+ * expired". Option 51 gives only 116 for a failed ldaps handshake. */
+int ldap_ssl_get_handshake_reason(const char **text);
 /* The cipher specification for SSL V3 and TLS 1.0 (as option 7), under the
  * handle's lock. 0, 89, 90, 115 or 129. */
 int ldap_set_ssl_cipher(LDAP *ld, const char *ciphers);

@@ -1,9 +1,10 @@
-// session.cpp - the session set-up the tools share (simple or SASL bind),
+// session.cpp - the session set-up the tools share (TLS, simple or SASL bind),
 // the reports of failed operations, and the alarm that bounds the calls
 // that wait without limit.
 #include "session.h"
 
 #include "password_input.h"
+#include "secure_session.h"
 #include "zor8ldap_api.h"
 
 #include <algorithm>
@@ -107,8 +108,9 @@ LDAP *open_session(const char *program, SessionOptions &options, ControlList *co
         std::fprintf(stderr, "%s: connecting to %s\n", program,
                      options.url.empty() ? (options.host + ":" + std::to_string(options.port)).c_str()
                                          : options.url.c_str());
-    LDAP *ld = options.url.empty() ? zor_ldap_init(options.host.c_str(), options.port)
-                                   : zor_ldap_init(options.url.c_str(), 0);
+    if ((*rc = prepare_tls(program, options)) != LDAP_SUCCESS)
+        return nullptr;
+    LDAP *ld = new_session(options);
     if (!ld) {
         std::fprintf(stderr, "%s: cannot make a session for %s\n", program,
                      options.url.empty() ? options.host.c_str() : options.url.c_str());
@@ -129,6 +131,8 @@ LDAP *open_session(const char *program, SessionOptions &options, ControlList *co
         code = zor_ldap_set_option(ld, LDAP_OPT_CONNECT_TIMEOUT, &connect_timeout);
     if (code != LDAP_SUCCESS)
         return fail(report(program, "connect time-out", code));
+    if ((code = start_tls(program, ld, options)) != LDAP_SUCCESS)
+        return fail(code);
     if (!options.mechanism.empty()) {
         Deadline deadline(program, "bind", options.call_seconds());
         code = sasl_bind(ld, options);
@@ -138,8 +142,11 @@ LDAP *open_session(const char *program, SessionOptions &options, ControlList *co
         Deadline deadline(program, "bind", options.call_seconds());
         code = zor_ldap_simple_bind_s(ld, options.binddn.c_str(), options.password.c_str());
     }
-    if (code != LDAP_SUCCESS)
-        return fail(report_result(ld, "ldap_bind", code));
+    if (code != LDAP_SUCCESS) {
+        code = report_result(ld, "ldap_bind", code);
+        explain_handshake(options);
+        return fail(code);
+    }
     if (code = controls->Build(ld, options.controls); code != LDAP_SUCCESS)
         return fail(report(program, "controls", code));
     *rc = LDAP_SUCCESS;

@@ -5,6 +5,7 @@
 
 #include "password_input.h"
 
+#include <algorithm>
 #include <cctype>
 #include <cerrno>
 #include <climits>
@@ -15,6 +16,7 @@
 #include <iostream>
 #include <strings.h>
 #include <unistd.h>
+#include <utility>
 
 namespace tool {
 
@@ -28,20 +30,28 @@ constexpr long kMaxSeconds = INT_MAX / 2;
 constexpr long kMinWrap = 3;
 
 // The session's host argument becomes a URL when it names a scheme. The
-// library takes only the host and port from an ldaps:// URL and would
-// send everything, passwords included, in clear, and it has no ldapi://
-// or other schemes: so anything with a scheme must be one ldap:// URL
-// (and -H takes nothing else).
+// library has no ldapi:// or other schemes: anything with a scheme must be
+// one ldap:// or ldaps:// URL (and -H takes nothing else).
 int check_scheme(const char *option, const std::string &text, bool url, std::string *error)
 {
     size_t scheme = text.find("://");
-    bool plain = scheme != std::string::npos && strncasecmp(text.c_str(), "ldap://", 7) == 0 &&
+    bool known = scheme != std::string::npos &&
+                 (strncasecmp(text.c_str(), "ldap://", 7) == 0 || strncasecmp(text.c_str(), "ldaps://", 8) == 0) &&
                  text.find("://", scheme + 3) == std::string::npos;
-    if (plain || (scheme == std::string::npos && !url))
+    if (known || (scheme == std::string::npos && !url))
         return LDAP_SUCCESS;
-    *error = std::string(option) + " " + text + ": only ldap:// URLs can be used (secure ldaps:// and local "
-             "ldapi:// connections are not available in these tools)";
+    *error = std::string(option) + " " + text + ": only ldap:// and ldaps:// URLs can be used (local ldapi:// "
+             "connections are not available in these tools)";
     return LDAP_NOT_SUPPORTED;
+}
+
+// The first line of a key database password file, as zldapkey reads it.
+int take_keydb_password(const char *program, const std::string &path, std::string *password, std::string *error)
+{
+    if (!read_password_file(program, path, password, error))
+        return LDAP_PARAM_ERROR;
+    password->resize(std::min(password->find('\n'), password->size()));
+    return LDAP_SUCCESS;
 }
 
 int take_number(const std::string &option, const char *text, long min, long max, int *out, std::string *error)
@@ -58,6 +68,8 @@ int take_number(const std::string &option, const char *text, long min, long max,
 // ldapsearch give them.
 int take_extended(const char *arg, SessionOptions *options, std::string *error)
 {
+    const std::pair<const char *, std::string *> texts[] = {
+        {"tls_keydb", &options->keydb}, {"tls_label", &options->label}};
     const char *equals = std::strchr(arg, '=');
     std::string name(arg, equals ? static_cast<size_t>(equals - arg) : std::strlen(arg));
     std::string value = equals ? equals + 1 : "";
@@ -81,8 +93,16 @@ int take_extended(const char *arg, SessionOptions *options, std::string *error)
         options->wrap = static_cast<size_t>(width);
         return LDAP_SUCCESS;
     }
-    *error = std::string("-o ") + arg + ": the extended options are nettimeout=<seconds>, timeout=<seconds> and "
-             "ldif-wrap=<columns>|no";
+    for (const auto &[option, text] : texts) {
+        if (equals && name == option && !value.empty()) {
+            *text = value;
+            return LDAP_SUCCESS;
+        }
+    }
+    if (equals && name == "tls_keydb_pw")
+        return take_keydb_password(options->program, value, &options->keydb_password, error);
+    *error = std::string("-o ") + arg + ": the extended options are nettimeout=<seconds>, timeout=<seconds>, "
+             "ldif-wrap=<columns>|no, tls_keydb=<file>, tls_keydb_pw=<file> and tls_label=<label>";
     return LDAP_PARAM_ERROR;
 }
 
@@ -100,9 +120,15 @@ void take_manage_dsa_it(SessionOptions *options)
 
 } // namespace
 
+bool SessionOptions::ldaps() const
+{
+    const std::string &where = url.empty() ? host : url;
+    return strncasecmp(where.c_str(), "ldaps://", 8) == 0;
+}
+
 constexpr char kCommonHelp[] =
     "Common options:\n"
-    "  -H URI        ldap://host:port[/base] of the server\n"
+    "  -H URI        ldap://host:port[/base] of the server, or ldaps:// for TLS from the start\n"
     "  -h host -p port  the server, when no -H is given (default localhost:389)\n"
     "  -x            simple authentication (the default; accepted for ldapsearch habits)\n"
     "  -D binddn     bind DN; without -D the operations run anonymously\n"
@@ -117,8 +143,14 @@ constexpr char kCommonHelp[] =
     "  -c            continuous operation: go on after errors\n"
     "  -n            show what would be done, but send nothing\n"
     "  -v            verbose: say what is done on standard error\n"
+    "  -Z            StartTLS before the bind; when it fails, warn and go on without TLS\n"
+    "  -ZZ           StartTLS, which must succeed\n"
     "  -o opt=value  nettimeout=<seconds>|none (connect), timeout=<seconds>|none (each\n"
     "                operation, connect and bind included), ldif-wrap=<columns>|no (default 78)\n"
+    "                for ldaps:// and -Z: tls_keydb=<file> the key database (made by zldapkey)\n"
+    "                whose CA certificates verify the server, tls_keydb_pw=<file> its password\n"
+    "                (the first line; without it the stash file beside the database, .sth),\n"
+    "                tls_label=<label> the client key to offer (ldaps:// only)\n"
     "  --help        this text\n"
     "Exit status: the LDAP result code of the operation that decided the outcome (0 for\n"
     "success, the server's code such as 32 No such object, or the library's own codes\n"
@@ -234,6 +266,7 @@ int take_session_option(int letter, const char *arg, SessionOptions *options, st
     case 'c': options->continuous = true; return LDAP_SUCCESS;
     case 'v': options->verbose = true; return LDAP_SUCCESS;
     case 'f': options->file = arg; return LDAP_SUCCESS;
+    case 'Z': options->start_tls = std::min(options->start_tls + 1, 2); return LDAP_SUCCESS;
     default: return LDAP_PARAM_ERROR; // getopt's '?', after its own message
     }
 }

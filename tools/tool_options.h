@@ -15,11 +15,11 @@
 namespace tool {
 
 // The getopt letters of the shared options.
-constexpr const char *kSessionLetters = "xH:h:p:D:w:Wy:Y:U:X:R:o:e:Mncvf:";
+constexpr const char *kSessionLetters = "xH:h:p:D:w:Wy:Y:U:X:R:o:e:MncvZf:";
 
 struct SessionOptions {
     const char *program = "";       // the tool's name, for its messages
-    std::string url;                // -H, an ldap:// URL
+    std::string url;                // -H, an ldap:// or ldaps:// URL
     std::string host = "localhost"; // -h, when no URL is given
     int port = LDAP_PORT;           // -p
     std::string binddn;             // -D; no bind without it
@@ -37,7 +37,13 @@ struct SessionOptions {
     bool verbose = false;           // -v
     bool continuous = false;        // -c: go on after a failed operation
     std::string file;               // -f: the input file (LDIF, filters, ...)
+    int start_tls = 0;              // -Z: 1 tries StartTLS, 2 (-ZZ) requires it
+    std::string keydb;              // -o tls_keydb=FILE; empty: the library's default
+    std::string keydb_password;     // first line of -o tls_keydb_pw=FILE; empty: the stash file
+    std::string label;              // -o tls_label=LABEL: the client key offered (ldaps)
 
+    // Whether the session is secure from its first byte.
+    bool ldaps() const;
     // Seconds a connect may take, 0 for no limit.
     int connect_seconds() const { return net_timeout > 0 ? net_timeout : timeout; }
     // Seconds a synchronous call may take in all (it may have to connect

@@ -17,6 +17,9 @@
 #include <map>
 #include <string>
 #include <sys/wait.h>
+#include <poll.h>
+#include <thread>
+#include <unistd.h>
 
 using namespace zldap_test;
 
@@ -105,6 +108,66 @@ TEST_P(Tls, ConnectsSecurelyOrFails)
 }
 
 INSTANTIATE_TEST_SUITE_P(Rows, Tls, testing::ValuesIn(kRows), [](const auto &info) { return info.param.name; });
+
+// StartTLS on a plain port. A server with TLS makes the session secure for
+// what follows; one without refuses and the session goes on in clear (-1:
+// it answers, but not securely); a certificate that does not verify fails
+// the handshake and the connection carries nothing more. Ending TLS
+// releases the session; the server serves the next one.
+TEST(StartTls, SecuresOrFailsClosed)
+{
+    ZLDAP_REQUIRE_SLAPD(Good());
+    ASSERT_LE(Init(), LDAP_SECURE_INIT_DONE);
+    const struct {
+        Slapd &server;
+        int start, after;
+    } rows[] = {{Good(), 0, 0}, {Server(""), LDAP_PROTOCOL_ERROR, -1}, {Server("stranger"), LDAP_SECURE_CONNECT_FAILED, LDAP_SERVER_DOWN}};
+    for (const auto &r : rows) {
+        LDAP *ld = ldap_init(r.server.url().c_str(), 0);
+        EXPECT_EQ(ldap_start_tls_s_np(ld, nullptr), r.start) << r.server.url();
+        const char *why = nullptr;
+        int reason = 0, handshake = ldap_ssl_get_handshake_reason(&why);
+        ldap_get_option(ld, LDAP_OPT_SECURE_REASON, &reason);
+        if (r.start == LDAP_SECURE_CONNECT_FAILED) {
+            EXPECT_TRUE(reason == handshake && std::string(why).find("Certificate verification failed") == 0) << why;
+        }
+        EXPECT_EQ(BindAndSearch(ld), r.after);
+        char *values[] = {const_cast<char *>("via StartTLS"), nullptr};
+        LDAPMod mod{LDAP_MOD_REPLACE, const_cast<char *>("description"), {values}}, *mods[] = {&mod, nullptr};
+        EXPECT_EQ(ldap_modify_s(ld, ("uid=user000," + kPeople).c_str(), mods), r.after == LDAP_SERVER_DOWN ? r.after : 0);
+        EXPECT_EQ(ldap_end_tls_s_np(ld), 0);
+        ld = ldap_init(r.server.url().c_str(), 0);
+        EXPECT_EQ(ldap_simple_bind_s(ld, nullptr, nullptr), 0);
+        ldap_unbind(ld);
+    }
+}
+
+// A peer that agrees to StartTLS, answers the handshake with a fatal alert
+// and goes on listening: not one byte of the bind that follows reaches it.
+TEST(StartTls, NothingInClearAfterAFailedHandshake)
+{
+    ASSERT_LE(Init(), LDAP_SECURE_INIT_DONE);
+    LoopbackListener peer;
+    std::string seen;
+    std::thread server([&] {
+        ScopedFd c = peer.Accept(10000);
+        const unsigned char agree[] = {0x30, 0x0C, 0x02, 0x01, 0x01, 0x78, 0x07, 0x0A, 0x01, 0x00, 0x04, 0x00, 0x04, 0x00};
+        const unsigned char alert[] = {0x15, 0x03, 0x03, 0x00, 0x02, 0x02, 0x28}; // fatal handshake_failure
+        char buf[4096];
+        for (const auto &[answer, size] : {std::pair{agree, sizeof agree}, std::pair{alert, sizeof alert}})
+            if (read(c.get(), buf, sizeof buf) <= 0 || write(c.get(), answer, size) != static_cast<ssize_t>(size))
+                return;
+        struct pollfd in = {c.get(), POLLIN, 0};
+        for (ssize_t n; poll(&in, 1, 5000) == 1 && (n = read(c.get(), buf, sizeof buf)) > 0;)
+            seen.append(buf, static_cast<size_t>(n));
+    });
+    LDAP *ld = ldap_init(("127.0.0.1:" + std::to_string(peer.port())).c_str(), 0);
+    EXPECT_EQ(ldap_start_tls_s_np(ld, nullptr), LDAP_SECURE_CONNECT_FAILED);
+    EXPECT_EQ(ldap_simple_bind_s(ld, "cn=probe", "probe-secret"), LDAP_SERVER_DOWN);
+    ldap_unbind(ld);
+    server.join();
+    EXPECT_EQ(seen.find("probe"), std::string::npos);
+}
 
 // A 10,000-entry result and a 1 MB value, both far beyond one TLS record,
 // over one secure connection.

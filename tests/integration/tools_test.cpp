@@ -52,8 +52,8 @@ TEST(Tools, RefuseBadArgumentsAndStayWithinTheirTimeOuts)
     ASSERT_TRUE(zldap_test::Connects(AF_INET, dropping.port()));
     const std::string search = " -b dc=example,dc=com '(objectclass=*)'", del = "dn: cn=a\nchangetype: delete\n";
     const std::tuple<std::string, std::string, int, const char *> cases[] = {
-        {"zldapsearch -H ldaps://127.0.0.1:{silent} -D cn=admin -w secret" + search, "", 92, "only ldap:// URLs"},
-        {"zldapsearch -H 127.0.0.1:{silent}" + search, "", 92, "only ldap:// URLs"},
+        {"zldapsearch -H ldapi://127.0.0.1:{silent} -D cn=admin -w secret" + search, "", 92, "only ldap:// and ldaps://"},
+        {"zldapsearch -H 127.0.0.1:{silent}" + search, "", 92, "only ldap:// and ldaps://"},
         {"zldapsearch -H ldap://127.0.0.1:{silent} -z abc" + search, "", 89, "-z abc: expected a whole number from 0"},
         {"zldapsearch -h 127.0.0.1 -p 65536" + search, "", 89, "-p 65536: expected a whole number from 1 to 65535"},
         {"zldapsearch -H ldap://127.0.0.1:{silent} -o timeout=0" + search, "", 89, "timeout=0: expected a whole"},
@@ -191,6 +191,32 @@ TEST(Tools, MatchOpenLdapTools)
         std::vector<std::pair<std::string, std::string>> values = {{"{url}", server.url()}, {"{dir}", dir.path()}};
         std::string ours = RunTool("z" + command, input, values, dir), theirs = RunTool(command, input, values, dir);
         EXPECT_EQ(ours.substr(0, ours.rfind('|')), theirs.substr(0, theirs.rfind('|'))) << command;
+    }
+}
+
+// TLS from the command line with the test key database (its stash file
+// beside it, or its password from a file): ldaps://, StartTLS required on
+// a plain port, and a handshake that fails says why.
+TEST(Tools, SearchOverTls)
+{
+    zldap_test::Slapd good({.people = 3, .tls_cert = "server"}), expired({.people = 0, .tls_cert = "expired"});
+    ZLDAP_REQUIRE_SLAPD(good);
+    // A sanitizer's dlopen does not search the tool's run-time path for the toolkit.
+    zldap_test::ScopedEnv toolkit("LD_LIBRARY_PATH", ZLDAP_TOOLS_DIR "/..");
+    zldap_test::TempDir dir;
+    std::ofstream(dir.file("pw")) << "pw\n";
+    const std::string db = " -o tls_keydb=" + zldap_test::TestPki() + "/keys.kdb", search = " -LLL -s base -b dc=example,dc=com 1.1";
+    const std::tuple<std::string, int, std::string> cases[] = {
+        {"zldapsearch -H " + good.ldaps_url() + db + search, 0, "0|dn: dc=example,dc=com\n\n|"},
+        {"zldapsearch -ZZ -H " + good.url() + db + " -o tls_keydb_pw={dir}/pw" + search, 0, "0|dn: dc=example,dc=com\n\n|"},
+        {"zldapsearch -ZZ -H " + zldap_test::SharedSlapd().url() + db + search, 2, "ldap_start_tls: Protocol error (2)"},
+        {"zldapsearch -Z -H " + zldap_test::SharedSlapd().url() + db + search, 0, "warning: StartTLS failed"},
+        {"zldapsearch -H " + expired.ldaps_url() + db + search, 81, "TLS handshake failed: Certificate verification failed: certificate has expired"},
+    };
+    for (const auto &[command, code, out] : cases) {
+        std::string run = RunTool(command, "", {{"{dir}", dir.path()}}, dir);
+        EXPECT_EQ(run.rfind(std::to_string(code) + "|", 0), 0u) << command << "\n" << run;
+        EXPECT_NE(run.find(out), std::string::npos) << command << "\n" << run;
     }
 }
 

@@ -900,6 +900,22 @@ void SecureConnect(const std::function<void(const AllocFaultScenario &)> &sweep)
            LDAP_NO_MEMORY, [&] { listener.Drain(); }}));
 }
 
+// StartTLS accepted by a scripted server, over the recording toolkit: the
+// request, the session's hold on the environment and the secure record.
+// As for any extended operation, a copy of the response's empty texts may
+// fail without failing the operation.
+void StartTls(const Sweep &sweep)
+{
+    zldap_test::ScopedEnv search("ZORLIB_LOCAL_INSTALL_MODE", "");
+    zldap_test::ScopedEnv path("LD_LIBRARY_PATH", ZLDAP_RECORDER_DIR);
+    ExopSweepServer server;
+    ZLDAP_IN_FRESH_PROCESS(ASSERT_EQ(ldap_ssl_client_init("/k/db.kdb", "pw", 0, nullptr), 0); sweep({[&] {
+               return server.Run([](LDAP *ld) { return ldap_start_tls_s_np(ld, nullptr); });
+           },
+           LDAP_NO_MEMORY, nullptr,
+           [](int rc) { return rc == LDAP_SERVER_DOWN || rc == LDAP_CONNECT_ERROR || rc == LDAP_SUCCESS; }}));
+}
+
 const SweepRow kRows[] = {
     // ---- codec and protocol pieces rows ----
     {"UrlParse", UrlParse},
@@ -946,6 +962,7 @@ const SweepRow kRows[] = {
     // ---- secure transport rows ----
     {"SslEnvironments", SslEnvironments},
     {"SecureConnect", SecureConnect},
+    {"StartTls", StartTls},
 };
 
 class AllocSweep : public testing::TestWithParam<SweepRow> {};

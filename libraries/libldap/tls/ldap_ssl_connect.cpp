@@ -4,143 +4,29 @@
 // record; then the handshake runs and the record goes to read/write mode.
 #include "tls/ldap_ssl_connect.h"
 
-#include "base/environment.h"
-#include "base/ldap_lock.h"
-#include "base/memory.h"
 #include "base/trace.h"
 #include "core/ldap_error.h"
 #include "tls/ldap_ssl_env.h"
+#include "tls/ldap_ssl_handshake_reason.h"
 #include "tls/ldap_ssl_modes.h"
+#include "tls/ldap_ssl_settings.h"
 #include "tls/ldap_ssl_userdata.h"
-
-#include <cstdlib>
-#include <cstring>
 
 #define LDAP_MODULE "libraries/libldap/ldap_ssl"
 
 namespace {
 
-// The toolkit generation whose protocol handling is the older one.
-constexpr int kLegacyToolkit = 7;
-// The TLS 1.1 list is built in a buffer of 21 characters: ten codes at most.
-constexpr size_t kTls11ListMax = 20;
-
-int toolkit_version()
-{
-    char *text = ldap_getenv("ZORLIB_CLIENT_VERSION");
-    int version = text ? std::atoi(text) : 8;
-    zldap::mem_free(text);
-    return version;
-}
-
-// Sets a buffer attribute of the socket and traces the outcome: `done`
-// takes the value (unless show_value is false) and the code, `failed` the
-// code and its text. 0 or 115.
-int set_list(zor_handle soc, int id, const char *value, const char *done, const char *failed, bool show_value = true)
-{
-    int rc = g_zorlib.attribute_set_buffer(soc, id, value, 0);
-    if (rc != ZOR_OK) {
-        LDAP_TRACE(TRC_ERROR, failed, rc, zorErrorText(rc));
-        return LDAP_SECURE_BAD_PARAM;
-    }
-    if (show_value)
-        LDAP_TRACE(TRC_API, done, value, rc);
-    else
-        LDAP_TRACE(TRC_API, done, rc);
-    return LDAP_SUCCESS;
-}
-
-// The TLS 1.1 list: the pairs of the cipher text whose second character is
-// neither 3 nor 6 (a last single character is kept and ends the walk),
-// cut at ten codes.
-void tls11_list(const char *ciphers, char (&list)[kTls11ListMax + 1])
-{
-    std::memset(list, 0, sizeof list);
-    size_t used = 0;
-    for (size_t i = 0; ciphers[i] && used + 2 <= kTls11ListMax; i += 2) {
-        if (!ciphers[i + 1]) {
-            list[used] = ciphers[i];
-            break;
-        }
-        if (ciphers[i + 1] == '3' || ciphers[i + 1] == '6')
-            continue;
-        list[used++] = ciphers[i];
-        list[used++] = ciphers[i + 1];
-    }
-}
-
-// Steps 6 and 7: the cipher lists. 0 or 115.
-int set_cipher_lists(LDAP *ld, zor_handle soc, int version)
-{
-    const char *ciphers = ld->ld_ssl_cipher;
-    LDAP_TRACE(TRC_API, "open_ssl_connection(): ld->ld_ssl_cipher == <%s>.\n", trace_str(ciphers, "null"));
-    int rc = LDAP_SUCCESS;
-    if (ciphers && g_SSL_FIPS_mode.load() != 1)
-        rc = set_list(soc, ZOR_V3_CIPHER_SPECS, ciphers,
-                      "open_ssl_connection(): zor_attribute_set_buffer(...ZOR_V3_CIPHER_SPECS - ciphers %s...) rc=%d \n",
-                      "Error - open_ssl_connection(): zor_attribute_set_buffer(...ZOR_V3_CIPHER_SPECS - ciphers...) "
-                      "rc=%d %s\n");
-    if (ciphers && rc == LDAP_SUCCESS)
-        rc = set_list(
-            soc, ZOR_TLSV10_CIPHER_SPECS, ciphers,
-            "open_ssl_connection(): zor_attribute_set_buffer(...ZOR_TLSV10_CIPHER_SPECS - ciphers %s...) rc=%d \n",
-            "Error - open_ssl_connection(): zor_attribute_set_buffer(...ZOR_TLSV10_CIPHER_SPECS - ciphers...) rc=%d "
-            "%s\n");
-    if (ciphers && rc == LDAP_SUCCESS && version != kLegacyToolkit) {
-        char list[kTls11ListMax + 1];
-        tls11_list(ciphers, list);
-        rc = set_list(
-            soc, ZOR_TLSV11_CIPHER_SPECS, list,
-            list[0] ? "open_ssl_connection(): zor_attribute_set_buffer(...ZOR_TLSV11_CIPHER_SPECS - ciphers %s...) "
-                      "rc=%d \n"
-                    : "open_ssl_connection(): zor_attribute_set_buffer(...ZOR_TLSV11_CIPHER_SPECS - ciphers "
-                      "<null>...) rc=%d \n",
-            "Error - open_ssl_connection(): zor_attribute_set_buffer(...ZOR_TLSV11_CIPHER_SPECS - ciphers...) rc=%d "
-            "%s\n",
-            list[0] != '\0');
-    }
-    if (rc == LDAP_SUCCESS && ld->ld_ssl_cipher_EX && version != kLegacyToolkit) {
-        LDAP_TRACE(TRC_API, "open_ssl_connection(): ld->ld_ssl_cipher_EX == <%s>.\n", ld->ld_ssl_cipher_EX);
-        rc = set_list(
-            soc, ZOR_TLSV12_CIPHER_SPECS_EX, ld->ld_ssl_cipher_EX,
-            "open_ssl_connection(): zor_attribute_set_buffer(...ZOR_TLSV12_CIPHER_SPECS_EX - ciphers %s...) rc=%d \n",
-            "Error - open_ssl_connection(): zor_attribute_set_buffer(...ZOR_TLSV12_CIPHER_SPECS_EX - ciphers...) "
-            "rc=%d %s\n");
-    }
-    return rc;
-}
-
-// One protocol switch; `name` as the traces spell it. 0 or 115.
-int set_switch(zor_handle soc, int id, int value, const char *done, const char *failed)
-{
-    int rc = g_zorlib.attribute_set_enum(soc, id, value);
-    if (rc != ZOR_OK) {
-        LDAP_TRACE(TRC_ERROR, failed, rc, zorErrorText(rc));
-        return LDAP_SECURE_BAD_PARAM;
-    }
-    LDAP_TRACE(TRC_API, "%s", done);
-    return LDAP_SUCCESS;
-}
-
-struct NamedProtocol {
-    const char *name;
-    int id, on, off;
-    const char *trace_on, *trace_off, *failed;
-};
-
-constexpr NamedProtocol kNamedProtocols[] = {
-    {"SSLV3", ZOR_PROTOCOL_SSLV3, ZOR_SSLV3_ON, ZOR_SSLV3_OFF, "open_ssl_connection(): protocol to [SSLV3]\n",
-     "open_ssl_connection(): protocol to [SSLV3] OFF\n",
-     "Error - open_ssl_connection(): zor_attribute_set_enum( SSLV3 ON/OFF ) rc=%d %s\n"},
-    {"TLS10", ZOR_PROTOCOL_TLSV10, 1, 0, "open_ssl_connection(): protocol to [TLS10]\n",
-     "open_ssl_connection(): protocol to [TLS10] OFF\n",
-     "Error - open_ssl_connection(): zor_attribute_set_enum( TLS10 ON/OFF ) rc=%d %s\n"},
-    {"TLS11", ZOR_PROTOCOL_TLSV11, 1, 0, "open_ssl_connection(): protocol to [TLS11]\n",
-     "open_ssl_connection(): protocol to [TLS11] OFF\n",
-     "Error - open_ssl_connection(): zor_attribute_set_enum( TLS11 ON/OFF ) rc=%d %s\n"},
-    {"TLS12", ZOR_PROTOCOL_TLSV12, 1, 0, "open_ssl_connection(): protocol to [TLS12]\n",
-     "open_ssl_connection(): protocol to [TLS12] OFF\n",
-     "Error - open_ssl_connection(): zor_attribute_set_enum( TLS12 ON/OFF ) rc=%d %s\n"},
+constexpr CipherListTraces kCipherTraces = {
+    "open_ssl_connection(): zor_attribute_set_buffer(...ZOR_V3_CIPHER_SPECS - ciphers %s...) rc=%d \n",
+    "Error - open_ssl_connection(): zor_attribute_set_buffer(...ZOR_V3_CIPHER_SPECS - ciphers...) rc=%d %s\n",
+    "open_ssl_connection(): zor_attribute_set_buffer(...ZOR_TLSV10_CIPHER_SPECS - ciphers %s...) rc=%d \n",
+    "Error - open_ssl_connection(): zor_attribute_set_buffer(...ZOR_TLSV10_CIPHER_SPECS - ciphers...) rc=%d %s\n",
+    "open_ssl_connection(): zor_attribute_set_buffer(...ZOR_TLSV11_CIPHER_SPECS - ciphers %s...) rc=%d \n",
+    "open_ssl_connection(): zor_attribute_set_buffer(...ZOR_TLSV11_CIPHER_SPECS - ciphers <null>...) rc=%d \n",
+    "Error - open_ssl_connection(): zor_attribute_set_buffer(...ZOR_TLSV11_CIPHER_SPECS - ciphers...) rc=%d %s\n",
+    "open_ssl_connection(): ld->ld_ssl_cipher_EX == <%s>.\n",
+    "open_ssl_connection(): zor_attribute_set_buffer(...ZOR_TLSV12_CIPHER_SPECS_EX - ciphers %s...) rc=%d \n",
+    "Error - open_ssl_connection(): zor_attribute_set_buffer(...ZOR_TLSV12_CIPHER_SPECS_EX - ciphers...) rc=%d %s\n",
 };
 
 // Step 8: the protocol switches. 0 or 115.
@@ -151,30 +37,23 @@ int set_protocols(LDAP *ld, zor_handle soc, int version)
         LDAP_TRACE(TRC_ERROR, "Error - open_ssl_connection(): zor_attribute_set_enum( SSLV2 OFF ) rc=%d %s\n", rc,
                    zorErrorText(rc));
     const char *protocols = ld->ld_ssl_protocols;
-    if (protocols && version != kLegacyToolkit) {
-        LDAP_TRACE(TRC_API, "open_ssl_connection(): protocol to [%s]\n", protocols);
-        for (const NamedProtocol &p : kNamedProtocols) {
-            bool on = std::strstr(protocols, p.name) != nullptr;
-            if ((rc = set_switch(soc, p.id, on ? p.on : p.off, on ? p.trace_on : p.trace_off, p.failed)) != 0)
-                return rc;
-        }
-        return LDAP_SUCCESS;
-    }
+    if (protocols && version != kLegacyToolkit)
+        return set_named_protocols(soc, protocols, "open_ssl_connection(): ");
     LDAP_TRACE(TRC_API, "open_ssl_connection(): protocol to [SSLV3, TLSV10]\n");
-    rc = set_switch(soc, ZOR_PROTOCOL_SSLV3, ZOR_SSLV3_ON, "open_ssl_connection(): protocol to [SSLV3] \n",
+    rc = set_protocol_switch(soc, ZOR_PROTOCOL_SSLV3, ZOR_SSLV3_ON, "open_ssl_connection(): protocol to [SSLV3] \n",
                     "Error - open_ssl_connection(): zor_attribute_set_enum( SSLV3 ON ) rc=%d %s\n");
     if (rc != LDAP_SUCCESS)
         return rc;
     const char *tls10_failed = "Error - open_ssl_connection(): zor_attribute_set_enum( TLS10 ON ) rc=%d %s\n";
     if (version == kLegacyToolkit)
-        return set_switch(soc, ZOR_PROTOCOL_TLSV1, ZOR_TLSV1_ON, "open_ssl_connection(): protocol to [TLS10] \n",
+        return set_protocol_switch(soc, ZOR_PROTOCOL_TLSV1, ZOR_TLSV1_ON, "open_ssl_connection(): protocol to [TLS10] \n",
                           tls10_failed);
-    rc = set_switch(soc, ZOR_PROTOCOL_TLSV10, 1, "open_ssl_connection(): protocol to [TLS10] \n", tls10_failed);
+    rc = set_protocol_switch(soc, ZOR_PROTOCOL_TLSV10, 1, "open_ssl_connection(): protocol to [TLS10] \n", tls10_failed);
     if (rc == LDAP_SUCCESS)
-        rc = set_switch(soc, ZOR_PROTOCOL_TLSV11, 0, "open_ssl_connection(): protocol to [TLS11] OFF\n",
+        rc = set_protocol_switch(soc, ZOR_PROTOCOL_TLSV11, 0, "open_ssl_connection(): protocol to [TLS11] OFF\n",
                         "Error - open_ssl_connection(): zor_attribute_set_enum( TLS11 OFF ) rc=%d %s\n");
     if (rc == LDAP_SUCCESS)
-        rc = set_switch(soc, ZOR_PROTOCOL_TLSV12, 0, "open_ssl_connection(): protocol to [TLS12] OFF\n",
+        rc = set_protocol_switch(soc, ZOR_PROTOCOL_TLSV12, 0, "open_ssl_connection(): protocol to [TLS12] OFF\n",
                         "Error - open_ssl_connection(): zor_attribute_set_enum( TLS12 OFF ) rc=%d %s\n");
     return rc;
 }
@@ -206,7 +85,9 @@ int configure_socket(LDAP *ld, Sockbuf *sb, int version)
         LDAP_TRACE(TRC_API, "open_ssl_connection(): protocol to [TLS12]\n");
         return LDAP_SUCCESS;
     }
-    if ((rc = set_cipher_lists(ld, soc, version)) != LDAP_SUCCESS || (rc = set_protocols(ld, soc, version)) != 0)
+    LDAP_TRACE(TRC_API, "open_ssl_connection(): ld->ld_ssl_cipher == <%s>.\n", trace_str(ld->ld_ssl_cipher, "null"));
+    rc = set_cipher_lists(ld, soc, version, g_SSL_FIPS_mode.load() != 1, kCipherTraces);
+    if (rc != LDAP_SUCCESS || (rc = set_protocols(ld, soc, version)) != LDAP_SUCCESS)
         return rc;
     rc = setZorUserData(sb, nullptr, 1, kZorConnectionSsl, kZorEnvClient);
     if (rc != ZOR_OK) {
@@ -224,6 +105,7 @@ int configure_socket(LDAP *ld, Sockbuf *sb, int version)
 int handshake(LDAP *ld, zor_handle soc)
 {
     int rc = g_zorlib.secure_soc_init(soc);
+    note_handshake_reason(rc);
     if (rc != ZOR_OK) {
         LDAP_TRACE(TRC_ERROR, "Error - open_ssl_connection(): zor_secure_soc_init() rc=%d %s\n", rc, zorErrorText(rc));
         ldap_set_error_direct(ld, LDAP_SECURE_CONNECT_FAILED, nullptr, nullptr);
@@ -243,23 +125,6 @@ int handshake(LDAP *ld, zor_handle soc)
     return rc;
 }
 
-// The socket buffer's secure record with its lock; NULL when memory runs out.
-zor_secure_record *new_secure_record()
-{
-    auto *rec = static_cast<zor_secure_record *>(zldap::mem_calloc(1, sizeof(zor_secure_record)));
-    if (rec && LDAP_MUTEX_INIT(&rec->io_mutex) != 0) {
-        zldap::mem_free(rec);
-        rec = nullptr;
-    }
-    return rec;
-}
-
-void free_secure_record(zor_secure_record *rec)
-{
-    pthread_mutex_destroy(&rec->io_mutex);
-    zldap::mem_free(rec);
-}
-
 } // namespace
 
 int open_ssl_connection(LDAP *ld, Sockbuf *sb)
@@ -275,7 +140,7 @@ int open_ssl_connection(LDAP *ld, Sockbuf *sb)
         LDAP_TRACE(TRC_ERROR, "Error - open_ssl_connection(): no Zorlib environment for this session\n");
         return LDAP_SECURE_INIT_MISSING;
     }
-    int version = toolkit_version();
+    int version = zor_toolkit_version();
     zor_secure_record *rec = new_secure_record();
     if (!rec)
         return LDAP_NO_MEMORY;

@@ -1,0 +1,101 @@
+// ldap_tls.cpp - StartTLS: a session's open plain connection asks the
+// server to go secure and, when it agrees, gets the secure layer; and its
+// end, which closes the secure layer and the session with it.
+#include "zor8ldap_api.h"
+
+#include "base/ldap_lock.h"
+#include "base/memory.h"
+#include "base/trace.h"
+#include "conn/ldap_connect.h"
+#include "core/ldap_error.h"
+#include "core/ldap_init_guard.h"
+#include "session/ldap_unbind.h"
+#include "tls/ldap_ssl_connect.h"
+#include "tls/ldap_tls_handshake.h"
+
+#define LDAP_MODULE "libraries/libldap/ldap_tls"
+
+namespace {
+
+constexpr const char *kStartTls = "1.3.6.1.4.1.1466.20037";
+
+// The server's answer to the StartTLS request; its name and value say
+// nothing more.
+int ask_server(LDAP *ld)
+{
+    char *name = nullptr;
+    struct berval *value = nullptr;
+    int rc = ldap_extended_operation_s(ld, kStartTls, nullptr, nullptr, nullptr, &name, &value);
+    zldap::mem_free(name);
+    ber_bvfree(value);
+    return rc;
+}
+
+// The handshake on the default connection, under its write lock (no request
+// may go out while the connection changes) and the session's lock (the
+// secure settings stay as they are while they are used).
+int secure_default_connection(LDAP *ld)
+{
+    LDAPConn *lc = get_default_connection(ld);
+    if (!lc)
+        return LDAP_LOCK_ERROR;
+    LDAP_MUTEX_GUARD(writing, &lc->lconn_write_mutex);
+    if (!writing.locked())
+        return LDAP_LOCK_ERROR;
+    int rc = LDAP_LOCK_ERROR;
+    {
+        LDAP_MUTEX_GUARD(session, &ld->ld_mutex);
+        if (session.locked())
+            rc = doHandshake(ld, &lc->lconn_sb);
+    }
+    // The server now waits for a handshake. A failure that left no secure
+    // record (no environment, no memory, a lock) would let the next request
+    // go out in clear: the connection is closed for good instead. With the
+    // record in place the toolkit refuses to move any more bytes.
+    if (rc != LDAP_SUCCESS && !lc->lconn_sb.secure)
+        lconn_mark_closed(lc);
+    return rc;
+}
+
+// Ends the default connection's secure layer, if it has one. 0, 80 when
+// the toolkit could not close it (the record stays), or 129.
+int close_secure_layer(LDAP *ld)
+{
+    LDAPConn *lc = get_default_connection(ld);
+    if (!lc)
+        return LDAP_LOCK_ERROR;
+    LDAP_MUTEX_GUARD(writing, &lc->lconn_write_mutex);
+    if (!writing.locked())
+        return LDAP_LOCK_ERROR;
+    ssl_close_direct(&lc->lconn_sb);
+    return lc->lconn_sb.secure ? LDAP_OTHER : LDAP_SUCCESS;
+}
+
+} // namespace
+
+int ldap_start_tls_s_np(LDAP *ld, void *)
+{
+    LDAP_TRACE(TRC_API, "ldap_start_tls_s_np: ld(%p)\n", static_cast<void *>(ld));
+    zldap::OperationGuard guard(ld, zldap::OnEntry::keep_error);
+    if (!guard.admitted())
+        return LDAP_PARAM_ERROR;
+    int rc = ask_server(ld);
+    if (rc == LDAP_SUCCESS)
+        rc = secure_default_connection(ld);
+    ldap_set_error_direct(ld, rc, nullptr, nullptr);
+    LDAP_TRACE(TRC_API, "ldap_start_tls_s_np: returns %d\n", rc);
+    return rc;
+}
+
+int ldap_end_tls_s_np(LDAP *ld)
+{
+    LDAP_TRACE(TRC_API, "ldap_end_tls_s_np: ld(%p)\n", static_cast<void *>(ld));
+    int rc = LDAP_SUCCESS;
+    {
+        zldap::OperationGuard guard(ld, zldap::OnEntry::keep_error);
+        if (!guard.admitted())
+            return LDAP_PARAM_ERROR;
+        rc = close_secure_layer(ld);
+    }
+    return rc == LDAP_SUCCESS ? ldap_unbind(ld) : rc;
+}
