@@ -113,7 +113,7 @@ const std::string &TestPki()
                          " && k=" ZLDAP_ZLDAPKEY " && $k create --db keys.kdb --pw pw --stash"
                          " && $k add --db keys.kdb --pw pw --label ca --cert ca.pem"
                          " && $k import --db keys.kdb --pw pw --label client --key client.key --cert client.pem";
-        return std::system(("(" + sh + ") >pki.log 2>&1").c_str()) == 0 ? dir.path() : std::string("pki failed");
+        return std::system(("(" + sh + ") >" + dir.file("pki.log") + " 2>&1").c_str()) == 0 ? dir.path() : std::string("pki failed");
     }();
     return made;
 }
