@@ -44,28 +44,76 @@ int lock_for_reading(LDAPConn *lc, const struct timeval *timeout)
     return rc;
 }
 
+// One framing step on lc without waiting: 1 a whole element is in, 0 it
+// needs bytes that have not arrived, -1 failure. Every LDAPMessage is a
+// SEQUENCE: any other first octet means the peer does not speak LDAP (an
+// HTTP error page, say), and filing its bytes as messages without an id
+// would keep every waiter waiting, so that ends the connection as a failed
+// read as soon as the octet is in.
+int read_step(LDAPConn *lc, BerElement *ber, int *state)
+{
+    ber_tag_t tag = fber_get_next_nb(&lc->lconn_sb, ber, state);
+    if (ber->ber_tag != LBER_DEFAULT && ber->ber_tag != kLdapMessageTag)
+        return -1;
+    if (tag == static_cast<ber_tag_t>(LBER_WOULD_BLOCK))
+        return 0;
+    return tag == LBER_DEFAULT ? -1 : 1;
+}
+
 // The message being read: the one left half read by an earlier time-out,
-// or a new one. NULL when memory runs out (the error is set).
+// or a new one; NULL when memory runs out.
 LDAPMessage *partial_message(LDAP *ld, LDAPConn *lc)
 {
     ldap_msg_table *table = lc->lconn_msgtable;
     if (table->partial)
         return table->partial;
-    LDAPMessage *msg = ldap_alloc_msg(lc);
+    LDAPMessage *msg = ldap_alloc_response(ld, lc);
     if (!msg) {
         LDAP_TRACE(TRC_ERROR, "ldap_get_msg: Failed with memory error\n");
-        return ldap_fail_returning(ld, LDAP_NO_MEMORY, nullptr);
-    }
-    msg->msg_ber = new_ldap_ber(ld, 1);
-    if (!msg->msg_ber) {
-        LDAP_TRACE(TRC_ERROR, "ldap_get_msg: Failed to alloc memory\n");
-        ldap_set_error_direct(ld, LDAP_NO_MEMORY, nullptr, nullptr);
-        free_msg(msg, 0);
         return nullptr;
     }
     table->partial = msg;
     table->partial_state = 0;
     return msg;
+}
+
+// A whole message goes to the queue; its waiter files it from there.
+void queue_message(ldap_msg_table *table, LDAPMessage *msg)
+{
+    int id = -1; // a message without a readable id is thrown away when filed
+    if (fber_get_int(msg->msg_ber, &id) == LBER_DEFAULT)
+        id = -1;
+    msg->msg_id = id;
+    msg->msg_type = static_cast<int32_t>(fber_peek_tag(msg->msg_ber, nullptr));
+    table->partial = nullptr;
+    put_msg_in_queue(table, msg);
+    __atomic_add_fetch(&table->read_count, 1, __ATOMIC_RELEASE);
+}
+
+// Queues the messages whose bytes came in with the one just read, while
+// the read lock is held anyway: each would otherwise cost its waiter a
+// turn at the lock and a pass through the wait. Only bytes already read
+// ahead are framed, so this never waits and never reads an idle socket.
+// A message still incomplete stays the partial one; bytes that are not
+// LDAP end the connection, as they would for the next reader.
+void queue_read_ahead(LDAP *ld, LDAPConn *lc)
+{
+    ldap_msg_table *table = lc->lconn_msgtable;
+    while (fber_has_read_ahead(&lc->lconn_sb)) {
+        LDAPMessage *msg = partial_message(ld, lc);
+        if (!msg) // the bytes stay for the next reader
+            return;
+        int step = read_step(lc, msg->msg_ber, &table->partial_state);
+        if (step == 0)
+            return;
+        if (step < 0) {
+            table->partial = nullptr;
+            free_msg(msg, 0);
+            lconn_mark_closed(lc);
+            return;
+        }
+        queue_message(table, msg);
+    }
 }
 
 // Reads one message unless one was queued since `seen` (read_count as the
@@ -97,14 +145,8 @@ int get_msg_since(LDAP *ld, LDAPConn *lc, const struct timeval *timeout, const u
         // left nothing to read.
         rc = lconn_is_closed(lc) ? -1 : wait_for_message(lc, msg->msg_ber, &table->partial_state, timeout);
         if (rc == 1) {
-            int id = -1; // a message without a readable id is thrown away when filed
-            if (fber_get_int(msg->msg_ber, &id) == LBER_DEFAULT)
-                id = -1;
-            msg->msg_id = id;
-            msg->msg_type = static_cast<int32_t>(fber_peek_tag(msg->msg_ber, nullptr));
-            table->partial = nullptr;
-            put_msg_in_queue(table, msg);
-            __atomic_add_fetch(&table->read_count, 1, __ATOMIC_RELEASE);
+            queue_message(table, msg);
+            queue_read_ahead(ld, lc);
         } else if (rc == -1) {
             table->partial = nullptr;
             free_msg(msg, 0);
@@ -159,15 +201,9 @@ int ldap_get_msg(LDAP *ld, LDAPConn *lc, const struct timeval *timeout)
 int wait_for_message(LDAPConn *lc, BerElement *ber, int *state, const struct timeval *timeout)
 {
     for (;;) {
-        ber_tag_t tag = fber_get_next_nb(&lc->lconn_sb, ber, state);
-        // Every LDAPMessage is a SEQUENCE. Any other first octet means the
-        // peer does not speak LDAP (an HTTP error page, say): filing its bytes
-        // as messages without an id would keep every waiter waiting, so the
-        // connection ends as a failed read, as soon as that octet is in.
-        if (ber->ber_tag != LBER_DEFAULT && ber->ber_tag != kLdapMessageTag)
-            return -1;
-        if (tag != static_cast<ber_tag_t>(LBER_WOULD_BLOCK))
-            return tag == LBER_DEFAULT ? -1 : 1;
+        int step = read_step(lc, ber, state);
+        if (step != 0)
+            return step;
         if (timeout && timeout->tv_usec > 999999)
             LDAP_TRACE(TRC_ERROR, "wait_for_message: BAD TIMEOUT value received. tv_sec=%ld  tv_usec=%ld \n",
                        static_cast<long>(timeout->tv_sec), static_cast<long>(timeout->tv_usec));
@@ -224,7 +260,8 @@ int ldap_msg_table_get_message(LDAP *ld, ldap_msg_table *table, int id, const st
         return msg ? msg->msg_type : 0;
     };
     struct timeval start {};
-    gettimeofday(&start, nullptr);
+    if (timeout)
+        gettimeofday(&start, nullptr);
     int rc = 0;
     for (;;) {
         uint32_t seen = read_count(table);
