@@ -6,22 +6,51 @@
 #include <cstdint>
 #include <cstring>
 #include <limits>
+#include <new>
 
 namespace {
 
-// The record, room for its string settings, then its sequence stack, then
-// the inline buffer: the stack stays aligned whatever the buffer size.
-struct fber_block {
+// The record and its string settings: all that an element read from a
+// connection needs, so a response can carry it inside its own record.
+struct fber_head {
     berelement record;
     uint32_t no_xlate;
     int32_t version;
+};
+
+// A block from fber_alloc_t: the head, then the sequence stack, then the
+// inline buffer; the stack stays aligned whatever the buffer size.
+struct fber_block {
+    fber_head head;
     ber_sos_stack stack;
     char inline_buffer[];
 };
 
-fber_block *block_of(BerElement *ber) { return reinterpret_cast<fber_block *>(ber); }
+fber_head *head_of(BerElement *ber) { return reinterpret_cast<fber_head *>(ber); }
 
-char *inline_buffer(BerElement *ber) { return block_of(ber)->inline_buffer; }
+// Only blocks carry a stack, so only they have an inline buffer.
+bool owns_buffer(BerElement *ber)
+{
+    return ber->ber_buf && !(ber->ber_sos && ber->ber_buf == reinterpret_cast<fber_block *>(ber)->inline_buffer);
+}
+
+// What the element owns outside its head.
+void free_owned(BerElement *ber)
+{
+    if (owns_buffer(ber))
+        zldap::mem_free(ber->ber_buf);
+    if (ber->ber_version != &head_of(ber)->version)
+        zldap::mem_free(ber->ber_version);
+    if (ber->ber_no_xlate != &head_of(ber)->no_xlate)
+        zldap::mem_free(ber->ber_no_xlate);
+}
+
+void init_record(berelement *ber)
+{
+    *ber = berelement{};
+    ber->ber_tag = LBER_DEFAULT;
+    ber->ber_options = kFberMarker;
+}
 
 } // namespace
 
@@ -31,16 +60,29 @@ BerElement *fber_alloc_t(int size)
     auto *block = static_cast<fber_block *>(zldap::mem_malloc(sizeof(fber_block) + capacity));
     if (!block)
         return nullptr;
-    block->record = berelement{};
+    BerElement *ber = &block->head.record;
+    init_record(ber);
     block->stack.sos_count = 0;
-    BerElement *ber = &block->record;
     ber->ber_buf = block->inline_buffer;
     ber->ber_ptr = ber->ber_buf;
     ber->ber_end = ber->ber_buf + capacity;
     ber->ber_sos = &block->stack;
-    ber->ber_tag = LBER_DEFAULT;
-    ber->ber_options = kFberMarker;
     return ber;
+}
+
+size_t fber_reader_size() { return sizeof(fber_head); }
+
+BerElement *fber_place_reader(void *memory)
+{
+    auto *head = new (memory) fber_head{};
+    init_record(&head->record);
+    return &head->record;
+}
+
+void fber_release_reader(BerElement *ber)
+{
+    if (ber)
+        free_owned(ber);
 }
 
 BerElement *fber_alloc() { return fber_alloc_t(kFberDefaultSize); }
@@ -49,22 +91,17 @@ void fber_free(BerElement *ber)
 {
     if (!ber)
         return;
-    if (ber->ber_buf != inline_buffer(ber))
-        zldap::mem_free(ber->ber_buf);
-    if (ber->ber_version != &block_of(ber)->version)
-        zldap::mem_free(ber->ber_version);
-    if (ber->ber_no_xlate != &block_of(ber)->no_xlate)
-        zldap::mem_free(ber->ber_no_xlate);
+    free_owned(ber);
     zldap::mem_free(ber);
 }
 
 void fber_set_string_settings(BerElement *ber, uint32_t no_xlate, int32_t version)
 {
-    fber_block *block = block_of(ber);
-    block->no_xlate = no_xlate;
-    block->version = version;
-    ber->ber_no_xlate = &block->no_xlate;
-    ber->ber_version = &block->version;
+    fber_head *head = head_of(ber);
+    head->no_xlate = no_xlate;
+    head->version = version;
+    ber->ber_no_xlate = &head->no_xlate;
+    ber->ber_version = &head->version;
 }
 
 int fber_realloc(BerElement *ber, ber_len_t needed)
@@ -79,7 +116,7 @@ int fber_realloc(BerElement *ber, ber_len_t needed)
         return -1;
     if (used)
         std::memcpy(buffer, ber->ber_buf, used);
-    if (ber->ber_buf != inline_buffer(ber))
+    if (owns_buffer(ber))
         zldap::mem_free(ber->ber_buf);
     ber->ber_buf = buffer;
     ber->ber_ptr = buffer + used;

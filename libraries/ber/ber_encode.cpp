@@ -151,7 +151,7 @@ int put_bervals(BerElement *ber, ber_tag_t tag, struct berval **values, bool tra
 int start_constructed(BerElement *ber, ber_tag_t tag)
 {
     ber_sos_stack *sos = ber->ber_sos;
-    if (sos->sos_count >= kFberMaxDepth || zldap::ber_reserve(ber, 6) != 0)
+    if (!sos || sos->sos_count >= kFberMaxDepth || zldap::ber_reserve(ber, 6) != 0)
         return -1;
     // The stack holds 32-bit offsets of the placeholder.
     ber_len_t offset = static_cast<ber_len_t>(ber->ber_ptr - ber->ber_buf) + 2;
@@ -167,7 +167,7 @@ int start_constructed(BerElement *ber, ber_tag_t tag)
 int end_constructed(BerElement *ber)
 {
     ber_sos_stack *sos = ber->ber_sos;
-    if (sos->sos_count == 0)
+    if (!sos || sos->sos_count == 0)
         return -1;
     char *placeholder = ber->ber_buf + sos->sos_offset[sos->sos_count - 1];
     ber_len_t len = static_cast<ber_len_t>(ber->ber_ptr - (placeholder + 4));

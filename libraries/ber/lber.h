@@ -46,6 +46,14 @@ struct berelement {
 BerElement *fber_alloc();
 BerElement *fber_alloc_t(int size);
 void fber_free(BerElement *ber);
+// An element for reading placed in memory its owner provides
+// (fber_reader_size() bytes, aligned for a pointer): no sequence stack and
+// no inline buffer, so nothing can be encoded into it. Its owner releases
+// it with fber_release_reader, which frees what the element holds apart
+// (the received bytes) but not the memory it was placed in.
+size_t fber_reader_size();
+BerElement *fber_place_reader(void *memory);
+void fber_release_reader(BerElement *ber);
 // Points ber_no_xlate and ber_version at room in the element's own
 // allocation holding these values; fber_free frees only settings that
 // were allocated apart.

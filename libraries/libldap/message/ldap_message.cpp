@@ -7,6 +7,7 @@
 #include "core/ldap_error.h"
 
 #include <algorithm>
+#include <cstddef>
 #include <iterator>
 
 #define LDAP_MODULE "libraries/libldap/ldap_message"
@@ -18,6 +19,22 @@ LDAPMessage *ldap_alloc_msg(LDAPConn *conn)
         msg->msg_type = 0x30;
         msg->msg_conn = conn;
     }
+    return msg;
+}
+
+LDAPMessage *ldap_alloc_response(LDAP *ld, LDAPConn *conn)
+{
+    constexpr size_t kReaderOffset = (sizeof(LDAPMessage) + alignof(std::max_align_t) - 1) &
+                                     ~(alignof(std::max_align_t) - 1);
+    auto *block = static_cast<char *>(zldap::mem_calloc(1, kReaderOffset + fber_reader_size()));
+    if (!block)
+        return nullptr;
+    auto *msg = reinterpret_cast<LDAPMessage *>(block);
+    msg->msg_type = 0x30;
+    msg->msg_conn = conn;
+    msg->msg_flags = LDAP_MSGFLAG_OWN_READER;
+    msg->msg_ber = fber_place_reader(block + kReaderOffset);
+    fber_set_string_settings(msg->msg_ber, ld->ld_no_xlate, ld->ld_version);
     return msg;
 }
 
@@ -38,7 +55,10 @@ void free_msg(LDAPMessage *msg, int all)
     LDAP_TRACE(TRC_API, "free_msg: msg(%p), all(%d)\n", static_cast<void *>(msg), all);
     while (msg) {
         LDAPMessage *next = msg->msg_next;
-        fber_free(msg->msg_ber);
+        if (msg->msg_flags & LDAP_MSGFLAG_OWN_READER)
+            fber_release_reader(msg->msg_ber);
+        else
+            fber_free(msg->msg_ber);
         zldap::mem_free(msg->msg_index);
         zldap::mem_free(msg);
         msg = (all == 1) ? next : nullptr;

@@ -9,6 +9,9 @@
 
 // msg_flags bit: handed out alone by LDAP_MSG_ONE; counts as a chain of one.
 inline constexpr uint32_t LDAP_MSGFLAG_ALONE = 0x02;
+// msg_flags bit: msg_ber lives in the message's own block (a response read
+// from a connection); free_msg releases it with the message.
+inline constexpr uint32_t LDAP_MSGFLAG_OWN_READER = 0x04;
 
 struct ldapmsg {
     int32_t msg_id;      // 0 in a new message
@@ -24,6 +27,10 @@ struct ldapmsg {
 };
 
 LDAPMessage *ldap_alloc_msg(LDAPConn *conn);
+// A message for a response to be read from conn, with its reading element
+// (the handle's translation setting and protocol version) in the same
+// block: one allocation per response. NULL when memory runs out.
+LDAPMessage *ldap_alloc_response(LDAP *ld, LDAPConn *conn);
 // A new element carrying the handle's translation setting and protocol
 // version, for writing a request or (for_reading 1) reading a response.
 // NULL with 90 as the thread's error when memory runs out.
