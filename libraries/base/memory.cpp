@@ -57,8 +57,12 @@ void *mem_calloc(size_t count, size_t size)
     void *p;
     if (size <= kClearedHere && count <= kClearedHere / size) {
         p = std::malloc(count * size);
-        if (p)
+        if (p) {
+            // Without this barrier the compiler merges malloc and memset
+            // back into a call of calloc.
+            __asm__ volatile("" : : "r"(p) : "memory");
             std::memset(p, 0, count * size);
+        }
     } else {
         p = std::calloc(count, size);
     }
