@@ -16,19 +16,22 @@ using namespace zldap_test;
 
 namespace {
 
+using Attributes = std::vector<std::pair<std::string, std::vector<std::string>>>;
+
 // A handle holding one whole chain: an entry without attributes, an entry
-// with a binary value of an attribute named `name`, a reference and a
-// search result done.
+// with the given attributes (by default a binary value of one named
+// `name`), a reference and a search result done.
 class Chain {
 public:
-    explicit Chain(const std::string &name)
-        : server_([name](ScriptConnection &c) {
+    explicit Chain(const std::string &name) : Chain(Attributes{{name, {std::string("bin\0ary", 7)}}}) {}
+    explicit Chain(const Attributes &attributes)
+        : server_([attributes](ScriptConnection &c) {
               auto reference = [](BerElement *ber) {
                   return fber_printf(ber, "t{s}", ber_tag_t{0x73}, "ldap://elsewhere/o=x");
               };
               while (auto r = c.Read())
                   c.Send(Concat(Concat(wire::Entry(r->id, "cn=empty,o=x", {}),
-                                       wire::Entry(r->id, "cn=named,o=x", {{name, {std::string("bin\0ary", 7)}}})),
+                                       wire::Entry(r->id, "cn=named,o=x", attributes)),
                                 Concat(wire::Message(r->id, reference), wire::Result(r->id, 0x65, 0))));
           }),
           ld(HandleFor(server_))
@@ -102,6 +105,25 @@ TEST(Results, AttributeNamesOfUpTo400BytesAreReadWhole)
         }
         ldap_msgfree(c.res);
     }
+}
+
+// Walking in the entry's order and asking again out of order both find
+// the first attribute of a name, also when a later type repeats it.
+TEST(Results, ValuesComeFromTheFirstAttributeOfTheName)
+{
+    Chain c(Attributes{{"cn", {"first"}}, {"sn", {"s"}}, {"CN", {"again"}}, {"mail", {"m"}}});
+    LDAPMessage *named = ldap_next_entry(c.ld, ldap_first_entry(c.ld, c.res));
+    const std::pair<const char *, const char *> asked[] = {{"cn", "first"}, {"sn", "s"},   {"CN", "first"},
+                                                           {"mail", "m"},   {"SN", "s"},   {"mail", "m"}};
+    for (const auto &[attr, value] : asked) {
+        char **values = ldap_get_values(c.ld, named, attr);
+        ASSERT_EQ(ldap_count_values(values), 1) << attr;
+        EXPECT_STREQ(values[0], value) << attr;
+        ldap_value_free(values);
+    }
+    EXPECT_EQ(ldap_get_values(c.ld, named, "c"), nullptr);
+    EXPECT_EQ(ldap_get_errno(c.ld), LDAP_DECODING_ERROR);
+    ldap_msgfree(c.res);
 }
 
 TEST(Results, ModsFreeReleasesStringsAndBervals)
