@@ -199,14 +199,16 @@ ReferralForm read_referral(LDAP *ld, const LDAPMessage *msg, char ***urls, char 
     zldap::ResultReader result(&reader);
     int code = 0;
     int version = 0;
-    // The text is copied only for a version 2 referral, the one reader of it.
-    if (result.head(&code, nullptr, nullptr) != LDAP_SUCCESS ||
-        ldap_get_option(ld, LDAP_OPT_PROTOCOL_VERSION, &version) != LDAP_SUCCESS)
+    // The text is copied only for a version 2 referral, the one reader of it;
+    // the protocol version matters only for a failure that is no referral.
+    if (result.head(&code, nullptr, nullptr) != LDAP_SUCCESS)
         return ReferralForm::unreadable;
     if (code == LDAP_REFERRAL) {
         LDAP_TRACE(TRC_API, "look_for_referrals: V3 Referral detected\n");
         return result.referrals(urls) == LDAP_SUCCESS ? ReferralForm::v3 : ReferralForm::unreadable;
     }
+    if (code != LDAP_SUCCESS && ldap_get_option(ld, LDAP_OPT_PROTOCOL_VERSION, &version) != LDAP_SUCCESS)
+        return ReferralForm::unreadable;
     if (code != LDAP_SUCCESS && version == LDAP_VERSION2) {
         LDAP_TRACE(TRC_API, "look_for_referrals: V2 Referral detected\n");
         reader = *msg->msg_ber;
