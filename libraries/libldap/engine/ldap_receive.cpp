@@ -11,7 +11,11 @@
 #include "message/ldap_referrals_rows.h"
 
 #include <cerrno>
+#include <climits>
 #include <ctime>
+#include <linux/futex.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
 #define LDAP_MODULE "libraries/libldap/ldap_receive"
 
@@ -21,27 +25,70 @@ constexpr ber_tag_t kLdapMessageTag = 0x30;
 
 uint32_t read_count(const ldap_msg_table *table) { return __atomic_load_n(&table->read_count, __ATOMIC_ACQUIRE); }
 
-// Takes the read lock within the caller's time-out, so that a thread never
-// waits longer than it asked behind another thread's read (a plain lock
-// would hold it for the whole of that reader's time-out). 0, ETIMEDOUT or
-// the lock's error.
-int lock_for_reading(LDAPConn *lc, const struct timeval *timeout)
+// The time left until `deadline` (CLOCK_MONOTONIC); false when none is.
+bool time_left(const struct timespec &deadline, struct timespec *left)
 {
-    if (!timeout)
-        return zldap::mutex_lock(&lc->lconn_read_mutex, LDAP_MODULE, __LINE__);
-    struct timespec deadline {};
-    clock_gettime(CLOCK_REALTIME, &deadline);
-    deadline.tv_sec += timeout->tv_sec + timeout->tv_usec / 1000000;
-    deadline.tv_nsec += (timeout->tv_usec % 1000000) * 1000;
-    if (deadline.tv_nsec >= 1000000000) {
-        deadline.tv_sec++;
-        deadline.tv_nsec -= 1000000000;
+    struct timespec now {};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    left->tv_sec = deadline.tv_sec - now.tv_sec;
+    left->tv_nsec = deadline.tv_nsec - now.tv_nsec;
+    if (left->tv_nsec < 0) {
+        left->tv_sec--;
+        left->tv_nsec += 1000000000;
     }
-    int rc = pthread_mutex_timedlock(&lc->lconn_read_mutex, &deadline);
-    if (rc != 0 && rc != ETIMEDOUT)
-        LDAP_TRACE(TRC_ERROR, "Error in pthread_mutex_lock at File %s, Line %d, errno %d\n", LDAP_MODULE,
-                   __LINE__, rc);
-    return rc;
+    return left->tv_sec >= 0 && (left->tv_sec > 0 || left->tv_nsec > 0);
+}
+
+// Takes the read lock within the caller's time-out, or learns that a
+// message was queued since `seen` (the read count as the caller last
+// looked at it). A thread that finds the lock taken does not queue on it:
+// it sleeps until the reader lets go (see unlock_reading), so that every
+// waiter wakes at once instead of each one only after the one before it
+// has had the lock. 0 with the lock held, 1 without it when something was
+// queued, ETIMEDOUT, or the lock's error.
+int lock_for_reading(LDAPConn *lc, const struct timeval *timeout, const uint32_t *seen)
+{
+    ldap_msg_table *table = lc->lconn_msgtable;
+    struct timespec deadline {};
+    if (timeout) {
+        clock_gettime(CLOCK_MONOTONIC, &deadline);
+        deadline.tv_sec += timeout->tv_sec + timeout->tv_usec / 1000000;
+        deadline.tv_nsec += (timeout->tv_usec % 1000000) * 1000;
+        if (deadline.tv_nsec >= 1000000000) {
+            deadline.tv_sec++;
+            deadline.tv_nsec -= 1000000000;
+        }
+    }
+    for (;;) {
+        uint32_t releases = __atomic_load_n(&table->read_releases, __ATOMIC_SEQ_CST);
+        if (seen && read_count(table) != *seen)
+            return 1;
+        int rc = pthread_mutex_trylock(&lc->lconn_read_mutex);
+        if (rc != EBUSY) {
+            if (rc != 0)
+                LDAP_TRACE(TRC_ERROR, "Error in pthread_mutex_lock at File %s, Line %d, errno %d\n", LDAP_MODULE,
+                           __LINE__, rc);
+            return rc;
+        }
+        struct timespec left {};
+        if (timeout && !time_left(deadline, &left))
+            return ETIMEDOUT;
+        // A release between the load above and this sleep changes the
+        // word, and the kernel then returns at once.
+        __atomic_add_fetch(&table->read_waiters, 1, __ATOMIC_SEQ_CST);
+        syscall(SYS_futex, &table->read_releases, FUTEX_WAIT_PRIVATE, releases, timeout ? &left : nullptr,
+                nullptr, 0);
+        __atomic_sub_fetch(&table->read_waiters, 1, __ATOMIC_SEQ_CST);
+    }
+}
+
+void unlock_reading(LDAPConn *lc)
+{
+    ldap_msg_table *table = lc->lconn_msgtable;
+    zldap::mutex_unlock(&lc->lconn_read_mutex, LDAP_MODULE, __LINE__);
+    __atomic_add_fetch(&table->read_releases, 1, __ATOMIC_SEQ_CST);
+    if (__atomic_load_n(&table->read_waiters, __ATOMIC_SEQ_CST) != 0)
+        syscall(SYS_futex, &table->read_releases, FUTEX_WAKE_PRIVATE, INT_MAX, nullptr, nullptr, 0);
 }
 
 // One framing step on lc without waiting: 1 a whole element is in, 0 it
@@ -128,14 +175,16 @@ int get_msg_since(LDAP *ld, LDAPConn *lc, const struct timeval *timeout, const u
         LDAP_TRACE(TRC_ERROR, "ldap_get_msg: FATAL ERROR - Socket is not yet created\n");
         return ldap_fail(ld, LDAP_SERVER_DOWN);
     }
-    int lock_rc = lock_for_reading(lc, timeout);
+    int lock_rc = lock_for_reading(lc, timeout, seen);
+    if (lock_rc == 1)
+        return 1;
     if (lock_rc == ETIMEDOUT)
         return ldap_fail_returning(ld, LDAP_TIMEOUT, 0);
     if (lock_rc != 0)
         return ldap_fail_returning(ld, LDAP_LOCK_ERROR, -1);
     ldap_msg_table *table = lc->lconn_msgtable;
     if (seen && read_count(table) != *seen) {
-        zldap::mutex_unlock(&lc->lconn_read_mutex, LDAP_MODULE, __LINE__);
+        unlock_reading(lc);
         return 1;
     }
     int rc = -1;
@@ -152,7 +201,7 @@ int get_msg_since(LDAP *ld, LDAPConn *lc, const struct timeval *timeout, const u
             free_msg(msg, 0);
         }
     }
-    zldap::mutex_unlock(&lc->lconn_read_mutex, LDAP_MODULE, __LINE__);
+    unlock_reading(lc);
     if (rc == -1) {
         if (msg) // a read failure ends the connection; a memory failure does not
             lconn_mark_closed(lc);

@@ -68,6 +68,12 @@ struct ldap_msg_table {
     // thread that waited for the read lock can tell that someone else read
     // for it meanwhile and need not wait on the socket.
     uint32_t read_count;
+    // Bumped each time a reader lets go of the read lock (atomic access):
+    // a thread that finds the lock taken sleeps on this word rather than
+    // on the lock, so that one release wakes every waiter at once, each to
+    // file what was read for it or to become the next reader.
+    uint32_t read_releases;
+    uint32_t read_waiters; // threads asleep on read_releases (atomic access)
 };
 
 // The number of rows, for a check of an id without the table lock: it only
