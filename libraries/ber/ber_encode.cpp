@@ -1,5 +1,5 @@
-// ber_encode.cpp - the format-driven BER encoder: fber_printf and its
-// sisters. Every item reserves its room first, so the writers below never
+// ber_encode.cpp - the BER encoder: fber_printf and its sisters, and
+// FberWriter, which writes the same items without a format. Every item reserves its room first, so the writers below never
 // check capacity; constructed items get a four-octet length that is
 // patched when they close, so nothing is ever moved.
 #include "ber/ber_internal.h"
@@ -228,21 +228,34 @@ int put_item(BerElement *ber, char fmt, va_list *ap, bool translate)
     }
 }
 
-} // namespace
-
-int vfber_printf(BerElement *ber, const char *fmt, va_list ap, int mode)
+// What every encoder call does first: settle the legacy mode and refuse
+// a missing element (-1) or leave one of another kind alone (0, traced).
+// 1 when the call may encode; *translate then says whether strings are
+// translated.
+int start_call(BerElement *ber, int mode, bool *translate)
 {
     bool legacy = zldap::ber_encoder_legacy_mode();
-    if (!ber || !fmt)
+    if (!ber)
         return -1;
     if (!(ber->ber_options & kFberMarker)) {
         LDAP_TRACE(TRC_BER, "BerElement %p is not an FBER!!!\n", static_cast<void *>(ber));
         return 0;
     }
-    if (!*fmt)
-        return 0;
     bool allowed = mode == 1 || (mode != 0 && !(ber->ber_no_xlate && *ber->ber_no_xlate != 0));
-    bool translate = allowed && !legacy;
+    *translate = allowed && !legacy;
+    return 1;
+}
+
+void record_length(BerElement *ber) { ber->ber_len = static_cast<ber_len_t>(ber->ber_ptr - ber->ber_buf); }
+
+} // namespace
+
+int vfber_printf(BerElement *ber, const char *fmt, va_list ap, int mode)
+{
+    bool translate = false;
+    int started = start_call(fmt ? ber : nullptr, mode, &translate);
+    if (started != 1 || !*fmt)
+        return started == 1 ? 0 : started;
 
     // A local copy: a va_list parameter may be an array in disguise, whose
     // address is not a va_list pointer.
@@ -259,7 +272,7 @@ int vfber_printf(BerElement *ber, const char *fmt, va_list ap, int mode)
     }
     va_end(args);
     if (rc == 0)
-        ber->ber_len = static_cast<ber_len_t>(ber->ber_ptr - ber->ber_buf);
+        record_length(ber);
     return rc;
 }
 
@@ -279,4 +292,87 @@ int fber_printf_noxlate(BerElement *ber, const char *fmt, ...)
     int rc = vfber_printf(ber, fmt, ap, 0);
     va_end(ap);
     return rc;
+}
+
+FberWriter::FberWriter(BerElement *ber, int mode) : ber_(ber)
+{
+    int started = start_call(ber, mode, &translate_);
+    if (started != 1) {
+        ber_ = nullptr;
+        rc_ = started;
+    }
+}
+
+ber_tag_t FberWriter::start_item(ber_tag_t tag, ber_tag_t universal)
+{
+    if (rc_ != 0 || !ber_)
+        return LBER_DEFAULT;
+    if (tag != LBER_DEFAULT)
+        ber_->ber_tag = tag;
+    return item_tag(ber_, universal);
+}
+
+FberWriter &FberWriter::end_item(int rc)
+{
+    ber_->ber_tag = LBER_DEFAULT;
+    rc_ = rc;
+    return *this;
+}
+
+FberWriter &FberWriter::open(ber_tag_t tag)
+{
+    ber_tag_t t = start_item(tag, kTagSequence);
+    return t == LBER_DEFAULT ? *this : end_item(start_constructed(ber_, t));
+}
+
+FberWriter &FberWriter::close()
+{
+    return start_item(LBER_DEFAULT, kTagSequence) == LBER_DEFAULT ? *this : end_item(end_constructed(ber_));
+}
+
+FberWriter &FberWriter::integer(int value, ber_tag_t tag)
+{
+    ber_tag_t t = start_item(tag, kTagInteger);
+    return t == LBER_DEFAULT ? *this : end_item(put_int(ber_, t, value));
+}
+
+FberWriter &FberWriter::enumerated(int value, ber_tag_t tag)
+{
+    ber_tag_t t = start_item(tag, kTagEnumerated);
+    return t == LBER_DEFAULT ? *this : end_item(put_int(ber_, t, value));
+}
+
+FberWriter &FberWriter::boolean(int value, ber_tag_t tag)
+{
+    ber_tag_t t = start_item(tag, kTagBoolean);
+    return t == LBER_DEFAULT ? *this : end_item(put_bool(ber_, t, value));
+}
+
+FberWriter &FberWriter::string(const char *text, ber_tag_t tag)
+{
+    ber_tag_t t = start_item(tag, kTagOctetString);
+    if (t == LBER_DEFAULT)
+        return *this;
+    return end_item(text ? put_string(ber_, t, text, std::strlen(text), translate_) : -1);
+}
+
+FberWriter &FberWriter::octets(const char *bytes, int len, ber_tag_t tag)
+{
+    ber_tag_t t = start_item(tag, kTagOctetString);
+    if (t == LBER_DEFAULT)
+        return *this;
+    return end_item(len >= 0 ? put_string(ber_, t, bytes, static_cast<ber_len_t>(len), translate_) : -1);
+}
+
+FberWriter &FberWriter::strings(char **values, ber_tag_t tag)
+{
+    ber_tag_t t = start_item(tag, kTagOctetString);
+    return t == LBER_DEFAULT ? *this : end_item(put_strings(ber_, t, values, translate_));
+}
+
+int FberWriter::finish()
+{
+    if (rc_ == 0 && ber_)
+        record_length(ber_);
+    return rc_;
 }

@@ -76,6 +76,39 @@ int fber_printf_noxlate(BerElement *ber, const char *fmt, ...);
 // mode 1: translate strings; 0: never; anything else: unless ber_no_xlate says not to.
 int vfber_printf(BerElement *ber, const char *fmt, va_list ap, int mode);
 
+// The encoder without a format, for the hot shapes. One FberWriter stands
+// for one vfber_printf call (mode as there) and each of its puts for one
+// item of the format, `tag` for a `t` in front of it (LBER_DEFAULT: none),
+// so that bytes, string translation and traces are the format's. After a
+// failure the later puts do nothing; finish() ends the call, returning
+// what vfber_printf would and recording ber_len as it does.
+class FberWriter {
+public:
+    explicit FberWriter(BerElement *ber, int mode = -1);
+    FberWriter(const FberWriter &) = delete;
+    FberWriter &operator=(const FberWriter &) = delete;
+
+    FberWriter &open(ber_tag_t tag = LBER_DEFAULT); // {
+    FberWriter &close();                            // }
+    FberWriter &integer(int value, ber_tag_t tag = LBER_DEFAULT);
+    FberWriter &enumerated(int value, ber_tag_t tag = LBER_DEFAULT);
+    FberWriter &boolean(int value, ber_tag_t tag = LBER_DEFAULT);
+    FberWriter &string(const char *text, ber_tag_t tag = LBER_DEFAULT);
+    FberWriter &octets(const char *bytes, int len, ber_tag_t tag = LBER_DEFAULT);
+    FberWriter &strings(char **values, ber_tag_t tag = LBER_DEFAULT); // v
+    int finish();
+
+private:
+    // The tag the item is written with, or LBER_DEFAULT when nothing is to
+    // be written (a failure before, or an element of another kind).
+    ber_tag_t start_item(ber_tag_t tag, ber_tag_t universal);
+    FberWriter &end_item(int rc);
+
+    BerElement *ber_; // NULL for an element of another kind: nothing is written
+    int rc_ = 0;
+    bool translate_ = false;
+};
+
 // The decoder. Each returns the tag read, or LBER_DEFAULT on failure.
 // fber_get_tag reads the usual one-octet tag with a short length in line
 // and leaves every other header to fber_get_header.

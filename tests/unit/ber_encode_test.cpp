@@ -80,6 +80,47 @@ TEST_P(EncoderWireForm, WritesExactly)
 INSTANTIATE_TEST_SUITE_P(Items, EncoderWireForm, testing::ValuesIn(kWireCases),
                          [](const testing::TestParamInfo<WireCase> &info) { return info.param.name; });
 
+// The writer writes what one format call writes: bytes, code and ber_len,
+// after a failure too.
+struct WriterCase {
+    const char *name;
+    std::function<int(BerElement *)> writer, format;
+};
+const WriterCase kWriterCases[] = {
+    {"SearchShape",
+     [](BerElement *b) {
+         return FberWriter(b).open(0x63).string("dc=x").enumerated(2).enumerated(3).integer(128).integer(-1)
+             .boolean(7).open().strings(two_strings).close().close().finish();
+     },
+     Printf("t{seeiib{v}}", ber_tag_t{0x63}, "dc=x", 2, 3, 128, -1, 7, two_strings)},
+    {"TaggedItems",
+     [](BerElement *b) {
+         return FberWriter(b).integer(5, 0x80).boolean(0, 0x81).octets("a\0b", 3, 0x82).enumerated(1, 0x1A4)
+             .strings(two_strings, 0x85).open(0xA0).close().finish();
+     },
+     Printf("titbtotetvt{}", ber_tag_t{0x80}, 5, ber_tag_t{0x81}, 0, ber_tag_t{0x82}, "a\0b", 3, ber_tag_t{0x1A4}, 1,
+            ber_tag_t{0x85}, two_strings, ber_tag_t{0xA0})},
+    {"PendingTagOfAnEarlierCall",
+     [](BerElement *b) { return fber_printf(b, "t", ber_tag_t{0x87}) || FberWriter(b).string("x").string("y").finish(); },
+     Printf("tss", ber_tag_t{0x87}, "x", "y")},
+    {"FailureStopsTheRest", [](BerElement *b) { return FberWriter(b).integer(1).string(nullptr).integer(2).finish(); },
+     Printf("isi", 1, static_cast<char *>(nullptr), 2)},
+    {"CloseWithoutOpen", [](BerElement *b) { return FberWriter(b).open().close().close().integer(1).finish(); },
+     Printf("{}}i", 1)},
+    {"NegativeOctetLength", [](BerElement *b) { return FberWriter(b).octets("abc", -1).finish(); },
+     Printf("o", "abc", -1)},
+};
+
+TEST(EncoderWireForm, WriterWritesWhatTheFormatWrites)
+{
+    for (const WriterCase &c : kWriterCases) {
+        BerPtr direct(fber_alloc()), format(fber_alloc());
+        EXPECT_EQ(c.writer(direct.get()), c.format(format.get())) << c.name;
+        EXPECT_EQ(ToHex(Written(direct.get())), ToHex(Written(format.get()))) << c.name;
+        EXPECT_EQ(direct->ber_len, format->ber_len) << c.name;
+    }
+}
+
 // Strings and bit strings switch to the four-octet length past 127
 // octets of contents (for bit strings the unused-bits octet counts).
 TEST(EncoderWireForm, LongFormAfter127OctetsOfContents)
@@ -170,6 +211,10 @@ TEST(EncoderTranslation, ConvertsEachNonEmptyStringOfVersion3Elements)
     EXPECT_EQ(AllocationsToEncode(3, nullptr, [](BerElement *b) { return fber_printf_noxlate(b, "ss", "a", "b"); }),
               0);
     EXPECT_EQ(AllocationsToEncode(3, &on, [](BerElement *b) { return PrintfWithMode(b, 1, "s", "abc"); }), 1);
+    auto written = [](BerElement *b) { return FberWriter(b).string("abc").strings(two_strings).finish(); };
+    EXPECT_EQ(AllocationsToEncode(3, nullptr, written), 3);
+    EXPECT_EQ(AllocationsToEncode(3, &on, written), 0);
+    EXPECT_EQ(AllocationsToEncode(3, &on, [](BerElement *b) { return FberWriter(b, 1).string("abc").finish(); }), 1);
 }
 
 TEST(BerElement, MissingArgumentsAndOtherKindsOfElementAreRefused)
@@ -184,7 +229,9 @@ TEST(BerElement, MissingArgumentsAndOtherKindsOfElementAreRefused)
     // An element of another kind is left alone, with success.
     ber->ber_options = 0;
     EXPECT_EQ(fber_printf(ber.get(), "{i}", 3), 0);
+    EXPECT_EQ(FberWriter(ber.get()).open().integer(3).close().finish(), 0);
     EXPECT_EQ(ber->ber_ptr, ber->ber_buf);
+    EXPECT_EQ(FberWriter(nullptr).integer(3).finish(), -1);
 }
 
 // Bytes copied in for reading (of sizes around the inline buffer's) and

@@ -185,11 +185,11 @@ int send_request(LDAP *ld, LDAPConn *lc, const RequestPlan &plan, int *msgid, co
         rc = LDAP_LOCAL_ERROR;
     } else if (!(msg->msg_ber = new_ldap_ber(ld, 0))) {
         rc = LDAP_NO_MEMORY;
-    } else if (fber_printf(msg->msg_ber, "{i", id) != 0) {
+    } else if (FberWriter(msg->msg_ber).open().integer(id).finish() != 0) {
         rc = LDAP_ENCODING_ERROR;
     } else if ((rc = plan.encode(msg->msg_ber)) == LDAP_SUCCESS &&
                (put_ctrls_into_ber(msg->msg_ber, plan.server_controls) != 0 ||
-                fber_printf(msg->msg_ber, "}") != 0)) {
+                FberWriter(msg->msg_ber).close().finish() != 0)) {
         rc = LDAP_ENCODING_ERROR;
     }
     if (rc != LDAP_SUCCESS) {

@@ -33,46 +33,17 @@ int time_limit_of(const struct timeval *timeout)
     return static_cast<int>(timeout->tv_sec);
 }
 
-} // namespace
-
-int ldap_search_ext_direct(LDAP *ld, const char *base, int scope, const char *filter, char **attrs,
-                           int attrsonly, LDAPControl **serverctrls, int sizelimit, struct timeval *timeout,
-                           int *msgidp, LDAPConn *lc)
-{
-    LDAP_TRACE(TRC_API, "ldap_search_ext_direct\n");
-    int deref = 0;
-    int timelimit = 0;
-    int rc = ldap_get_option(ld, LDAP_OPT_DEREF, &deref);
-    if (rc == LDAP_SUCCESS) {
-        if (timeout)
-            timelimit = time_limit_of(timeout);
-        else
-            rc = ldap_get_option(ld, LDAP_OPT_TIMELIMIT, &timelimit);
-    }
-    if (rc != LDAP_SUCCESS)
-        return rc;
-    auto encode = [&](BerElement *ber) {
-        if (fber_printf(ber, "t{seeiib", static_cast<ber_tag_t>(kSearchRequest), base ? base : "", scope,
-                        deref, sizelimit, timelimit, attrsonly) != 0)
-            return LDAP_ENCODING_ERROR;
-        LDAP_TRACE(TRC_API, "putting filter %s into ber\n", filter);
-        if (put_filter(ber, filter, 0) != 0)
-            return LDAP_FILTER_ERROR;
-        return fber_printf(ber, "{v}}", attrs) == 0 ? LDAP_SUCCESS : LDAP_ENCODING_ERROR;
-    };
-    zldap::RequestPlan plan{"ldap_search_ext_direct: NULL server connection\n", kSearchRequest, serverctrls, encode};
-    return zldap::send_request(ld, lc, plan, msgidp, timeout);
-}
-
-int ldap_search_ext(LDAP *ld, const char *base, int scope, const char *filter, char **attrs, int attrsonly,
-                    LDAPControl **serverctrls, LDAPControl **clientctrls, struct timeval *timeout,
-                    int sizelimit, int *msgidp)
+// ldap_search_ext; a caller that holds the guard on ld already passes
+// entered, so that the handle is not counted in twice.
+int search_ext(LDAP *ld, const char *base, int scope, const char *filter, char **attrs, int attrsonly,
+               LDAPControl **serverctrls, LDAPControl **clientctrls, struct timeval *timeout, int sizelimit,
+               int *msgidp, bool entered)
 {
     LDAP_TRACE(TRC_API, "ldap_search_ext\n");
     if (bad_search_arguments(ld, scope, filter) || !msgidp)
         return LDAP_PARAM_ERROR;
     *msgidp = -1;
-    zldap::OperationGuard op(ld, zldap::OnEntry::keep_error);
+    zldap::OperationGuard op(ld, zldap::OnEntry::keep_error, !entered);
     if (!op.admitted())
         return op.code();
     zldap::OperationControls controls(ld, serverctrls, clientctrls);
@@ -82,7 +53,8 @@ int ldap_search_ext(LDAP *ld, const char *base, int scope, const char *filter, c
                                   timeout, msgidp, nullptr);
 }
 
-int ldap_search(LDAP *ld, const char *base, int scope, const char *filter, char **attrs, int attrsonly)
+// ldap_search, with entered as for search_ext.
+int search(LDAP *ld, const char *base, int scope, const char *filter, char **attrs, int attrsonly, bool entered)
 {
     if (bad_search_arguments(ld, scope, filter)) {
         LDAP_TRACE(TRC_ERROR,
@@ -93,28 +65,72 @@ int ldap_search(LDAP *ld, const char *base, int scope, const char *filter, char 
             ldap_set_error_direct(ld, LDAP_PARAM_ERROR, nullptr, nullptr);
         return -1;
     }
+    zldap::OperationGuard op(ld, zldap::OnEntry::keep_error, !entered);
+    if (!op.admitted())
+        return -1;
     int sizelimit = 0;
-    if (ldap_get_option(ld, LDAP_OPT_SIZELIMIT, &sizelimit) != LDAP_SUCCESS)
+    int timelimit = 0;
+    int rc = ldap_get_options_held(ld, {{LDAP_OPT_SIZELIMIT, &sizelimit}, {LDAP_OPT_TIMELIMIT, &timelimit}});
+    if (rc != LDAP_SUCCESS)
         return -1;
     // The handle's time limit is also the write's time-out; a limit of 0
     // leaves the write without one.
-    auto *timeout = static_cast<struct timeval *>(zldap::mem_calloc(1, sizeof(struct timeval)));
-    if (!timeout) {
-        LDAP_TRACE(TRC_ERROR, "ldapsearch: Insufficient memory to alloc timeval structure\n");
-        return ldap_fail_returning(ld, LDAP_NO_MEMORY, -1);
-    }
-    int timelimit = 0;
+    struct timeval timeout {};
+    timeout.tv_sec = timelimit;
     int msgid = -1;
-    int rc = ldap_get_option(ld, LDAP_OPT_TIMELIMIT, &timelimit);
-    if (rc == LDAP_SUCCESS) {
-        timeout->tv_sec = timelimit;
-        rc = ldap_search_ext(ld, base, scope, filter, attrs, attrsonly, nullptr, nullptr, timeout, sizelimit,
-                             &msgid);
-    }
-    zldap::mem_free(timeout);
+    rc = search_ext(ld, base, scope, filter, attrs, attrsonly, nullptr, nullptr, &timeout, sizelimit, &msgid, true);
     // -1 leaves the reason in the thread's error, also when ldap_search_ext
-    // recorded none (its guard refuses silently once an unbind has begun).
+    // recorded none.
     return rc == LDAP_SUCCESS ? msgid : ldap_fail_returning(ld, rc, -1);
+}
+
+} // namespace
+
+int ldap_search_ext_direct(LDAP *ld, const char *base, int scope, const char *filter, char **attrs,
+                           int attrsonly, LDAPControl **serverctrls, int sizelimit, struct timeval *timeout,
+                           int *msgidp, LDAPConn *lc)
+{
+    LDAP_TRACE(TRC_API, "ldap_search_ext_direct\n");
+    int deref = 0;
+    int timelimit = 0;
+    int rc = timeout ? ldap_get_option_held(ld, LDAP_OPT_DEREF, &deref)
+                     : ldap_get_options_held(ld, {{LDAP_OPT_DEREF, &deref}, {LDAP_OPT_TIMELIMIT, &timelimit}});
+    if (rc != LDAP_SUCCESS)
+        return rc;
+    if (timeout)
+        timelimit = time_limit_of(timeout);
+    auto encode = [&](BerElement *ber) {
+        if (FberWriter(ber)
+                .open(kSearchRequest)
+                .string(base ? base : "")
+                .enumerated(scope)
+                .enumerated(deref)
+                .integer(sizelimit)
+                .integer(timelimit)
+                .boolean(attrsonly)
+                .finish() != 0)
+            return LDAP_ENCODING_ERROR;
+        LDAP_TRACE(TRC_API, "putting filter %s into ber\n", filter);
+        if (put_filter(ber, filter, 0) != 0)
+            return LDAP_FILTER_ERROR;
+        return FberWriter(ber).open().strings(attrs).close().close().finish() == 0 ? LDAP_SUCCESS
+                                                                                   : LDAP_ENCODING_ERROR;
+    };
+    zldap::RequestPlan plan{"ldap_search_ext_direct: NULL server connection\n", kSearchRequest, serverctrls, encode};
+    return zldap::send_request(ld, lc, plan, msgidp, timeout);
+}
+
+int ldap_search_ext(LDAP *ld, const char *base, int scope, const char *filter, char **attrs, int attrsonly,
+                    LDAPControl **serverctrls, LDAPControl **clientctrls, struct timeval *timeout,
+                    int sizelimit, int *msgidp)
+{
+    return search_ext(ld, base, scope, filter, attrs, attrsonly, serverctrls, clientctrls, timeout, sizelimit,
+                      msgidp, false);
+}
+
+int ldap_search(LDAP *ld, const char *base, int scope, const char *filter, char **attrs, int attrsonly)
+{
+    return search(ld, base, scope, filter, attrs, attrsonly, false);
 }
 
 int ldap_search_ext_s(LDAP *ld, const char *base, int scope, const char *filter, char **attrs,
@@ -129,8 +145,8 @@ int ldap_search_ext_s(LDAP *ld, const char *base, int scope, const char *filter,
         return LDAP_PARAM_ERROR;
     *res = nullptr;
     int msgid = -1;
-    int rc = ldap_search_ext(ld, base, scope, filter, attrs, attrsonly, serverctrls, clientctrls, timeout,
-                             sizelimit, &msgid);
+    int rc = search_ext(ld, base, scope, filter, attrs, attrsonly, serverctrls, clientctrls, timeout, sizelimit,
+                        &msgid, true);
     if (rc != LDAP_SUCCESS)
         return rc;
     // An all-zero time-out here means no limit, not a single poll.
@@ -161,9 +177,10 @@ int ldap_search_st(LDAP *ld, const char *base, int scope, const char *filter, ch
         return LDAP_PARAM_ERROR;
     *res = nullptr;
     int rc;
-    int msgid = ldap_search(ld, base, scope, filter, attrs, attrsonly);
+    int msgid = search(ld, base, scope, filter, attrs, attrsonly, true);
     if (msgid < 0) {
-        // Nothing recorded: a step refused by its guard, as an unbind began.
+        // Every refusal records its reason; should one not, success must
+        // still not be the answer.
         rc = ldap_get_errno_direct(ld);
         if (rc == LDAP_SUCCESS)
             rc = LDAP_PARAM_ERROR;

@@ -9,6 +9,8 @@
 
 #include <sys/time.h>
 
+// The search request on lc (NULL: the thread's default connection), for a
+// caller inside the operation guard on ld.
 int ldap_search_ext_direct(LDAP *ld, const char *base, int scope, const char *filter, char **attrs,
                            int attrsonly, LDAPControl **serverctrls, int sizelimit, struct timeval *timeout,
                            int *msgidp, LDAPConn *lc);

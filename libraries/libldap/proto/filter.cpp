@@ -95,6 +95,34 @@ zldap::MemBuffer copy_of(std::string_view text)
     return zldap::MemBuffer(zldap::mem_strndup(text.empty() ? "" : text.data(), text.size()));
 }
 
+// A copy of one simple item to take apart: on the stack when it is short,
+// as nearly all are, on the heap otherwise. Items that nest keep to
+// copy_of, so that deep nesting does not grow the stack by a buffer per
+// level. get() is NULL when the heap copy fails.
+class ItemCopy {
+public:
+    explicit ItemCopy(std::string_view text)
+    {
+        if (text.size() >= sizeof inline_) {
+            heap_ = copy_of(text);
+            text_ = heap_.get();
+            return;
+        }
+        if (!text.empty())
+            std::memcpy(inline_, text.data(), text.size());
+        inline_[text.size()] = '\0';
+        text_ = inline_;
+    }
+    ItemCopy(const ItemCopy &) = delete;
+    ItemCopy &operator=(const ItemCopy &) = delete;
+    char *get() const { return text_; }
+
+private:
+    char inline_[128];
+    zldap::MemBuffer heap_;
+    char *text_;
+};
+
 } // namespace
 
 int compress_hex(char *s, ber_len_t *len)
@@ -175,8 +203,8 @@ int put_filter(BerElement *ber, const char *filter, int nested)
                 const char *close = closing_paren(p, 1);
                 if (!close)
                     return -1;
-                zldap::MemBuffer item = copy_of(std::string_view(p, static_cast<size_t>(close - p)));
-                if (!item || put_simple_filter_in_place(ber, item.get()) != 0)
+                ItemCopy item(std::string_view(p, static_cast<size_t>(close - p)));
+                if (!item.get() || put_simple_filter_in_place(ber, item.get()) != 0)
                     return -1;
                 p = close + 1;
             }
@@ -187,8 +215,8 @@ int put_filter(BerElement *ber, const char *filter, int nested)
             std::string_view rest(p);
             while (!rest.empty() && is_space(rest.back()))
                 rest.remove_suffix(1);
-            zldap::MemBuffer item = copy_of(rest);
-            return item && put_simple_filter_in_place(ber, item.get()) == 0 ? 0 : -1;
+            ItemCopy item(rest);
+            return item.get() && put_simple_filter_in_place(ber, item.get()) == 0 ? 0 : -1;
         }
         }
     }

@@ -479,6 +479,24 @@ int ldap_get_option(LDAP *ld, int option, void *outvalue)
     return with_option_lock(ld, get);
 }
 
+int ldap_get_options_held(LDAP *ld, std::initializer_list<OptionRead> reads)
+{
+    LDAP_MUTEX_GUARD(guard, &ld->ld_mutex);
+    if (!guard.locked())
+        return ldap_fail(ld, LDAP_LOCK_ERROR);
+    for (const OptionRead &read : reads) {
+        int rc = read.out ? ldap_get_option_direct(ld, read.option, read.out) : LDAP_PARAM_ERROR;
+        if (rc != LDAP_SUCCESS)
+            return rc;
+    }
+    return LDAP_SUCCESS;
+}
+
+int ldap_get_option_held(LDAP *ld, int option, void *outvalue)
+{
+    return ldap_get_options_held(ld, {{option, outvalue}});
+}
+
 int ldap_get_version(ldap_version_record *record)
 {
     if (record) {

@@ -7,11 +7,27 @@
 #include "core/ldap_session.h"
 #include "zor8ldap_api.h"
 
+#include <initializer_list>
+
 // Unlocked forms for callers that hold ld_mutex. The set form takes the
 // value itself: a pointer for strings, arrays, records and functions, the
 // pointer-sized number for integers and on/off values.
 int ldap_set_option_direct(LDAP *ld, int option, const void *value);
 int ldap_get_option_direct(LDAP *ld, int option, void *outvalue);
+
+// ldap_get_option for a caller already inside the operation guard on ld (a
+// real handle, not NULL): the same codes and error, under ld_mutex, without
+// entering the guard again.
+int ldap_get_option_held(LDAP *ld, int option, void *outvalue);
+
+// Several options read under one hold of ld_mutex, by a caller inside the
+// operation guard, in order; the first failure ends the reading and is the
+// code, as the same ldap_get_option calls in a row would give.
+struct OptionRead {
+    int option;
+    void *out;
+};
+int ldap_get_options_held(LDAP *ld, std::initializer_list<OptionRead> reads);
 
 // The process-wide record that options set or read without a handle use;
 // NULL when it cannot be made.
