@@ -11,6 +11,7 @@
 
 #include <climits>
 #include <functional>
+#include <memory>
 #include <string>
 
 namespace {
@@ -224,7 +225,7 @@ TEST(BerElement, MissingArgumentsAndOtherKindsOfElementAreRefused)
     EXPECT_EQ(fber_scanf(nullptr, "a"), LBER_DEFAULT);
     EXPECT_EQ(fber_peek_tag(nullptr, nullptr), LBER_DEFAULT);
     EXPECT_EQ(fber_init2(nullptr), nullptr);
-    EXPECT_EQ(new_ldap_ber(nullptr, 0), nullptr);
+    EXPECT_EQ(new_ldap_ber(nullptr), nullptr);
     EXPECT_EQ(fber_write(ber.get(), nullptr, 3), -1);
     // An element of another kind is left alone, with success.
     ber->ber_options = 0;
@@ -269,10 +270,13 @@ TEST(BerElement, HandleElementsCopyTheSettingsAtCreation)
     ASSERT_NE(ld, nullptr);
     ld->ld_version = 2;
     ld->ld_no_xlate = 7;
-    BerPtr writer(new_ldap_ber(ld, 0)), reader(new_ldap_ber(ld, 1));
+    BerPtr writer(new_ldap_ber(ld));
+    std::unique_ptr<LDAPMessage, void (*)(LDAPMessage *)> response(ldap_alloc_response(ld, nullptr),
+                                                                   [](LDAPMessage *m) { free_msg(m, 0); });
+    BerElement *reader = response->msg_ber;
     ld->ld_version = 3;
     ld->ld_no_xlate = 0;
-    for (BerElement *ber : {writer.get(), reader.get()})
+    for (BerElement *ber : {writer.get(), reader})
         EXPECT_EQ(std::pair(*ber->ber_version, *ber->ber_no_xlate), std::pair(2, 7u));
     EXPECT_EQ(writer->ber_end - writer->ber_buf, kFberDefaultSize);
     EXPECT_EQ(reader->ber_end - reader->ber_buf, 0) << "a reader gets its buffer when framed";

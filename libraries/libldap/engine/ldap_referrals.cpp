@@ -207,7 +207,7 @@ ReferralForm read_referral(LDAP *ld, const LDAPMessage *msg, char ***urls, char 
         LDAP_TRACE(TRC_API, "look_for_referrals: V3 Referral detected\n");
         return result.referrals(urls) == LDAP_SUCCESS ? ReferralForm::v3 : ReferralForm::unreadable;
     }
-    if (code != LDAP_SUCCESS && ldap_get_option(ld, LDAP_OPT_PROTOCOL_VERSION, &version) != LDAP_SUCCESS)
+    if (code != LDAP_SUCCESS && ldap_get_option_held(ld, LDAP_OPT_PROTOCOL_VERSION, &version) != LDAP_SUCCESS)
         return ReferralForm::unreadable;
     if (code != LDAP_SUCCESS && version == LDAP_VERSION2) {
         LDAP_TRACE(TRC_API, "look_for_referrals: V2 Referral detected\n");

@@ -161,7 +161,7 @@ BerElement *re_encode_request(LDAP *ld, const BerElement *initial, int id, LDAPU
     // A copy rewound to the start: the initial element stays as it is.
     BerElement in = *initial;
     fber_reset(&in, 1);
-    BerElement *out = new_ldap_ber(ld, 0);
+    BerElement *out = new_ldap_ber(ld);
     if (!out)
         return nullptr;
     int old_id = 0;

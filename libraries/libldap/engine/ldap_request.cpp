@@ -183,7 +183,7 @@ int send_request(LDAP *ld, LDAPConn *lc, const RequestPlan &plan, int *msgid, co
     msg->msg_id = id;
     if (id < 0) {
         rc = LDAP_LOCAL_ERROR;
-    } else if (!(msg->msg_ber = new_ldap_ber(ld, 0))) {
+    } else if (!(msg->msg_ber = new_ldap_ber(ld))) {
         rc = LDAP_NO_MEMORY;
     } else if (FberWriter(msg->msg_ber).open().integer(id).finish() != 0) {
         rc = LDAP_ENCODING_ERROR;

@@ -22,8 +22,7 @@ bool referral_settings(LDAP *ld, ldap_msg_table *table, int id, int *chase, int 
 {
     int referrals = 0;
     int hops = 0;
-    if (ldap_get_option(ld, LDAP_OPT_REFERRALS, &referrals) != 0 ||
-        ldap_get_option(ld, LDAP_OPT_HOP_LIMIT, &hops) != 0)
+    if (ldap_get_options_held(ld, {{LDAP_OPT_REFERRALS, &referrals}, {LDAP_OPT_HOP_LIMIT, &hops}}) != 0)
         return false;
     LDAP_MUTEX_GUARD(guard, &table->lock);
     if (!guard.locked())

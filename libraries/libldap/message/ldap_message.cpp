@@ -38,12 +38,12 @@ LDAPMessage *ldap_alloc_response(LDAP *ld, LDAPConn *conn)
     return msg;
 }
 
-BerElement *new_ldap_ber(LDAP *ld, int for_reading)
+BerElement *new_ldap_ber(LDAP *ld)
 {
     if (!ld)
         return nullptr;
     // The settings live in the element's own allocation: one block per element.
-    BerElement *ber = for_reading ? fber_alloc_t(0) : fber_alloc();
+    BerElement *ber = fber_alloc();
     if (!ber)
         return ldap_fail_returning(ld, LDAP_NO_MEMORY, nullptr);
     fber_set_string_settings(ber, ld->ld_no_xlate, ld->ld_version);

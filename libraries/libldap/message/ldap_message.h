@@ -31,10 +31,10 @@ LDAPMessage *ldap_alloc_msg(LDAPConn *conn);
 // (the handle's translation setting and protocol version) in the same
 // block: one allocation per response. NULL when memory runs out.
 LDAPMessage *ldap_alloc_response(LDAP *ld, LDAPConn *conn);
-// A new element carrying the handle's translation setting and protocol
-// version, for writing a request or (for_reading 1) reading a response.
-// NULL with 90 as the thread's error when memory runs out.
-BerElement *new_ldap_ber(LDAP *ld, int for_reading);
+// A new element for writing a request, carrying the handle's translation
+// setting and protocol version. NULL with 90 as the thread's error when
+// memory runs out.
+BerElement *new_ldap_ber(LDAP *ld);
 // Releases msg and its element; with all = 1 also every message after it.
 void free_msg(LDAPMessage *msg, int all);
 // 1 for the types that end a request (bind, search done, modify, add,

@@ -47,7 +47,7 @@ int ldap_check_client_controls(LDAP *ld, LDAPControl ***serverctrls, LDAPControl
     if (*serverctrls)
         return LDAP_SUCCESS;
     LDAPControl **defaults = nullptr;
-    int rc = ldap_get_option(ld, LDAP_OPT_SERVER_CONTROLS, &defaults);
+    int rc = ldap_get_option_held(ld, LDAP_OPT_SERVER_CONTROLS, &defaults);
     if (rc != LDAP_SUCCESS)
         return rc;
     *serverctrls = defaults;

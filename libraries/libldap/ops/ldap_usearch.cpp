@@ -113,7 +113,7 @@ int take_messages(UrlSearch &s)
         int rc = bind_elsewhere(s);
         if (rc != LDAP_SUCCESS)
             return rc;
-        if (!(s.copy = new_ldap_ber(s.ld, 0)) || !(s.sent = ldap_alloc_msg(s.target)) ||
+        if (!(s.copy = new_ldap_ber(s.ld)) || !(s.sent = ldap_alloc_msg(s.target)) ||
             !(s.parent = ldap_alloc_msg(s.home)))
             return LDAP_NO_MEMORY;
         if ((s.parent_id = ldap_msg_table_get_next_msgid(s.home->lconn_msgtable)) < 0 ||
@@ -217,7 +217,7 @@ int link_rows(UrlSearch &s)
 // -1 with the handle's error set.
 int build_and_send(UrlSearch &s, int attrsonly)
 {
-    int rc = (s.request = new_ldap_ber(s.ld, 0)) ? take_messages(s) : LDAP_NO_MEMORY;
+    int rc = (s.request = new_ldap_ber(s.ld)) ? take_messages(s) : LDAP_NO_MEMORY;
     if (rc == LDAP_SUCCESS)
         rc = encode_search(s, attrsonly);
     if (rc == LDAP_SUCCESS && s.elsewhere())
