@@ -2,8 +2,8 @@
 // their own ids while the server answers out of order, and every answer
 // must reach the thread that owns it; each thread reads its own error; an
 // unbind waits for the operations inside the handle's guard; searches that
-// time out while others read leave no rows, and one cut short by an unbind
-// says why. Also run under ThreadSanitizer.
+// time out while others read leave no rows, a thread behind a silent
+// reader keeps its own time-out, and one cut short by an unbind says why. Also run under ThreadSanitizer.
 #include "engine_fixture.h"
 #include "core/ldap_error.h"
 #include "core/ldap_init_guard.h"
@@ -160,6 +160,31 @@ TEST(HandleThreads, UnbindWaitsForAThreadInsideLdapResult)
     waiter.join();
     answerer.join();
     EXPECT_EQ(result.load(), kDelResp);
+}
+
+// A thread that finds another reading a silent connection waits for that
+// reader's news only as long as its own time-out: 0.1 s here against the
+// reader's 3 s, checked with a bound of 2 s so that a slow machine passes.
+TEST(HandleThreads, AWaiterBehindASilentReaderKeepsItsOwnTimeOut)
+{
+    ScriptServer server([](ScriptConnection &c) { c.Read(10s); c.Read(10s); c.Read(10s); });
+    LDAP *ld = HandleFor(server);
+    int first = 0, second = 0;
+    ASSERT_EQ(SendDelete(ld, "cn=a", &first), 0);
+    ASSERT_EQ(SendDelete(ld, "cn=b", &second), 0);
+    auto reader = std::async(std::launch::async, [&] {
+        LDAPMessage *res = nullptr;
+        struct timeval tv {3, 0};
+        return ldap_result(ld, first, LDAP_MSG_ALL, &tv, &res);
+    });
+    std::this_thread::sleep_for(300ms);
+    LDAPMessage *res = nullptr;
+    struct timeval tv {0, 100000};
+    auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(ldap_result(ld, second, LDAP_MSG_ALL, &tv, &res), 0);
+    EXPECT_LT(std::chrono::steady_clock::now() - start, 2s);
+    EXPECT_EQ(reader.get(), 0);
+    EXPECT_EQ(ldap_unbind(ld), 0);
 }
 
 // An unbind that starts while a search is under way refuses the search's
