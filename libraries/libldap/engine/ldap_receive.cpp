@@ -1,7 +1,7 @@
 // ldap_receive.cpp - there is no reader thread: a thread whose row has
-// nothing to hand out reads the socket itself, one message at a time, and
-// every message it reads goes to the queue and from there to its own row,
-// whoever is waiting for it.
+// nothing to hand out reads the socket itself, one message at a time plus
+// those whose bytes came in with it, and every message it reads goes to
+// the queue and from there to its own row, whoever is waiting for it.
 #include "engine/ldap_receive.h"
 
 #include "base/ldap_lock.h"
