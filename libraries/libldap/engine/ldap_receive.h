@@ -7,8 +7,9 @@
 
 #include <sys/time.h>
 
-// Reads one message and queues it: 1 read, 0 time-out, -1 failure, 81 the
-// connection is closed or was never opened.
+// Reads one message, with any whose bytes came in with it, and queues
+// them: 1 read, 0 time-out, -1 failure, 81 the connection is closed or
+// was never opened.
 int ldap_get_msg(LDAP *ld, LDAPConn *lc, const struct timeval *timeout);
 // 1 a whole element was read, -1 failure, -2 time-out.
 int wait_for_message(LDAPConn *lc, BerElement *ber, int *state, const struct timeval *timeout);
