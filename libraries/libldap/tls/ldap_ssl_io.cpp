@@ -171,18 +171,34 @@ bool budget_spent(Plan &p)
     return left < 0;
 }
 
-// One would-block more, counted here and in the record. In handshake mode
-// with a limit the time since the last look comes off the remaining time:
-// false when none is left (the loop gives up). Otherwise the record keeps
-// the remaining time for the next call and the loop may wait.
-bool count_would_block(Plan &p)
+// Returns result with errno set to error.
+int with_errno(int result, int error)
 {
+    errno = error;
+    return result;
+}
+
+// A read or write that moved nothing. A would-block is counted, here and
+// in the record, and in handshake mode with a limit the time since the
+// last look comes off the remaining time; while some is left the record
+// keeps it for the next call and the loop may wait (true). Otherwise false
+// with *rc: -1 with the error for any other failure, -3 with EIO when the
+// time is spent.
+bool may_wait(Plan &p, int error, int *rc)
+{
+    if (error != EWOULDBLOCK) {
+        LDAP_TRACE(TRC_ERROR, "Error - %s: in SSL errno=%d EWOULDBLOCK=%d EAGAIN=%d\n", p.dir->name, error,
+                   EWOULDBLOCK, EAGAIN);
+        *rc = with_errno(-1, error);
+        return false;
+    }
     p.selects++;
     p.blocks++;
     if (p.rec)
         p.rec->*p.dir->blocks = p.blocks;
     if (p.handshake && p.limited && budget_spent(p)) {
         LDAP_TRACE(TRC_CONN, p.dir->budget_spent, static_cast<long>(p.wait.sec), static_cast<long>(p.wait.usec));
+        *rc = with_errno(-3, EIO);
         return false;
     }
     if (p.rec && p.limited)
@@ -193,13 +209,6 @@ bool count_would_block(Plan &p)
 }
 
 const char *env_name(int env) { return env == kZorEnvClient ? "CLIENT" : env == kZorEnvServer ? "SERVER" : "unknown"; }
-
-// Returns result with errno set to error.
-int with_errno(int result, int error)
-{
-    errno = error;
-    return result;
-}
 
 // Read/write mode's wait ran out: a would-block for the toolkit, which
 // calls again later.
@@ -246,16 +255,8 @@ int ssl_read(int fd, char *buffer, int length, void *user_data, int *count)
                            p.loop, p.selects, p.blocks, static_cast<int>(n), p.handshake, length - *count, length);
             continue;
         }
-        if (error != EWOULDBLOCK) {
-            LDAP_TRACE(TRC_ERROR, "Error - ssl_read: in SSL errno=%d EWOULDBLOCK=%d EAGAIN=%d\n", error, EWOULDBLOCK,
-                       EAGAIN);
-            errno = error;
+        if (!may_wait(p, error, &rc))
             break;
-        }
-        if (!count_would_block(p)) {
-            rc = with_errno(-3, EIO);
-            break;
-        }
         if (p.limited && p.on(kZorTraceLooping))
             LDAP_TRACE(TRC_CONN, "ssl_read: %s: (%d) looping waiting on EWOULDBLOCK. mode: %d  selects %d:%d bytes: %d:%d \n",
                        p.env == kZorEnvServer ? "server" : "client", p.loop, p.handshake, p.selects, p.blocks, *count,
@@ -336,16 +337,8 @@ int ssl_write(int fd, const char *buffer, int length, void *user_data, int *coun
             p.loop++;
             continue;
         }
-        if (error != EWOULDBLOCK) {
-            LDAP_TRACE(TRC_ERROR, "Error - ssl_write: in SSL errno=%d EWOULDBLOCK=%d EAGAIN=%d\n", error, EWOULDBLOCK,
-                       EAGAIN);
-            errno = error;
+        if (!may_wait(p, error, &rc))
             break;
-        }
-        if (!count_would_block(p)) {
-            rc = with_errno(-3, EIO);
-            break;
-        }
         int ready = zldap::wait_for_descriptor(fd, POLLOUT, p.deadline());
         if (ready < 0) {
             LDAP_TRACE(TRC_ERROR, "Error - ssl_write: select failed: %d handshake mode? %d \n", errno, p.handshake);
