@@ -45,9 +45,9 @@ struct Direction {
     const char *name;                // "ssl_read" or "ssl_write"
     int32_t zor_user_data::*loop;    // the record's loop index
     int32_t zor_user_data::*blocks;  // the record's would-block count
-    const char *budget_spent;        // the wait's seconds and microseconds
-    const char *unlimited;
-    const char *timed_out;           // loop, types, selects, bytes left, length
+    const char *budget_spent;        // handshake time spent: the wait's seconds, microseconds
+    const char *unlimited;           // about to wait without a limit
+    const char *timed_out;           // read/write wait over: loop, types, selects, bytes left, length
 };
 
 constexpr Direction kReading = {
