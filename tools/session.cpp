@@ -93,8 +93,12 @@ int report_result(LDAP *ld, const char *operation, int code)
     return code;
 }
 
-LDAP *open_session(const char *program, SessionOptions &options, ControlList *controls, int *rc)
+LDAP *open_session(SessionOptions &options, ControlList *controls, int *rc)
 {
+    *rc = LDAP_SUCCESS;
+    if (options.dry_run)
+        return nullptr;
+    const char *program = options.program;
     std::string error;
     if (!options.mechanism.empty() && !options.binddn.empty()) {
         *rc = complain(program, "-D is for simple binds; a SASL bind (-Y) takes -U, -X and -R", LDAP_PARAM_ERROR);

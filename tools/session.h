@@ -1,4 +1,4 @@
-// session.h - what both tools do before their work: make the session, set
+// session.h - what every tool does before its work: make the session, set
 // the connect time-out, bind; and the bound on calls that have none.
 #ifndef ZLDAP_TOOLS_SESSION_H
 #define ZLDAP_TOOLS_SESSION_H
@@ -32,8 +32,8 @@ private:
 // binds (simple, anonymously without -D, or SASL with -Y), asking for the
 // password first with -W, and builds the -e and -M controls into
 // *controls. NULL after a message on stderr, with *rc the tool's exit
-// code.
-LDAP *open_session(const char *program, SessionOptions &options, ControlList *controls, int *rc);
+// code; a dry run (-n) opens nothing: NULL with *rc 0.
+LDAP *open_session(SessionOptions &options, ControlList *controls, int *rc);
 
 // Prints "program: what: text (code)" on stderr and returns the code.
 int report(const char *program, const std::string &what, int code);

@@ -234,6 +234,12 @@ int read_command_line(int argc, char **argv, const char *usage, const std::strin
     return -1;
 }
 
+int read_command_line(int argc, char **argv, const char *usage, SessionOptions *options)
+{
+    auto none = [](int, const char *, std::string *) { return false; };
+    return read_command_line(argc, argv, usage, "", none, options);
+}
+
 int complain(const char *program, const std::string &error, int code)
 {
     std::fprintf(stderr, "%s: %s\n", program, error.c_str());

@@ -74,6 +74,8 @@ using TakeOption = std::function<bool(int letter, const char *arg, std::string *
 // message on stderr.
 int read_command_line(int argc, char **argv, const char *usage, const std::string &own_letters,
                       const TakeOption &take, SessionOptions *options);
+// The same for a tool that has only the shared options.
+int read_command_line(int argc, char **argv, const char *usage, SessionOptions *options);
 
 // The operands of a tool: those after the options or, when there are
 // none, the non-empty lines of the -f file or of standard input. False

@@ -19,8 +19,7 @@ constexpr char kUsage[] = "usage: zldapcompare [options] dn attr:value | dn attr
 
 int main(int argc, char **argv)
 {
-    tool::SessionOptions session;
-    session.program = kProgram;
+    tool::SessionOptions session{.program = kProgram};
     bool quiet = false;
     auto take = [&](int, const char *, std::string *) { return quiet = true; };
     if (int rc = tool::read_command_line(argc, argv, kUsage, "z", take, &session); rc >= 0)
@@ -36,11 +35,9 @@ int main(int argc, char **argv)
     if (!good)
         return tool::complain(kProgram, "\"" + assertion + "\": expected attr:value or attr::base64value",
                               LDAP_PARAM_ERROR);
-    if (session.dry_run)
-        return LDAP_SUCCESS;
     int rc = LDAP_SUCCESS;
     tool::ControlList controls;
-    LDAP *ld = tool::open_session(kProgram, session, &controls, &rc);
+    LDAP *ld = tool::open_session(session, &controls, &rc);
     if (!ld)
         return rc;
     struct berval bv {value.size(), value.data()};

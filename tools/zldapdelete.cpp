@@ -17,10 +17,8 @@ constexpr char kUsage[] = "usage: zldapdelete [options] [dn ...]\n"
 // Exits with the result code of the last delete that failed, or 0.
 int main(int argc, char **argv)
 {
-    tool::SessionOptions session;
-    session.program = kProgram;
-    auto take = [](int, const char *, std::string *) { return false; };
-    if (int rc = tool::read_command_line(argc, argv, kUsage, "", take, &session); rc >= 0)
+    tool::SessionOptions session{.program = kProgram};
+    if (int rc = tool::read_command_line(argc, argv, kUsage, &session); rc >= 0)
         return rc;
     std::vector<std::string> dns;
     std::string error;
@@ -28,8 +26,8 @@ int main(int argc, char **argv)
         return tool::complain(kProgram, error, LDAP_PARAM_ERROR);
     int rc = LDAP_SUCCESS;
     tool::ControlList controls;
-    LDAP *ld = session.dry_run ? nullptr : tool::open_session(kProgram, session, &controls, &rc);
-    if (!ld && !session.dry_run)
+    LDAP *ld = tool::open_session(session, &controls, &rc);
+    if (rc != LDAP_SUCCESS)
         return rc;
     int last_failure = LDAP_SUCCESS;
     for (size_t i = 0; i < dns.size() && (last_failure == LDAP_SUCCESS || session.continuous); i++) {

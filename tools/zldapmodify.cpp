@@ -147,8 +147,7 @@ int apply(LDAP *ld, const ldif::ChangeRecord &r, LDAPControl **general, int seco
 // Exits with the result code of the last record that failed, or 0.
 int main(int argc, char **argv)
 {
-    tool::SessionOptions session;
-    session.program = kProgram;
+    tool::SessionOptions session{.program = kProgram};
     bool add_by_default = kAddByDefault;
     auto take = [&](int, const char *, std::string *) { return add_by_default = true; };
     if (int rc = tool::read_command_line(argc, argv, kUsage.c_str(), "a", take, &session); rc >= 0)
@@ -171,7 +170,7 @@ int main(int argc, char **argv)
     }
     int rc = LDAP_SUCCESS;
     tool::ControlList general;
-    LDAP *ld = tool::open_session(kProgram, session, &general, &rc);
+    LDAP *ld = tool::open_session(session, &general, &rc);
     if (!ld)
         return rc;
     int last_failure = LDAP_SUCCESS;

@@ -21,8 +21,7 @@ constexpr char kUsage[] = "usage: zldapmodrdn [options] [-r] [-s newsuperior] [d
 // Exits with the result code of the last rename that failed, or 0.
 int main(int argc, char **argv)
 {
-    tool::SessionOptions session;
-    session.program = kProgram;
+    tool::SessionOptions session{.program = kProgram};
     int delete_old = 0;
     std::string superior;
     bool has_superior = false;
@@ -43,8 +42,8 @@ int main(int argc, char **argv)
         return tool::complain(kProgram, "expected pairs of a DN and its new RDN", LDAP_PARAM_ERROR);
     int rc = LDAP_SUCCESS;
     tool::ControlList controls;
-    LDAP *ld = session.dry_run ? nullptr : tool::open_session(kProgram, session, &controls, &rc);
-    if (!ld && !session.dry_run)
+    LDAP *ld = tool::open_session(session, &controls, &rc);
+    if (rc != LDAP_SUCCESS)
         return rc;
     int last_failure = LDAP_SUCCESS;
     for (size_t i = 0; i < operands.size() && (last_failure == LDAP_SUCCESS || session.continuous); i += 2) {

@@ -24,8 +24,7 @@ constexpr char kUsage[] = "usage: zldappasswd [options] [-a oldpw | -t oldpwfile
 // Exits with the result code of the operation.
 int main(int argc, char **argv)
 {
-    tool::SessionOptions session;
-    session.program = kProgram;
+    tool::SessionOptions session{.program = kProgram};
     std::optional<std::string> user, old_password, new_password;
     auto take = [&](int opt, const char *arg, std::string *error) {
         auto &target = opt == 'a' || opt == 't' ? old_password : new_password;
@@ -38,11 +37,9 @@ int main(int argc, char **argv)
         return tool::usage_error(kUsage);
     if (optind < argc)
         user = argv[optind];
-    if (session.dry_run)
-        return LDAP_SUCCESS;
     int rc = LDAP_SUCCESS;
     tool::ControlList controls;
-    LDAP *ld = tool::open_session(kProgram, session, &controls, &rc);
+    LDAP *ld = tool::open_session(session, &controls, &rc);
     if (!ld)
         return rc;
     std::string request = tool::passwd_modify_request(user, old_password, new_password);

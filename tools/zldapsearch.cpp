@@ -198,8 +198,7 @@ int make_filters(const std::string &pattern, const std::string &file, std::vecto
 // did), or of what failed before the searches.
 int main(int argc, char **argv)
 {
-    tool::SessionOptions session;
-    session.program = kProgram;
+    tool::SessionOptions session{.program = kProgram};
     tool::OutputStyle style;
     Search search;
     std::vector<tool::ControlSpec> search_controls;
@@ -245,11 +244,9 @@ int main(int argc, char **argv)
     if (session.verbose)
         for (const std::string &filter : filters)
             std::fprintf(stderr, "filter: %s\n", filter.c_str());
-    if (session.dry_run)
-        return LDAP_SUCCESS;
     int rc = LDAP_SUCCESS;
     tool::ControlList controls;
-    LDAP *ld = tool::open_session(kProgram, session, &controls, &rc);
+    LDAP *ld = tool::open_session(session, &controls, &rc);
     if (!ld)
         return rc;
     rc = controls.Build(ld, search_controls);

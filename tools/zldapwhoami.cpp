@@ -18,18 +18,14 @@ constexpr char kUsage[] = "usage: zldapwhoami [options]\n"
 
 int main(int argc, char **argv)
 {
-    tool::SessionOptions session;
-    session.program = kProgram;
-    auto take = [](int, const char *, std::string *) { return false; };
-    if (int rc = tool::read_command_line(argc, argv, kUsage, "", take, &session); rc >= 0)
+    tool::SessionOptions session{.program = kProgram};
+    if (int rc = tool::read_command_line(argc, argv, kUsage, &session); rc >= 0)
         return rc;
     if (optind < argc)
         return tool::usage_error(kUsage);
-    if (session.dry_run)
-        return LDAP_SUCCESS;
     int rc = LDAP_SUCCESS;
     tool::ControlList controls;
-    LDAP *ld = tool::open_session(kProgram, session, &controls, &rc);
+    LDAP *ld = tool::open_session(session, &controls, &rc);
     if (!ld)
         return rc;
     char *oid = nullptr;

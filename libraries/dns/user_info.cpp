@@ -23,12 +23,91 @@ constexpr int kMaxPasswordLength = static_cast<int>(kUserInfoItemLimit) - 1 - 10
 
 bool valid_kind(int kind) { return kind >= LDAP_USER_INFO_TEXT && kind <= LDAP_USER_INFO_DOMAIN; }
 
-// The caller's path, or the default one in *owned (released by the caller).
-const char *settle_path(const char *path, char *name, char **owned, int *rc)
+// The current user's name and the records of the user information file
+// at the caller's path or the default one; rc tells whether they could be
+// read. What it holds goes with it.
+struct UserFile {
+    char name[kUserNameMax + 1];
+    char *owned = nullptr;      // the default path
+    const char *path = nullptr; // the file read; NULL when none could be named
+    UserInfoRecord *records = nullptr;
+    int rc = LDAP_SUCCESS;
+
+    explicit UserFile(const char *given)
+    {
+        rc = user_info_identity(name, given ? nullptr : &owned);
+        path = rc != LDAP_SUCCESS ? nullptr : given ? given : owned;
+        if (path)
+            rc = user_info_read_file(path, &records);
+    }
+    ~UserFile()
+    {
+        user_info_free(records);
+        mem_free(owned);
+    }
+    UserFile(const UserFile &) = delete;
+    UserFile &operator=(const UserFile &) = delete;
+};
+
+// Copies the item of the kind from the user's first record into *data.
+// 0, 32 when there is none, 90, or the failure to read the file.
+int copy_item(const char *path, int kind, char **data, int *length)
 {
-    *owned = nullptr;
-    *rc = user_info_identity(name, path ? nullptr : owned);
-    return *rc != LDAP_SUCCESS ? nullptr : path ? path : *owned;
+    UserFile file(path);
+    if (file.rc != LDAP_SUCCESS)
+        return file.rc;
+    const UserInfoRecord *r = file.records;
+    while (r && std::strcmp(r->name, file.name) != 0)
+        r = r->next;
+    const UserInfoItem *item = r ? &r->items[kind - 1] : nullptr;
+    if (!item || !item->data)
+        return LDAP_NO_SUCH_OBJECT;
+    // Every kind gets a zero byte after its data; texts rely on it.
+    *data = static_cast<char *>(mem_malloc(item->length + 1));
+    if (!*data)
+        return LDAP_NO_MEMORY;
+    std::memcpy(*data, item->data, item->length);
+    (*data)[item->length] = '\0';
+    if (length)
+        *length = static_cast<int>(item->length);
+    return LDAP_SUCCESS;
+}
+
+// Sets the item of the kind (clears it for data NULL) in the user's last
+// record, appended when there is none, and writes the file again. 0, 90,
+// or the failure to read or write the file.
+int change_item(const char *path, int kind, const char *data, int length)
+{
+    UserFile file(path);
+    if (file.rc != LDAP_SUCCESS)
+        return file.rc;
+    UserInfoRecord *mine = nullptr;
+    UserInfoRecord **tail = &file.records;
+    for (; *tail; tail = &(*tail)->next)
+        if (std::strcmp((*tail)->name, file.name) == 0)
+            mine = *tail;
+    if (!mine) {
+        mine = static_cast<UserInfoRecord *>(mem_calloc(1, sizeof *mine));
+        if (!mine)
+            return LDAP_NO_MEMORY;
+        std::memcpy(mine->name, file.name, sizeof mine->name);
+        *tail = mine;
+    }
+    uint8_t *copy = nullptr;
+    if (data) {
+        copy = static_cast<uint8_t *>(mem_malloc(static_cast<size_t>(length)));
+        if (!copy)
+            return LDAP_NO_MEMORY;
+        if (length > 0)
+            std::memcpy(copy, data, static_cast<size_t>(length));
+    }
+    UserInfoItem &item = mine->items[kind - 1];
+    if (item.data)
+        secure_zero(item.data, item.length);
+    mem_free(item.data);
+    item.data = copy;
+    item.length = data ? static_cast<uint32_t>(length) : 0;
+    return writeUserInfoFile(file.path, file.records);
 }
 
 } // namespace
@@ -59,8 +138,6 @@ int user_info_identity(char name[kUserNameMax + 1], char **default_path)
 
 } // namespace zldap
 
-using zldap::UserInfoRecord;
-
 int ldap_user_info_lookup(const char *path, int kind, char **data, int *length)
 {
     zldap::trace_setup();
@@ -69,33 +146,7 @@ int ldap_user_info_lookup(const char *path, int kind, char **data, int *length)
         *data = nullptr;
     if (!data || !zldap::valid_kind(kind))
         return LDAP_PARAM_ERROR;
-    char name[zldap::kUserNameMax + 1];
-    char *owned = nullptr;
-    int rc = LDAP_SUCCESS;
-    const char *file = zldap::settle_path(path, name, &owned, &rc);
-    UserInfoRecord *records = nullptr;
-    if (file)
-        rc = zldap::user_info_read_file(file, &records);
-    if (rc == LDAP_SUCCESS) {
-        const UserInfoRecord *r = records;
-        while (r && std::strcmp(r->name, name) != 0)
-            r = r->next;
-        const zldap::UserInfoItem *item = r ? &r->items[kind - 1] : nullptr;
-        rc = item && item->data ? LDAP_SUCCESS : LDAP_NO_SUCH_OBJECT;
-        if (rc == LDAP_SUCCESS) {
-            // Every kind gets a zero byte after its data; texts rely on it.
-            *data = static_cast<char *>(zldap::mem_malloc(item->length + 1));
-            rc = *data ? LDAP_SUCCESS : LDAP_NO_MEMORY;
-        }
-        if (rc == LDAP_SUCCESS) {
-            std::memcpy(*data, item->data, item->length);
-            (*data)[item->length] = '\0';
-            if (length)
-                *length = static_cast<int>(item->length);
-        }
-    }
-    zldap::user_info_free(records);
-    zldap::mem_free(owned);
+    int rc = zldap::copy_item(path, kind, data, length);
     LDAP_TRACE(TRC_API, "ldap_user_info_lookup: rc=%d\n", rc);
     return rc;
 }
@@ -106,44 +157,7 @@ int ldap_user_info_update(const char *path, int kind, const char *data, int leng
     LDAP_TRACE(TRC_API, "ldap_user_info_update: kind %d, file %s\n", kind, trace_str(path, "NULL"));
     if (!zldap::valid_kind(kind) || (data && (length < 0 || static_cast<uint32_t>(length) >= zldap::kUserInfoItemLimit)))
         return LDAP_PARAM_ERROR;
-    char name[zldap::kUserNameMax + 1];
-    char *owned = nullptr;
-    int rc = LDAP_SUCCESS;
-    const char *file = zldap::settle_path(path, name, &owned, &rc);
-    UserInfoRecord *records = nullptr;
-    if (file)
-        rc = zldap::user_info_read_file(file, &records);
-    UserInfoRecord *mine = nullptr;
-    UserInfoRecord **tail = &records;
-    for (; rc == LDAP_SUCCESS && *tail; tail = &(*tail)->next)
-        if (std::strcmp((*tail)->name, name) == 0)
-            mine = *tail;
-    if (rc == LDAP_SUCCESS && !mine) {
-        mine = static_cast<UserInfoRecord *>(zldap::mem_calloc(1, sizeof *mine));
-        rc = mine ? LDAP_SUCCESS : LDAP_NO_MEMORY;
-        if (mine) {
-            std::memcpy(mine->name, name, sizeof mine->name);
-            *tail = mine;
-        }
-    }
-    uint8_t *copy = nullptr;
-    if (rc == LDAP_SUCCESS && data) {
-        copy = static_cast<uint8_t *>(zldap::mem_malloc(static_cast<size_t>(length)));
-        rc = copy ? LDAP_SUCCESS : LDAP_NO_MEMORY;
-        if (copy && length > 0)
-            std::memcpy(copy, data, static_cast<size_t>(length));
-    }
-    if (rc == LDAP_SUCCESS) {
-        zldap::UserInfoItem &item = mine->items[kind - 1];
-        if (item.data)
-            zldap::secure_zero(item.data, item.length);
-        zldap::mem_free(item.data);
-        item.data = copy;
-        item.length = data ? static_cast<uint32_t>(length) : 0;
-        rc = writeUserInfoFile(file, records);
-    }
-    zldap::user_info_free(records);
-    zldap::mem_free(owned);
+    int rc = zldap::change_item(path, kind, data, length);
     LDAP_TRACE(TRC_API, "ldap_user_info_update: rc=%d\n", rc);
     return rc;
 }

@@ -31,10 +31,10 @@ int ask_server(LDAP *ld)
     return rc;
 }
 
-// The handshake on the default connection, under its write lock (no request
-// may go out while the connection changes) and the session's lock (the
-// secure settings stay as they are while they are used).
-int secure_default_connection(LDAP *ld)
+// Runs change on the default connection under its write lock: no request
+// may go out while the connection changes. 129 when there is no
+// connection or the lock can't be taken.
+int change_default_connection(LDAP *ld, int (*change)(LDAP *, LDAPConn *))
 {
     LDAPConn *lc = get_default_connection(ld);
     if (!lc)
@@ -42,6 +42,13 @@ int secure_default_connection(LDAP *ld)
     LDAP_MUTEX_GUARD(writing, &lc->lconn_write_mutex);
     if (!writing.locked())
         return LDAP_LOCK_ERROR;
+    return change(ld, lc);
+}
+
+// The handshake, under the session's lock as well (the secure settings
+// stay as they are while they are used).
+int secure_connection(LDAP *ld, LDAPConn *lc)
+{
     int rc = LDAP_LOCK_ERROR;
     {
         LDAP_MUTEX_GUARD(session, &ld->ld_mutex);
@@ -57,16 +64,10 @@ int secure_default_connection(LDAP *ld)
     return rc;
 }
 
-// Ends the default connection's secure layer, if it has one. 0, 80 when
-// the toolkit could not close it (the record stays), or 129.
-int close_secure_layer(LDAP *ld)
+// Ends the connection's secure layer, if it has one. 0, or 80 when the
+// toolkit could not close it (the record stays).
+int close_secure_layer(LDAP *, LDAPConn *lc)
 {
-    LDAPConn *lc = get_default_connection(ld);
-    if (!lc)
-        return LDAP_LOCK_ERROR;
-    LDAP_MUTEX_GUARD(writing, &lc->lconn_write_mutex);
-    if (!writing.locked())
-        return LDAP_LOCK_ERROR;
     ssl_close_direct(&lc->lconn_sb);
     return lc->lconn_sb.secure ? LDAP_OTHER : LDAP_SUCCESS;
 }
@@ -81,7 +82,7 @@ int ldap_start_tls_s_np(LDAP *ld, void *)
         return LDAP_PARAM_ERROR;
     int rc = ask_server(ld);
     if (rc == LDAP_SUCCESS)
-        rc = secure_default_connection(ld);
+        rc = change_default_connection(ld, secure_connection);
     ldap_set_error_direct(ld, rc, nullptr, nullptr);
     LDAP_TRACE(TRC_API, "ldap_start_tls_s_np: returns %d\n", rc);
     return rc;
@@ -95,7 +96,7 @@ int ldap_end_tls_s_np(LDAP *ld)
         zldap::OperationGuard guard(ld, zldap::OnEntry::keep_error);
         if (!guard.admitted())
             return LDAP_PARAM_ERROR;
-        rc = close_secure_layer(ld);
+        rc = change_default_connection(ld, close_secure_layer);
     }
     return rc == LDAP_SUCCESS ? ldap_unbind(ld) : rc;
 }

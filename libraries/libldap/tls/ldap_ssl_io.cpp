@@ -39,8 +39,41 @@ int text_state(const void *user_data)
     return state;
 }
 
-// How one call of ssl_read or ssl_write waits, and what it has waited.
+// What tells the read loop from the write loop where they share their
+// bookkeeping: the name, the record's counters and the traces.
+struct Direction {
+    const char *name;                // "ssl_read" or "ssl_write"
+    int32_t zor_user_data::*loop;    // the record's loop index
+    int32_t zor_user_data::*blocks;  // the record's would-block count
+    const char *budget_spent;        // handshake time spent: the wait's seconds, microseconds
+    const char *unlimited;           // about to wait without a limit
+    const char *timed_out;           // read/write wait over: loop, types, selects, bytes left, length
+};
+
+constexpr Direction kReading = {
+    "ssl_read",
+    &zor_user_data::read_loop,
+    &zor_user_data::read_blocks,
+    "ssl_read: non EWOULDBLOCK SSL time out after: %ld.%06ld sec\n",
+    "ssl_read: entering UNLIMITED wait for SSL ...\n",
+    "ssl_read: TIMEOUT. returning EWOULDBLOCK. non handshake mode. loop: %d Type: %d:%d selects %d:%d bytes: %d of "
+    "%d remaining\n",
+};
+
+constexpr Direction kWriting = {
+    "ssl_write",
+    &zor_user_data::write_loop,
+    &zor_user_data::write_blocks,
+    "ssl_write: SSL timed out after: %ld.%06ld sec\n",
+    "ssl_write: entering UNLIMITED wait for SSL...\n",
+    "ssl_write: TIMEOUT returning EWOULDBLOCK. non handshake mode. loop: %d Type: %d:%d selects %d:%d bytes: %d of "
+    "%d remaining\n",
+};
+
+// How one call of ssl_read or ssl_write waits, and what it has waited:
+// loops, selects since the last progress and would-blocks in all.
 struct Plan {
+    const Direction *dir = nullptr;
     zor_user_data *rec = nullptr;
     bool handshake = false;
     bool limited = true;
@@ -49,6 +82,7 @@ struct Plan {
     int conn = 0, env = 0;
     struct timeval start {};
     zor_time remaining{};
+    int loop = 0, selects = 0, blocks = 0;
 
     bool on(uint64_t flags) const { return (trace & flags) != 0; }
     int64_t deadline() const
@@ -60,13 +94,19 @@ struct Plan {
         tv.tv_usec = static_cast<suseconds_t>(wait.usec);
         return zldap::deadline_after(&tv);
     }
+    // The record's loop index follows the loop's.
+    void next_attempt()
+    {
+        if (rec)
+            rec->*dir->loop = loop;
+    }
 };
 
-// Chooses the mode and the wait from the user data (name is "ssl_read" or
-// "ssl_write" for the traces).
-Plan make_plan(void *user_data, const char *name, int length)
+// Chooses the mode and the wait from the user data.
+Plan make_plan(void *user_data, const Direction &dir, int length)
 {
     Plan p;
+    p.dir = &dir;
     p.rec = record_of(user_data);
     if (!p.rec) {
         p.wait = zor_default_wait();
@@ -76,7 +116,7 @@ Plan make_plan(void *user_data, const char *name, int length)
             LDAP_TRACE(TRC_CONN,
                        p.handshake ? "%s: SSL state %d set for handshake num_bytes=%d\n"
                                    : "%s: SSL state %d set for read/write num_bytes=%d\n",
-                       name, state, length);
+                       dir.name, state, length);
         }
     } else {
         zor_user_data *r = p.rec;
@@ -92,10 +132,10 @@ Plan make_plan(void *user_data, const char *name, int length)
             LDAP_TRACE(TRC_CONN,
                        "%s: user_data state: %d  handshakeMode? %d type: %d:%d timeout: %ld:%ld rem: %ld:%ld secs "
                        "num_bytes=%d\n",
-                       name, r->state, p.handshake, p.conn, p.env, static_cast<long>(p.wait.sec),
+                       dir.name, r->state, p.handshake, p.conn, p.env, static_cast<long>(p.wait.sec),
                        static_cast<long>(p.wait.usec), static_cast<long>(r->rem.sec), static_cast<long>(r->rem.usec),
                        length);
-            LDAP_TRACE(TRC_CONN, "%s: userdata initial time remaining: %ld:%ld\n", name,
+            LDAP_TRACE(TRC_CONN, "%s: userdata initial time remaining: %ld:%ld\n", dir.name,
                        static_cast<long>(r->rem.sec), static_cast<long>(r->rem.usec));
         }
     }
@@ -131,15 +171,6 @@ bool budget_spent(Plan &p)
     return left < 0;
 }
 
-// The record's remaining time, seen by the next call.
-void keep_remaining(Plan &p)
-{
-    if (p.rec && p.limited)
-        p.rec->rem = p.remaining;
-}
-
-const char *env_name(int env) { return env == kZorEnvClient ? "CLIENT" : env == kZorEnvServer ? "SERVER" : "unknown"; }
-
 // Returns result with errno set to error.
 int with_errno(int result, int error)
 {
@@ -147,16 +178,56 @@ int with_errno(int result, int error)
     return result;
 }
 
+// A read or write that moved nothing. A would-block is counted, here and
+// in the record, and in handshake mode with a limit the time since the
+// last look comes off the remaining time; while some is left the record
+// keeps it for the next call and the loop may wait (true). Otherwise false
+// with *rc: -1 with the error for any other failure, -3 with EIO when the
+// time is spent.
+bool may_wait(Plan &p, int error, int *rc)
+{
+    if (error != EWOULDBLOCK) {
+        LDAP_TRACE(TRC_ERROR, "Error - %s: in SSL errno=%d EWOULDBLOCK=%d EAGAIN=%d\n", p.dir->name, error,
+                   EWOULDBLOCK, EAGAIN);
+        *rc = with_errno(-1, error);
+        return false;
+    }
+    p.selects++;
+    p.blocks++;
+    if (p.rec)
+        p.rec->*p.dir->blocks = p.blocks;
+    if (p.handshake && p.limited && budget_spent(p)) {
+        LDAP_TRACE(TRC_CONN, p.dir->budget_spent, static_cast<long>(p.wait.sec), static_cast<long>(p.wait.usec));
+        *rc = with_errno(-3, EIO);
+        return false;
+    }
+    if (p.rec && p.limited)
+        p.rec->rem = p.remaining;
+    if (!p.limited)
+        LDAP_TRACE(TRC_CONN, "%s", p.dir->unlimited);
+    return true;
+}
+
+const char *env_name(int env) { return env == kZorEnvClient ? "CLIENT" : env == kZorEnvServer ? "SERVER" : "unknown"; }
+
+// Read/write mode's wait ran out: a would-block for the toolkit, which
+// calls again later.
+int pass_up_would_block(const Plan &p, int count, int length)
+{
+    if (p.on(kZorTraceLeaving))
+        LDAP_TRACE(TRC_CONN, p.dir->timed_out, p.loop, p.conn, p.env, p.selects, p.blocks, length - count, length);
+    return with_errno(-1, EWOULDBLOCK);
+}
+
 } // namespace
 
 int ssl_read(int fd, char *buffer, int length, void *user_data, int *count)
 {
     *count = 0;
-    Plan p = make_plan(user_data, "ssl_read", length);
-    int i = 0, selects = 0, blocks = 0, rc = -1;
+    Plan p = make_plan(user_data, kReading, length);
+    int rc = -1;
     for (;;) {
-        if (p.rec)
-            p.rec->read_loop = i;
+        p.next_attempt();
         ssize_t n = read(fd, buffer + *count, static_cast<size_t>(length - *count));
         int error = errno;
         if (n == 0 || (!p.handshake && zor_data_timeout() == 0)) {
@@ -166,51 +237,36 @@ int ssl_read(int fd, char *buffer, int length, void *user_data, int *count)
                 LDAP_TRACE(TRC_CONN,
                            "ssl_read: <----- Leaving immediately. looped %d:%d  rc=%d:%d(%d:%d) handshake mode? %d "
                            "type: %d:%d\n",
-                           i, selects, static_cast<int>(n), error, *count, length, p.handshake, p.conn, p.env);
+                           p.loop, p.selects, static_cast<int>(n), error, *count, length, p.handshake, p.conn, p.env);
             return with_errno(static_cast<int>(n), error);
         }
         if (n > 0) {
             *count += static_cast<int>(n);
             if (*count == length) {
                 if (p.on(kZorTraceLeaving))
-                    LDAP_TRACE(TRC_CONN, "ssl_read: <----- Leaving. looped %d:%d bytes: %d of %d\n", i, selects,
-                               *count, length);
+                    LDAP_TRACE(TRC_CONN, "ssl_read: <----- Leaving. looped %d:%d bytes: %d of %d\n", p.loop,
+                               p.selects, *count, length);
                 return length;
             }
-            selects = 0;
-            i++;
+            p.selects = 0;
+            p.loop++;
             if (p.on(kZorTraceLooping))
-                LDAP_TRACE(TRC_CONN, "ssl_read: (%d)looping selects %d:%d rc: %d mode: %d bytes2go: %d of %d\n", i,
-                           selects, blocks, static_cast<int>(n), p.handshake, length - *count, length);
+                LDAP_TRACE(TRC_CONN, "ssl_read: (%d)looping selects %d:%d rc: %d mode: %d bytes2go: %d of %d\n",
+                           p.loop, p.selects, p.blocks, static_cast<int>(n), p.handshake, length - *count, length);
             continue;
         }
-        if (error != EWOULDBLOCK) {
-            LDAP_TRACE(TRC_ERROR, "Error - ssl_read: in SSL errno=%d EWOULDBLOCK=%d EAGAIN=%d\n", error, EWOULDBLOCK,
-                       EAGAIN);
-            errno = error;
+        if (!may_wait(p, error, &rc))
             break;
-        }
-        selects++;
-        blocks++;
-        if (p.rec)
-            p.rec->read_blocks = blocks;
-        if (p.handshake && p.limited && budget_spent(p)) {
-            LDAP_TRACE(TRC_CONN, "ssl_read: non EWOULDBLOCK SSL time out after: %ld.%06ld sec\n",
-                       static_cast<long>(p.wait.sec), static_cast<long>(p.wait.usec));
-            rc = with_errno(-3, EIO);
-            break;
-        }
-        keep_remaining(p);
-        if (!p.limited)
-            LDAP_TRACE(TRC_CONN, "ssl_read: entering UNLIMITED wait for SSL ...\n");
-        else if (p.on(kZorTraceLooping))
+        if (p.limited && p.on(kZorTraceLooping))
             LDAP_TRACE(TRC_CONN, "ssl_read: %s: (%d) looping waiting on EWOULDBLOCK. mode: %d  selects %d:%d bytes: %d:%d \n",
-                       p.env == kZorEnvServer ? "server" : "client", i, p.handshake, selects, blocks, *count, length);
+                       p.env == kZorEnvServer ? "server" : "client", p.loop, p.handshake, p.selects, p.blocks, *count,
+                       length);
         int ready = zldap::wait_for_descriptor(fd, POLLIN, p.deadline());
         if (p.limited && p.on(kZorTraceSelect))
-            LDAP_TRACE(TRC_CONN, "ssl_read: select %d:%d rc: %d mode: %d secs: %ld:%ld of %ld:%ld\n", selects, blocks,
-                       ready, p.handshake, static_cast<long>(p.remaining.sec), static_cast<long>(p.remaining.usec),
-                       static_cast<long>(p.wait.sec), static_cast<long>(p.wait.usec));
+            LDAP_TRACE(TRC_CONN, "ssl_read: select %d:%d rc: %d mode: %d secs: %ld:%ld of %ld:%ld\n", p.selects,
+                       p.blocks, ready, p.handshake, static_cast<long>(p.remaining.sec),
+                       static_cast<long>(p.remaining.usec), static_cast<long>(p.wait.sec),
+                       static_cast<long>(p.wait.usec));
         if (ready < 0) {
             LDAP_TRACE(TRC_ERROR, "ssl_read: Error select failed with INVALID_SOCKET: errno = %d \n", errno);
             rc = with_errno(-1, EWOULDBLOCK);
@@ -220,7 +276,7 @@ int ssl_read(int fd, char *buffer, int length, void *user_data, int *count)
             if (p.handshake) {
                 LDAP_TRACE(TRC_ERROR,
                            "Error - ssl_read: select %d:%d timed out after:  %ld:%ld sec, connType: %d env: %s\n",
-                           selects, blocks, static_cast<long>(p.wait.sec), static_cast<long>(p.wait.usec), p.conn,
+                           p.selects, p.blocks, static_cast<long>(p.wait.sec), static_cast<long>(p.wait.usec), p.conn,
                            env_name(p.env));
                 rc = with_errno(-2, EIO);
                 break;
@@ -229,39 +285,33 @@ int ssl_read(int fd, char *buffer, int length, void *user_data, int *count)
                 LDAP_TRACE(TRC_CONN,
                            "ssl_read:  type:%d  non handshake mode selects %d:%d bytes: %d:%d timed out after: "
                            "%ld.%06ld sec. retry read\n",
-                           p.conn, selects, blocks, *count, length, static_cast<long>(p.wait.sec),
+                           p.conn, p.selects, p.blocks, *count, length, static_cast<long>(p.wait.sec),
                            static_cast<long>(p.wait.usec));
-            if (p.on(kZorTraceLeaving))
-                LDAP_TRACE(TRC_CONN,
-                           "ssl_read: TIMEOUT. returning EWOULDBLOCK. non handshake mode. loop: %d Type: %d:%d "
-                           "selects %d:%d bytes: %d of %d remaining\n",
-                           i, p.conn, p.env, selects, blocks, length - *count, length);
-            rc = with_errno(-1, EWOULDBLOCK);
+            rc = pass_up_would_block(p, *count, length);
             break;
         }
         if (p.on(kZorTraceLooping))
             LDAP_TRACE(TRC_CONN, "ssl_read: looping %d EWOULDBLOCK cleared secs: %ld:%ld %ld:%ld. select rc:%d(%d:%d)\n",
-                       i, static_cast<long>(p.remaining.sec), static_cast<long>(p.remaining.usec),
-                       static_cast<long>(p.wait.sec), static_cast<long>(p.wait.usec), ready, selects, blocks);
-        i++;
+                       p.loop, static_cast<long>(p.remaining.sec), static_cast<long>(p.remaining.usec),
+                       static_cast<long>(p.wait.sec), static_cast<long>(p.wait.usec), ready, p.selects, p.blocks);
+        p.loop++;
     }
     int error = errno;
     if (p.on(kZorTraceLeaving))
         LDAP_TRACE(TRC_CONN,
                    "ssl_read: <---- Leaving ERROR loop: %d rc=%d:%d handshake mode: %d type: %d:%d bytes: %d:%d "
                    "selects: %d:%d \n",
-                   i, rc, error, p.handshake, p.conn, p.env, *count, length, selects, blocks);
+                   p.loop, rc, error, p.handshake, p.conn, p.env, *count, length, p.selects, p.blocks);
     return with_errno(rc, error);
 }
 
 int ssl_write(int fd, const char *buffer, int length, void *user_data, int *count)
 {
     *count = 0;
-    Plan p = make_plan(user_data, "ssl_write", length);
-    int i = 0, selects = 0, blocks = 0, rc = -1;
+    Plan p = make_plan(user_data, kWriting, length);
+    int rc = -1;
     for (;;) {
-        if (p.rec)
-            p.rec->write_loop = i;
+        p.next_attempt();
         ssize_t n = write(fd, buffer + *count, static_cast<size_t>(length - *count));
         int error = errno;
         if (!p.handshake && zor_data_timeout() == 0) {
@@ -269,43 +319,26 @@ int ssl_write(int fd, const char *buffer, int length, void *user_data, int *coun
                 LDAP_TRACE(TRC_CONN,
                            "ssl_write: <--- Leaving ERROR loop: %d rc=%d bytes: %d handshake mode? %d type: %d:%d "
                            "selects: %d:%d\n",
-                           i, static_cast<int>(n), *count, p.handshake, p.conn, p.env, selects, blocks);
+                           p.loop, static_cast<int>(n), *count, p.handshake, p.conn, p.env, p.selects, p.blocks);
             return with_errno(static_cast<int>(n), error);
         }
         if (n == 0) {
             LDAP_TRACE(TRC_CONN,
                        "ssl_write:   Leaving.  WARNING rc=0 selects: %d:%d  errno:=%d bytes:%d loop: %d handshake "
                        "mode: %d type: %d:%d \n",
-                       selects, blocks, error, *count, i, p.handshake, p.conn, p.env);
+                       p.selects, p.blocks, error, *count, p.loop, p.handshake, p.conn, p.env);
             return with_errno(0, error);
         }
         if (n > 0) {
             *count += static_cast<int>(n);
             if (*count == length)
                 return length;
-            selects = 0;
-            i++;
+            p.selects = 0;
+            p.loop++;
             continue;
         }
-        if (error != EWOULDBLOCK) {
-            LDAP_TRACE(TRC_ERROR, "Error - ssl_write: in SSL errno=%d EWOULDBLOCK=%d EAGAIN=%d\n", error, EWOULDBLOCK,
-                       EAGAIN);
-            errno = error;
+        if (!may_wait(p, error, &rc))
             break;
-        }
-        selects++;
-        blocks++;
-        if (p.rec)
-            p.rec->write_blocks = blocks;
-        if (p.handshake && p.limited && budget_spent(p)) {
-            LDAP_TRACE(TRC_CONN, "ssl_write: SSL timed out after: %ld.%06ld sec\n", static_cast<long>(p.wait.sec),
-                       static_cast<long>(p.wait.usec));
-            rc = with_errno(-3, EIO);
-            break;
-        }
-        keep_remaining(p);
-        if (!p.limited)
-            LDAP_TRACE(TRC_CONN, "ssl_write: entering UNLIMITED wait for SSL...\n");
         int ready = zldap::wait_for_descriptor(fd, POLLOUT, p.deadline());
         if (ready < 0) {
             LDAP_TRACE(TRC_ERROR, "Error - ssl_write: select failed: %d handshake mode? %d \n", errno, p.handshake);
@@ -323,29 +356,24 @@ int ssl_write(int fd, const char *buffer, int length, void *user_data, int *coun
                 LDAP_TRACE(TRC_CONN,
                            "ssl_write: type:%d  non handshake mode selects %d:%d timed out after: %ld.%06ld sec. "
                            "retry write \n",
-                           p.conn, selects, blocks, static_cast<long>(p.wait.sec), static_cast<long>(p.wait.usec));
-            if (p.on(kZorTraceLeaving))
-                LDAP_TRACE(TRC_CONN,
-                           "ssl_write: TIMEOUT returning EWOULDBLOCK. non handshake mode. loop: %d Type: %d:%d "
-                           "selects %d:%d bytes: %d of %d remaining\n",
-                           i, p.conn, p.env, selects, blocks, length - *count, length);
-            rc = with_errno(-1, EWOULDBLOCK);
+                           p.conn, p.selects, p.blocks, static_cast<long>(p.wait.sec), static_cast<long>(p.wait.usec));
+            rc = pass_up_would_block(p, *count, length);
             break;
         }
         if (p.on(kZorTraceSelect))
-            LDAP_TRACE(TRC_CONN, "ssl_write: select rc:%d (%d:%d) \n", ready, selects, blocks);
+            LDAP_TRACE(TRC_CONN, "ssl_write: select rc:%d (%d:%d) \n", ready, p.selects, p.blocks);
         else if (p.on(kZorTraceLooping))
             LDAP_TRACE(TRC_CONN, "ssl_write: looping %d EWOULDBLOCK cleared. secs: %ld:%ld %ld:%ld select rc:%d(%d:%d)\n",
-                       i, static_cast<long>(p.remaining.sec), static_cast<long>(p.remaining.usec),
-                       static_cast<long>(p.wait.sec), static_cast<long>(p.wait.usec), ready, selects, blocks);
-        i++;
+                       p.loop, static_cast<long>(p.remaining.sec), static_cast<long>(p.remaining.usec),
+                       static_cast<long>(p.wait.sec), static_cast<long>(p.wait.usec), ready, p.selects, p.blocks);
+        p.loop++;
     }
     int error = errno;
     if (p.on(kZorTraceLeaving))
         LDAP_TRACE(TRC_CONN,
                    "ssl_write: <--- Leaving ERROR loop: %d rc=%d bytes: %d handshake mode? %d type: %d:%d selects: "
                    "%d:%d\n",
-                   i, rc, *count, p.handshake, p.conn, p.env, selects, blocks);
+                   p.loop, rc, *count, p.handshake, p.conn, p.env, p.selects, p.blocks);
     return with_errno(rc, error);
 }
 

@@ -51,6 +51,14 @@ int release_bad_environment(uint32_t mask, const char *text)
     return LDAP_SECURE_INIT_FAILED;
 }
 
+// Returns the toolkit's code rc, tracing text as an error when it refused.
+int trace_refusal(int rc, const char *text)
+{
+    if (rc != ZOR_OK)
+        LDAP_TRACE(TRC_ERROR, "%s", text);
+    return rc;
+}
+
 int setZorlibEnum(zor_handle env, int id, int value)
 {
     LDAP_TRACE(TRC_API, "setZorlibEnum: Setting ENUM ID [%d] to [%d]\n", id, value);
@@ -75,10 +83,8 @@ int setPKCS11TokenPW(zor_handle env, const char *password)
 {
     if (!password)
         return ZOR_OK;
-    int rc = g_zorlib.attribute_set_buffer(env, ZOR_PKCS11_TOKEN_PWD, password, 0);
-    if (rc != ZOR_OK)
-        LDAP_TRACE(TRC_ERROR, "Error - setPKCS11TokenPW: setting PKCS#11 Token Password failed\n");
-    return rc;
+    return trace_refusal(g_zorlib.attribute_set_buffer(env, ZOR_PKCS11_TOKEN_PWD, password, 0),
+                         "Error - setPKCS11TokenPW: setting PKCS#11 Token Password failed\n");
 }
 
 int setPKCS11TokenLabel(zor_handle env, const char *label)
@@ -113,6 +119,17 @@ int setPKCS11AccMode(zor_handle env, int mode)
     return ZOR_OK;
 }
 
+// Sets one of the FIPS switches. A refusal is traced (format takes the
+// toolkit's code and text) and releases the environment.
+int set_fips_switch(zor_handle env, int id, int value, const char *format, Failure &failure)
+{
+    int rc = g_zorlib.attribute_set_enum(env, id, value);
+    if (rc == ZOR_OK)
+        return LDAP_SUCCESS;
+    toolkit_failed(failure, rc, format, 0);
+    return release_bad_environment(TRC_API, "prepare_zor_init_data: Delete bad Zorlib environment reference.\n");
+}
+
 // The session time-out, TLS version 1, and the FIPS settings. A refused
 // protocol or FIPS setting releases the environment.
 int set_protocols(zor_handle env, int timeout, Failure &failure)
@@ -133,29 +150,20 @@ int set_protocols(zor_handle env, int timeout, Failure &failure)
     if (fips) {
         LDAP_TRACE(TRC_API,
                    "prepare_zor_init_data: setting base crypto library for FIPS to ZOR_BASE_CRYPTO_VOC\n");
-        rc = g_zorlib.attribute_set_enum(env, ZOR_BASE_CRYPTO_LIBRARY, ZOR_BASE_CRYPTO_VOC);
-        if (rc != ZOR_OK) {
-            toolkit_failed(failure, rc,
-                           "Error - prepare_zor_init_data: "
-                           "zor_attribute_set_enum(...ZOR_BASE_CRYPTO_LIBRARY...) rc=%d %s\n",
-                           0);
-            return release_bad_environment(
-                TRC_API, "prepare_zor_init_data: Delete bad Zorlib environment reference.\n");
-        }
+        rc = set_fips_switch(env, ZOR_BASE_CRYPTO_LIBRARY, ZOR_BASE_CRYPTO_VOC,
+                             "Error - prepare_zor_init_data: "
+                             "zor_attribute_set_enum(...ZOR_BASE_CRYPTO_LIBRARY...) rc=%d %s\n",
+                             failure);
+        if (rc != LDAP_SUCCESS)
+            return rc;
     }
     LDAP_TRACE(TRC_API, "prepare_zor_init_data: setting %s\n",
                fips ? "ZOR_FIPS_MODE_PROCESSING_ON" : "ZOR_FIPS_MODE_PROCESSING_OFF");
-    rc = g_zorlib.attribute_set_enum(env, ZOR_FIPS_MODE_PROCESSING,
-                                     fips ? ZOR_FIPS_MODE_PROCESSING_ON : ZOR_FIPS_MODE_PROCESSING_OFF);
-    if (rc != ZOR_OK) {
-        toolkit_failed(failure, rc,
-                       "Error - prepare_zor_init_data: "
-                       "zor_attribute_set_enum(...ZOR_FIPS_MODE_PROCESSING...) rc=%d %s\n",
-                       0);
-        return release_bad_environment(TRC_API,
-                                       "prepare_zor_init_data: Delete bad Zorlib environment reference.\n");
-    }
-    return LDAP_SUCCESS;
+    return set_fips_switch(env, ZOR_FIPS_MODE_PROCESSING,
+                           fips ? ZOR_FIPS_MODE_PROCESSING_ON : ZOR_FIPS_MODE_PROCESSING_OFF,
+                           "Error - prepare_zor_init_data: "
+                           "zor_attribute_set_enum(...ZOR_FIPS_MODE_PROCESSING...) rc=%d %s\n",
+                           failure);
 }
 
 int set_pkcs11(zor_handle env, const LDAPPkcs11Info *pkcs11, Failure &failure)
@@ -335,40 +343,22 @@ int initZorlibEnv(zor_handle env, const char *password, const LDAPPkcs11Info *pk
 {
     LDAP_TRACE(TRC_API, "initZorlibEnv: initialize the server Zorlib environment\n");
     int rc = g_zorlib.environment_init(env);
-    if (rc == ZOR_OK)
-        return rc;
-    if (rc != ZOR_ERR_FIPS_RETRY) {
-        LDAP_TRACE(TRC_ERROR, "Error - initZorlibEnv(): pZorEnvInit()\n");
-        return rc;
-    }
+    if (rc != ZOR_ERR_FIPS_RETRY)
+        return trace_refusal(rc, "Error - initZorlibEnv(): pZorEnvInit()\n");
     // The key database is not usable in FIPS mode: once more without it.
-    rc = g_zorlib.attribute_set_enum(env, ZOR_FIPS_MODE_PROCESSING, ZOR_FIPS_MODE_PROCESSING_OFF);
-    if (rc != ZOR_OK) {
-        LDAP_TRACE(TRC_ERROR,
-                   "Error - initZorlibEnv(): pZorAttributeSetEnum(ZOR_FIPS_MODE_PROCESSING_OFF)\n");
-        return rc;
-    }
-    rc = g_zorlib.attribute_set_enum(env, ZOR_SSL_FIPS_MODE_PROCESSING, ZOR_SSL_FIPS_MODE_PROCESSING_ON);
-    if (rc != ZOR_OK) {
-        LDAP_TRACE(TRC_ERROR,
-                   "Error - initZorlibEnv(): pZorAttributeSetEnum(ZOR_SSL_FIPS_MODE_PROCESSING_ON)\n");
-        return rc;
-    }
-    if (pkcs11 && pkcs11->tokenPassword) {
-        rc = g_zorlib.attribute_set_buffer(env, ZOR_PKCS11_TOKEN_PWD, pkcs11->tokenPassword, 0);
-        if (rc != ZOR_OK) {
-            LDAP_TRACE(TRC_ERROR, "Error - initZorlibEnv(): pZorAttributeSetBuffer(ZOR_PKCS11_TOKEN_PWD)\n");
-            return rc;
-        }
-    } else if (!pkcs11) {
-        rc = g_zorlib.attribute_set_buffer(env, ZOR_KEYRING_PW, password, 0);
-        if (rc != ZOR_OK) {
-            LDAP_TRACE(TRC_ERROR, "Error - initZorlibEnv(): pZorAttributeSetBuffer(ZOR_KEYRING_PW)\n");
-            return rc;
-        }
-    }
-    rc = g_zorlib.environment_init(env);
-    if (rc != ZOR_OK)
-        LDAP_TRACE(TRC_ERROR, "Error - initZorlibEnv(): pZorEnvInit()\n");
+    rc = trace_refusal(g_zorlib.attribute_set_enum(env, ZOR_FIPS_MODE_PROCESSING, ZOR_FIPS_MODE_PROCESSING_OFF),
+                       "Error - initZorlibEnv(): pZorAttributeSetEnum(ZOR_FIPS_MODE_PROCESSING_OFF)\n");
+    if (rc == ZOR_OK)
+        rc = trace_refusal(
+            g_zorlib.attribute_set_enum(env, ZOR_SSL_FIPS_MODE_PROCESSING, ZOR_SSL_FIPS_MODE_PROCESSING_ON),
+            "Error - initZorlibEnv(): pZorAttributeSetEnum(ZOR_SSL_FIPS_MODE_PROCESSING_ON)\n");
+    if (rc == ZOR_OK && pkcs11 && pkcs11->tokenPassword)
+        rc = trace_refusal(g_zorlib.attribute_set_buffer(env, ZOR_PKCS11_TOKEN_PWD, pkcs11->tokenPassword, 0),
+                           "Error - initZorlibEnv(): pZorAttributeSetBuffer(ZOR_PKCS11_TOKEN_PWD)\n");
+    else if (rc == ZOR_OK && !pkcs11)
+        rc = trace_refusal(g_zorlib.attribute_set_buffer(env, ZOR_KEYRING_PW, password, 0),
+                           "Error - initZorlibEnv(): pZorAttributeSetBuffer(ZOR_KEYRING_PW)\n");
+    if (rc == ZOR_OK)
+        rc = trace_refusal(g_zorlib.environment_init(env), "Error - initZorlibEnv(): pZorEnvInit()\n");
     return rc;
 }
