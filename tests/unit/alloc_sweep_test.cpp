@@ -500,8 +500,8 @@ void ParseResults(const Sweep &sweep)
            LDAP_NO_MEMORY});
 }
 
-// A table is made and grown; a failed growth leaves it as it was, so that
-// a later one still works.
+// A table is made and grown; a failed growth leaves it as it was (its
+// requests still held), so that a later one still works.
 void TableGrowth(const Sweep &sweep)
 {
     sweep({[] {
@@ -510,8 +510,10 @@ void TableGrowth(const Sweep &sweep)
                    return LDAP_NO_MEMORY;
                for (int i = 0; i < 7; i++)
                    ldap_msg_table_get_next_msgid(table);
+               int held = ldap_msg_table_outstanding(table);
                int rc = ldap_msg_table_get_next_msgid(table) == 8 ? LDAP_SUCCESS : LDAP_NO_MEMORY;
-               if (rc != LDAP_SUCCESS && ldap_msg_table_get_next_msgid(table) != 8)
+               bool kept = ldap_msg_table_outstanding(table) == held;
+               if (rc != LDAP_SUCCESS && (!kept || ldap_msg_table_get_next_msgid(table) != 8))
                    rc = LDAP_OTHER;
                ldap_msg_table_free(table);
                return rc;
