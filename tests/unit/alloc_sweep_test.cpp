@@ -15,18 +15,13 @@
 #include "message/ldap_message.h"
 #include "message/ldap_table.h"
 #include "net/sockbuf.h"
-#include "ops/update.h"
 #include "plugin_support.h"
 #include "proto/dn.h"
 #include "proto/filter.h"
 #include "proto/ldap_controls.h"
-#include "proto/url.h"
 #include "results/parse_result.h"
-#include "results/results.h"
 #include "script_server.h"
 #include "session/ldap_init.h"
-#include "session/ldap_options.h"
-#include "session/ldap_unbind.h"
 #include "test_util.h"
 #include "tls/ldap_ssl_env.h"
 #include "xlate/ldap_charset.h"
@@ -39,7 +34,6 @@
 #include <fstream>
 #include <functional>
 #include <memory>
-#include <optional>
 #include <string>
 #include <sys/socket.h>
 #include <unistd.h>
