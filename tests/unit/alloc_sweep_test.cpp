@@ -15,18 +15,13 @@
 #include "message/ldap_message.h"
 #include "message/ldap_table.h"
 #include "net/sockbuf.h"
-#include "ops/update.h"
 #include "plugin_support.h"
 #include "proto/dn.h"
 #include "proto/filter.h"
 #include "proto/ldap_controls.h"
-#include "proto/url.h"
 #include "results/parse_result.h"
-#include "results/results.h"
 #include "script_server.h"
 #include "session/ldap_init.h"
-#include "session/ldap_options.h"
-#include "session/ldap_unbind.h"
 #include "test_util.h"
 #include "tls/ldap_ssl_env.h"
 #include "xlate/ldap_charset.h"
@@ -39,7 +34,6 @@
 #include <fstream>
 #include <functional>
 #include <memory>
-#include <optional>
 #include <string>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -51,6 +45,13 @@ using zldap_test::AllocFaultScenario;
 using zldap_test::ExpectEachAllocationFailure;
 using Sweep = std::function<void(const AllocFaultScenario &)>;
 using ControlsPtr = std::unique_ptr<LDAPControl *, decltype(&ldap_controls_free)>;
+using HandlePtr = std::unique_ptr<LDAP, decltype(&ldap_unbind)>;
+
+// The other codes a failing run may return.
+std::function<bool(int)> AnyOf(std::vector<int> codes)
+{
+    return [codes](int rc) { return std::find(codes.begin(), codes.end(), rc) != codes.end(); };
+}
 
 // A call that hands out a control list: its code, or -2 when a failed call
 // still handed one out.
@@ -66,39 +67,17 @@ AllocFaultScenario HandsOutControls(const std::function<int(LDAPControl ***)> &c
             LDAP_NO_MEMORY};
 }
 
-
 struct SweepRow {
     const char *name;
-    // Builds the scenario; rows that need a server or a handle make it here
-    // and keep it alive for the scenario's lifetime through the captures.
-    std::function<void(const std::function<void(const AllocFaultScenario &)> &)> with_scenario;
+    // Builds the scenarios; rows that need a server or a handle make it here
+    // and keep it alive for the scenarios' lifetime through the captures.
+    std::function<void(const Sweep &)> with_scenario;
 };
 
 // ---- codec and protocol pieces ----------------------------------------
 
-void UrlParse(const std::function<void(const AllocFaultScenario &)> &sweep)
-{
-    sweep({[] {
-               LDAPURLDesc *d = nullptr;
-               int rc = ldap_url_parse("ldap://h:1/o=x?a,b,c?sub?(cn=y)", &d);
-               ldap_free_urldesc(d);
-               return rc;
-           },
-           LDAP_URL_NO_MEMORY});
-}
-
 // A DN with every kind of value, so that each allocation path runs.
 constexpr const char *kSweepDn = "cn=a\\,b+sn=\"q\"+OID.1.2=#0403616263,o=Example;c=US";
-
-void DnParse(const std::function<void(const AllocFaultScenario &)> &sweep)
-{
-    sweep({[] {
-               int error = 0;
-               zldap::release_parsed_dn(zldap::parse_dn(kSweepDn, &error));
-               return error;
-           },
-           LDAP_NO_MEMORY});
-}
 
 // The explode functions and dn2ufn have no code: NULL (or, for
 // ldap_explode_dn, an array cut short) stands for 90.
@@ -111,121 +90,92 @@ int NoMemoryUnless(size_t expected, char **array)
     return n == expected ? LDAP_SUCCESS : LDAP_NO_MEMORY;
 }
 
-void DnExplode(const std::function<void(const AllocFaultScenario &)> &sweep)
+int NoMemoryIfNull(char *text)
 {
-    sweep({[] { return NoMemoryUnless(3, ldap_explode_dn(kSweepDn, 0)); }, LDAP_NO_MEMORY});
-}
-
-void DnExplodeRdn(const std::function<void(const AllocFaultScenario &)> &sweep)
-{
-    sweep({[] { return NoMemoryUnless(3, ldap_explode_rdn(kSweepDn, 1)); }, LDAP_NO_MEMORY});
-}
-
-void DnSplitDnsName(const std::function<void(const AllocFaultScenario &)> &sweep)
-{
-    sweep({[] { return NoMemoryUnless(10, ldap_split_dns_name("a@b.c.d.e.f.g.h.i.j")); }, LDAP_NO_MEMORY});
-}
-
-void DnToUfn(const std::function<void(const AllocFaultScenario &)> &sweep)
-{
-    sweep({[] {
-               char *ufn = ldap_dn2ufn(kSweepDn);
-               int rc = ufn ? LDAP_SUCCESS : LDAP_NO_MEMORY;
-               ldap_memfree(ufn);
-               return rc;
-           },
-           LDAP_NO_MEMORY});
-}
-
-// Sweeps body on a handle made outside the sweep; `also` lists the other
-// codes a failing run may return.
-void WithHandle(const std::function<void(const AllocFaultScenario &)> &sweep, const std::function<int(LDAP *)> &body,
-                int expected, std::initializer_list<int> also = {})
-{
-    LDAP *ld = ldap_init("localhost", 389);
-    ASSERT_NE(ld, nullptr);
-    std::vector<int> others(also);
-    sweep({[ld, &body] { return body(ld); }, expected, nullptr,
-           [&others](int rc) { return std::find(others.begin(), others.end(), rc) != others.end(); }});
-    ldap_unbind(ld);
-}
-
-// Runs a builder and releases what it built.
-int BuildAndFree(const std::function<int(LDAPControl **)> &build)
-{
-    LDAPControl *ctrl = nullptr;
-    int rc = build(&ctrl);
-    ldap_control_free(ctrl);
+    int rc = text ? LDAP_SUCCESS : LDAP_NO_MEMORY;
+    ldap_memfree(text);
     return rc;
 }
 
-void PageControlBuild(const std::function<void(const AllocFaultScenario &)> &sweep)
+// A URL with every part, and the DN parser and its text forms.
+void UrlAndDn(const Sweep &sweep)
 {
-    WithHandle(sweep, [](LDAP *ld) {
-        struct berval cookie = {3, const_cast<char *>("abc")};
-        return BuildAndFree([&](LDAPControl **c) { return ldap_create_page_control(ld, 500, &cookie, 'T', c); });
-    }, LDAP_NO_MEMORY);
-}
-
-// The filter encoder reports its own lack of memory as a bad filter.
-void AssertionControlBuild(const std::function<void(const AllocFaultScenario &)> &sweep)
-{
-    WithHandle(sweep, [](LDAP *ld) {
-        return BuildAndFree(
-            [&](LDAPControl **c) { return ldap_create_assertion_control(ld, "(&(cn=a*b)(sn=x))", 1, c); });
-    }, LDAP_NO_MEMORY, {LDAP_FILTER_ERROR, LDAP_ENCODING_ERROR});
+    sweep({[] {
+               LDAPURLDesc *d = nullptr;
+               int rc = ldap_url_parse("ldap://h:1/o=x?a,b,c?sub?(cn=y)", &d);
+               ldap_free_urldesc(d);
+               return rc;
+           },
+           LDAP_URL_NO_MEMORY});
+    sweep({[] {
+               int error = 0;
+               zldap::release_parsed_dn(zldap::parse_dn(kSweepDn, &error));
+               return error;
+           },
+           LDAP_NO_MEMORY});
+    sweep({[] { return NoMemoryUnless(3, ldap_explode_dn(kSweepDn, 0)); }, LDAP_NO_MEMORY});
+    sweep({[] { return NoMemoryUnless(3, ldap_explode_rdn(kSweepDn, 1)); }, LDAP_NO_MEMORY});
+    sweep({[] { return NoMemoryUnless(10, ldap_split_dns_name("a@b.c.d.e.f.g.h.i.j")); }, LDAP_NO_MEMORY});
+    sweep({[] { return NoMemoryIfNull(ldap_dn2ufn(kSweepDn)); }, LDAP_NO_MEMORY});
 }
 
 // A response list holding one control of oid with these value bytes.
-LDAPControl **ResponseList(const char *oid, const std::string &hex)
+ControlsPtr ResponseList(const char *oid, const std::string &hex)
 {
     zldap_test::Bytes bytes = zldap_test::Hex(hex);
     LDAPControl **list = nullptr;
     EXPECT_EQ(ldap_add_control(oid, bytes.size(), reinterpret_cast<const char *>(bytes.data()), 0, &list), 0);
-    return list;
+    return ControlsPtr(list, ldap_controls_free);
 }
 
-void PageControlParse(const std::function<void(const AllocFaultScenario &)> &sweep)
+// Control builders and value parsers on one handle. The filter encoder
+// reports its own lack of memory as a bad filter, the value decoders
+// theirs as a decoding failure.
+void ControlValues(const Sweep &sweep)
 {
-    LDAPControl **list = ResponseList("1.2.840.113556.1.4.319", "30 08 02 01 05 04 03 61 62 63");
-    WithHandle(sweep, [list](LDAP *ld) {
-        unsigned long size = 0;
-        struct berval *cookie = nullptr;
-        int rc = ldap_parse_page_control(ld, list, &size, &cookie);
-        ber_bvfree(cookie);
-        return rc;
-    }, LDAP_NO_MEMORY);
-    ldap_controls_free(list);
-}
-
-// The decoder reports its own lack of memory as a decoding failure.
-void LimitNumValuesParse(const std::function<void(const AllocFaultScenario &)> &sweep)
-{
-    LDAPControl **list = ResponseList("1.3.18.0.2.10.30", "30 1C 04 04 63 6E 3D 65 "
-                                                          "30 09 04 01 61 02 01 03 02 01 05 "
+    HandlePtr owner(ldap_init("localhost", 389), ldap_unbind);
+    LDAP *ld = owner.get();
+    auto build = [&](std::function<int(LDAPControl **)> call, std::vector<int> also) {
+        sweep({[call] {
+                   LDAPControl *ctrl = nullptr;
+                   int rc = call(&ctrl);
+                   ldap_control_free(ctrl);
+                   return rc;
+               },
+               LDAP_NO_MEMORY, nullptr, AnyOf(also)});
+    };
+    struct berval cookie = {3, const_cast<char *>("abc")};
+    build([&](LDAPControl **c) { return ldap_create_page_control(ld, 500, &cookie, 'T', c); }, {});
+    build([&](LDAPControl **c) { return ldap_create_assertion_control(ld, "(&(cn=a*b)(sn=x))", 1, c); },
+          {LDAP_FILTER_ERROR, LDAP_ENCODING_ERROR});
+    ControlsPtr page = ResponseList("1.2.840.113556.1.4.319", "30 08 02 01 05 04 03 61 62 63");
+    sweep({[&] {
+               unsigned long size = 0;
+               struct berval *out = nullptr;
+               int rc = ldap_parse_page_control(ld, page.get(), &size, &out);
+               ber_bvfree(out);
+               return rc;
+           },
+           LDAP_NO_MEMORY});
+    ControlsPtr limits = ResponseList("1.3.18.0.2.10.30", "30 1C 04 04 63 6E 3D 65 30 09 04 01 61 02 01 03 02 01 05 "
                                                           "30 09 04 01 62 02 01 01 02 01 02");
-    WithHandle(sweep, [list](LDAP *ld) {
-        LDAPLimitNumValuesResponse *response = nullptr;
-        int rc = ldap_parse_limit_num_values_response(ld, list, &response);
-        ldap_free_limit_num_values_response(response);
-        return rc;
-    }, LDAP_NO_MEMORY, {LDAP_DECODING_ERROR});
-    ldap_controls_free(list);
-}
-
-void EffectivePwdPolicyParse(const std::function<void(const AllocFaultScenario &)> &sweep)
-{
-    sweep({[] {
-               zldap_test::Bytes bytes =
-                   zldap_test::Hex("30 15 30 0B 04 01 61 31 06 04 01 31 04 01 32 80 06 04 04 63 6E 3D 70");
-               struct berval value = {bytes.size(), reinterpret_cast<char *>(bytes.data())};
+    sweep({[&] {
+               LDAPLimitNumValuesResponse *response = nullptr;
+               int rc = ldap_parse_limit_num_values_response(ld, limits.get(), &response);
+               ldap_free_limit_num_values_response(response);
+               return rc;
+           },
+           LDAP_NO_MEMORY, nullptr, AnyOf({LDAP_DECODING_ERROR})});
+    zldap_test::Bytes policy = zldap_test::Hex("30 15 30 0B 04 01 61 31 06 04 01 31 04 01 32 80 06 04 04 63 6E 3D 70");
+    sweep({[&] {
+               struct berval value = {policy.size(), reinterpret_cast<char *>(policy.data())};
                LDAPPwdPolicyAttr **attrs = nullptr;
                char **dns = nullptr;
                int rc = ldap_parse_effective_pwdpolicy_response("1.3.18.0.2.12.77", &value, &attrs, &dns);
                ldap_free_effective_pwdpolicy_response(attrs, dns);
                return rc;
            },
-           LDAP_NO_MEMORY, nullptr, [](int rc) { return rc == LDAP_DECODING_ERROR; }});
+           LDAP_NO_MEMORY, nullptr, AnyOf({LDAP_DECODING_ERROR})});
 }
 
 // Translation replaces the caller's buffer only when it succeeds; the
@@ -239,7 +189,7 @@ int TranslateCopy(int (*xlate)(char **, ber_len_t *, int), const char *text)
     return rc;
 }
 
-void Xlate(const std::function<void(const AllocFaultScenario &)> &sweep)
+void Xlate(const Sweep &sweep)
 {
     ASSERT_EQ(ldap_set_iconv_local_codepage("ISO8859-1"), 0);
     sweep({[] { return TranslateCopy(xlate_local_to_utf8, "M\xFCller"); }, LDAP_NO_MEMORY});
@@ -253,30 +203,11 @@ void Xlate(const std::function<void(const AllocFaultScenario &)> &sweep)
            LDAP_NO_MEMORY});
 }
 
-// A 40 kB message framed from a socket: its content buffer grows twice on
-// the way, and a failed growth leaves nothing behind.
-void Framing(const Sweep &sweep)
-{
-    const std::string message = std::string("\x30\x82\xA0", 3) + '\0' + std::string(0xA000, 'z');
-    sweep({[&] {
-               int fds[2] = {-1, -1};
-               if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0, fds) != 0 ||
-                   write(fds[1], message.data(), message.size()) != static_cast<ssize_t>(message.size()))
-                   return -2;
-               Sockbuf sb{fds[0], nullptr};
-               zldap_test::BerPtr ber(fber_alloc_t(0));
-               int state = 0;
-               ber_tag_t tag = ber ? fber_get_next_nb(&sb, ber.get(), &state) : LBER_DEFAULT;
-               close(fds[0]);
-               close(fds[1]);
-               return tag == 0x30 ? 0 : -1;
-           },
-           -1});
-}
-
 // Every allocating reader in one walk, on an element that converts its
 // strings; a request that grows twice and converts its strings; elements
-// copied in and out; a filter of every kind of item.
+// copied in and out; a filter of every kind of item; a 40 kB message
+// framed from a socket, whose content buffer grows twice on the way (a
+// failed growth leaves nothing behind).
 void BerCodec(const Sweep &sweep)
 {
     using namespace zldap_test;
@@ -312,6 +243,21 @@ void BerCodec(const Sweep &sweep)
     sweep({[] {
                BerPtr ber(fber_alloc());
                return ber ? put_filter(ber.get(), "(&(cn=a*b)(|(x=1)(y:dn:=2))(!(z=*)))", 0) : -1;
+           },
+           -1});
+    const std::string message = std::string("\x30\x82\xA0", 3) + '\0' + std::string(0xA000, 'z');
+    sweep({[&] {
+               int fds[2] = {-1, -1};
+               if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0, fds) != 0 ||
+                   write(fds[1], message.data(), message.size()) != static_cast<ssize_t>(message.size()))
+                   return -2;
+               Sockbuf sb{fds[0], nullptr};
+               zldap_test::BerPtr ber(fber_alloc_t(0));
+               int state = 0;
+               ber_tag_t tag = ber ? fber_get_next_nb(&sb, ber.get(), &state) : LBER_DEFAULT;
+               close(fds[0]);
+               close(fds[1]);
+               return tag == 0x30 ? 0 : -1;
            },
            -1});
 }
@@ -392,15 +338,14 @@ int Unbound(LDAP *ld, int rc) { return ldap_unbind(ld) == 0 ? rc : -1; }
 
 void InitAndOpen(const Sweep &sweep)
 {
-    for (const char *host : {"localhost", static_cast<const char *>(nullptr)})
-        sweep({[host] { LDAP *ld = ldap_init(host, 0); return ld ? Unbound(ld, 0) : LDAP_NO_MEMORY; }, LDAP_NO_MEMORY});
+    // The default host; a named one is made by ldap_open, which reads the
+    // version from the environment and opens the connection at once.
+    sweep({[] { LDAP *ld = ldap_init(nullptr, 0); return ld ? Unbound(ld, 0) : LDAP_NO_MEMORY; }, LDAP_NO_MEMORY});
     zldap_test::LoopbackListener listener(AF_INET, 256);
     auto drain = [&] { listener.Drain(); };
-    for (const char *version : {"3", static_cast<const char *>(nullptr)}) {
-        zldap_test::ScopedEnv env("LDAP_VERSION", version ? std::optional<std::string>(version) : std::nullopt);
-        sweep({[&] { LDAP *ld = ldap_open("127.0.0.1", listener.port()); return ld ? Unbound(ld, 0) : LDAP_NO_MEMORY; },
-               LDAP_NO_MEMORY, drain});
-    }
+    zldap_test::ScopedEnv env("LDAP_VERSION", "3");
+    sweep({[&] { LDAP *ld = ldap_open("127.0.0.1", listener.port()); return ld ? Unbound(ld, 0) : LDAP_NO_MEMORY; },
+           LDAP_NO_MEMORY, drain});
     // A connection comes with 0, and only then.
     sweep({[&] {
                LDAP *ld = ldap_init("127.0.0.1", 389);
@@ -513,7 +458,9 @@ zldap_test::Bytes SweepOperation(int tag, int code, const zldap_test::Bytes &ext
     return Tlv(tag, contents);
 }
 
-void ParseResult(const std::function<void(const AllocFaultScenario &)> &sweep)
+// ldap_parse_result, and the extended parser in the form that hands out
+// the controls as well (the plain form reads a part of the same).
+void ParseResults(const Sweep &sweep)
 {
     using namespace zldap_test::wire;
     SweepResponse r(SweepOperation(0x65, LDAP_REFERRAL, Seq({Octets("ldap://a/"), Octets("ldap://b/")}, 0xA3)));
@@ -531,21 +478,14 @@ void ParseResult(const std::function<void(const AllocFaultScenario &)> &sweep)
                return rc;
            },
            LDAP_NO_MEMORY});
-}
-
-// The plain form and the one that hands out the controls as well.
-void ParseExtendedResult(const std::function<void(const AllocFaultScenario &)> &sweep, bool with_controls)
-{
-    using namespace zldap_test::wire;
-    SweepResponse r(SweepOperation(0x78, 0, zldap_test::Join({Octets("1.2.9", 0x8A), Octets("data", 0x8B)})));
-    sweep({[&, with_controls] {
-               r.msg->msg_ber->ber_ptr = r.start;
+    SweepResponse x(SweepOperation(0x78, 0, zldap_test::Join({Octets("1.2.9", 0x8A), Octets("data", 0x8B)})));
+    sweep({[&] {
+               x.msg->msg_ber->ber_ptr = x.start;
                char *oid = nullptr;
                struct berval *value = nullptr;
                LDAPControl **ctrls = nullptr;
-               int rc = with_controls ? ldap_parse_extended_result_ext(r.ld, r.msg, &oid, &value, &ctrls, 0)
-                                      : ldap_parse_extended_result(r.ld, r.msg, &oid, &value, 0);
-               EXPECT_EQ(rc == 0, oid && value && ldap_count_controls(ctrls) == (with_controls ? 2 : 0));
+               int rc = ldap_parse_extended_result_ext(x.ld, x.msg, &oid, &value, &ctrls, 0);
+               EXPECT_EQ(rc == 0, oid && value && ldap_count_controls(ctrls) == 2);
                ldap_memfree(oid);
                ber_bvfree(value);
                ldap_controls_free(ctrls);
@@ -554,9 +494,9 @@ void ParseExtendedResult(const std::function<void(const AllocFaultScenario &)> &
            LDAP_NO_MEMORY});
 }
 
-// A table is made and grown; a failed growth leaves it as it was, so that
-// a later one still works.
-void TableGrowth(const std::function<void(const AllocFaultScenario &)> &sweep)
+// A table is made and grown; a failed growth leaves it as it was (its
+// requests still held), so that a later one still works.
+void TableGrowth(const Sweep &sweep)
 {
     sweep({[] {
                ldap_msg_table *table = ldap_msg_table_init(8);
@@ -564,8 +504,10 @@ void TableGrowth(const std::function<void(const AllocFaultScenario &)> &sweep)
                    return LDAP_NO_MEMORY;
                for (int i = 0; i < 7; i++)
                    ldap_msg_table_get_next_msgid(table);
+               int held = ldap_msg_table_outstanding(table);
                int rc = ldap_msg_table_get_next_msgid(table) == 8 ? LDAP_SUCCESS : LDAP_NO_MEMORY;
-               if (rc != LDAP_SUCCESS && ldap_msg_table_get_next_msgid(table) != 8)
+               bool kept = ldap_msg_table_outstanding(table) == held;
+               if (rc != LDAP_SUCCESS && (!kept || ldap_msg_table_get_next_msgid(table) != 8))
                    rc = LDAP_OTHER;
                ldap_msg_table_free(table);
                return rc;
@@ -573,32 +515,15 @@ void TableGrowth(const std::function<void(const AllocFaultScenario &)> &sweep)
            LDAP_NO_MEMORY});
 }
 
-// A modify against a scripted server, on a fresh handle each run (a failed
-// read ends its connection). Failures while sending are memory errors;
-// while reading the answer they cost the connection; once the answer is
-// in, its code comes back even when its texts cannot be kept.
-void ModifyOverTheWire(const std::function<void(const AllocFaultScenario &)> &sweep)
+// A fresh handle on the server per run: a failed read ends its connection.
+int OnFreshHandle(const zldap_test::ScriptServer &server, const std::function<int(LDAP *)> &body)
 {
-    // Encoded before the sweep: the server's own encoding must not count.
-    zldap_test::Bytes reply = zldap_test::wire::Result(1, 0x67, 0);
-    zldap_test::ScriptServer server([&](zldap_test::ScriptConnection &c) {
-        while (auto r = c.Read())
-            if (r->tag != 0x42)
-                c.Send(reply);
-    });
-    static char x[] = "x";
-    static char *values[] = {x, nullptr};
-    static LDAPMod mod{LDAP_MOD_REPLACE, const_cast<char *>("description"), {values}};
-    static LDAPMod *mods[] = {&mod, nullptr};
-    sweep({[&] {
-               LDAP *ld = zldap_test::HandleFor(server);
-               if (!ld)
-                   return LDAP_NO_MEMORY;
-               int rc = ldap_modify_s(ld, "cn=a", mods);
-               ldap_unbind(ld);
-               return rc;
-           },
-           LDAP_NO_MEMORY, nullptr, [](int rc) { return rc == LDAP_SERVER_DOWN || rc == LDAP_SUCCESS; }});
+    LDAP *ld = zldap_test::HandleFor(server);
+    if (!ld)
+        return LDAP_NO_MEMORY;
+    int rc = body(ld);
+    ldap_unbind(ld);
+    return rc;
 }
 
 // A search whose first server refers to a second one with a search
@@ -609,7 +534,7 @@ void ModifyOverTheWire(const std::function<void(const AllocFaultScenario &)> &sw
 // error; a few (error records) cost nothing. By URL, the second server is
 // searched directly, referred from the first server's table; a failure
 // in the URL's parser is a bad URL.
-void SearchReferenceChased(const std::function<void(const AllocFaultScenario &)> &sweep, bool by_url)
+void SearchReferenceChased(const Sweep &sweep, bool by_url)
 {
     using namespace zldap_test::wire;
     // Encoded before the sweep: the servers' own encoding must not count.
@@ -629,59 +554,45 @@ void SearchReferenceChased(const std::function<void(const AllocFaultScenario &)>
     std::string url = "ldap://" + b.host() + "/o=b??sub";
     int bad_url = by_url ? LDAP_PARAM_ERROR : LDAP_SUCCESS;
     sweep({[&] {
-               LDAP *ld = zldap_test::HandleFor(a);
-               if (!ld)
-                   return LDAP_NO_MEMORY;
-               LDAPMessage *res = nullptr;
-               int rc = by_url ? ldap_url_search_s(ld, url.c_str(), 0, &res)
-                               : ldap_search_s(ld, "o=a", LDAP_SCOPE_SUBTREE, "(cn=*)", nullptr, 0, &res);
-               if (rc == LDAP_SUCCESS && ldap_count_entries(ld, res) != (by_url ? 1 : 2))
-                   rc = LDAP_NO_MEMORY;
-               ldap_msgfree(res);
-               ldap_unbind(ld);
-               return rc;
+               return OnFreshHandle(a, [&](LDAP *ld) {
+                   LDAPMessage *res = nullptr;
+                   int rc = by_url ? ldap_url_search_s(ld, url.c_str(), 0, &res)
+                                   : ldap_search_s(ld, "o=a", LDAP_SCOPE_SUBTREE, "(cn=*)", nullptr, 0, &res);
+                   if (rc == LDAP_SUCCESS && ldap_count_entries(ld, res) != (by_url ? 1 : 2))
+                       rc = LDAP_NO_MEMORY;
+                   ldap_msgfree(res);
+                   return rc;
+               });
            },
-           LDAP_NO_MEMORY, nullptr,
-           [bad_url](int rc) { return rc == LDAP_SERVER_DOWN || rc == LDAP_FILTER_ERROR || rc == LDAP_SUCCESS || rc == bad_url; }});
+           LDAP_NO_MEMORY, nullptr, AnyOf({LDAP_SERVER_DOWN, LDAP_FILTER_ERROR, LDAP_SUCCESS, bad_url})});
 }
 
-// A server that answers extended requests with a name and a value, and
-// nothing else: other requests stay outstanding until they are abandoned.
-// The answer is written by hand, so the server allocates nothing through
-// the seam.
-class ExopSweepServer {
+// A server that answers binds, modifies and extended requests (these with
+// a name and a value), and nothing else: other requests stay outstanding
+// until they are abandoned. The answers are written by hand, so the server
+// allocates nothing through the seam.
+class SweepServer {
 public:
-    ExopSweepServer()
-        : server_([](zldap_test::ScriptConnection &c) {
-              using namespace zldap_test::wire;
-              while (auto r = c.Read())
-                  if (r->tag == 0x77)
-                      c.Send(Seq({Integer(r->id), Seq({Integer(0, 0x0A), Octets(""), Octets(""),
-                                                       Octets("1.2.9", 0x8A), Octets("data", 0x8B)},
-                                                      0x78)}));
-          })
-    {
-    }
-    // A fresh handle per run: a failed read ends its connection.
-    int Run(const std::function<int(LDAP *)> &body)
-    {
-        LDAP *ld = ldap_init(server_.host().c_str(), 0);
-        if (!ld)
-            return LDAP_NO_MEMORY;
-        int rc = body(ld);
-        ldap_unbind(ld);
-        return rc;
-    }
+    int Run(const std::function<int(LDAP *)> &body) { return OnFreshHandle(server_, body); }
 
 private:
-    zldap_test::ScriptServer server_;
+    zldap_test::ScriptServer server_{[](zldap_test::ScriptConnection &c) {
+        using namespace zldap_test::wire;
+        while (auto r = c.Read()) {
+            std::vector<zldap_test::Bytes> op = {Integer(0, 0x0A), Octets(""), Octets("")};
+            if (r->tag == 0x77)
+                op.insert(op.end(), {Octets("1.2.9", 0x8A), Octets("data", 0x8B)});
+            if (r->tag == 0x60 || r->tag == 0x66 || r->tag == 0x77)
+                c.Send(Seq({Integer(r->id), Seq(op, r->tag == 0x77 ? 0x78 : r->tag + 1)}));
+        }
+    }};
 };
 
 // Each run sends a delete the server never answers and abandons it, on a
 // handle whose connection is open and whose error record exists already.
 void AbandonRequest(const Sweep &sweep)
 {
-    ExopSweepServer server;
+    SweepServer server;
     server.Run([&](LDAP *ld) {
         EXPECT_EQ(ldap_extended_operation_s(ld, "1.2.3", nullptr, nullptr, nullptr, nullptr, nullptr), 0);
         ldap_set_error_direct(ld, LDAP_OTHER, nullptr, nullptr);
@@ -702,31 +613,42 @@ void AbandonRequest(const Sweep &sweep)
     });
 }
 
-// While the answer is read a failure costs the connection; once it is in,
-// texts that cannot be kept are dropped and the outcome stands.
-void ExtendedOperation(const Sweep &sweep)
+// A SASL bind handed to a plug-in that binds through the library and keeps
+// its block for its close function, a modify and an extended operation, on
+// a fresh handle each run. Failures while sending are memory errors; while
+// an answer is read they cost the connection; once it is in, texts that
+// cannot be kept are dropped and the outcome stands.
+void OperationsOverTheWire(const Sweep &sweep)
 {
-    ExopSweepServer server;
+    ASSERT_EQ(zldap_test::RegisterTestPlugin("SWEEP-BIND", "test_plugin_init", "send close"), 0);
+    SweepServer server;
+    static char x[] = "x";
+    static char *values[] = {x, nullptr};
+    static LDAPMod mod{LDAP_MOD_REPLACE, const_cast<char *>("description"), {values}};
+    static LDAPMod *mods[] = {&mod, nullptr};
     sweep({[&] {
                return server.Run([](LDAP *ld) {
+                   int rc = ldap_sasl_bind_s(ld, "cn=a", "SWEEP-BIND", nullptr, nullptr, nullptr, nullptr);
+                   rc = rc ? rc : ldap_modify_s(ld, "cn=a", mods);
+                   if (rc)
+                       return rc;
                    struct berval value = {3, const_cast<char *>("abc")};
                    char *name = nullptr;
                    struct berval *data = nullptr;
-                   int rc = ldap_extended_operation_s(ld, "1.2.3", &value, nullptr, nullptr, &name, &data);
+                   rc = ldap_extended_operation_s(ld, "1.2.3", &value, nullptr, nullptr, &name, &data);
                    EXPECT_EQ(rc == 0, name && data);
                    ldap_memfree(name);
                    ber_bvfree(data);
                    return rc;
                });
            },
-           LDAP_NO_MEMORY, nullptr,
-           [](int rc) { return rc == LDAP_SERVER_DOWN || rc == LDAP_CONNECT_ERROR || rc == LDAP_SUCCESS; }});
+           LDAP_NO_MEMORY, nullptr, AnyOf({LDAP_SERVER_DOWN, LDAP_CONNECT_ERROR, LDAP_SUCCESS})});
 }
 
 // ---- server location ----------------------------------------------------
 
 // Name servers from a resolver file, the domain from LOCALDOMAIN.
-void DnsSearchLists(const std::function<void(const AllocFaultScenario &)> &sweep)
+void DnsSearchLists(const Sweep &sweep)
 {
     zldap_test::TempDir dir;
     std::ofstream(dir.file("resolv.conf")) << "nameserver 10.0.0.1\nnameserver 10.0.0.2\nsearch a.example\n";
@@ -742,7 +664,7 @@ void DnsSearchLists(const std::function<void(const AllocFaultScenario &)> &sweep
 }
 
 // A lookup whose servers each get a vendor, an info text and a service URL.
-void DnsLookup(const std::function<void(const AllocFaultScenario &)> &sweep)
+void DnsLookup(const Sweep &sweep)
 {
     namespace dns = zldap_test::dns;
     zldap_test::DnsPeer peer([](const zldap_test::DnsQuery &q) {
@@ -761,7 +683,7 @@ void DnsLookup(const std::function<void(const AllocFaultScenario &)> &sweep)
 }
 
 // Servers from the configuration file, then the same as a host list.
-void ServerLocate(const std::function<void(const AllocFaultScenario &)> &sweep)
+void ServerLocate(const Sweep &sweep)
 {
     zldap_test::ScopedLocateFiles files;
     std::ofstream(files.server_conf) << "0\n_ldap a.example c.a.example 1 2 3 4 1 \"o=x\" \"v\" \"i\"\n";
@@ -771,17 +693,14 @@ void ServerLocate(const std::function<void(const AllocFaultScenario &)> &sweep)
                server_info *list = nullptr;
                int rc = ldap_server_locate(&request, &list);
                ldap_server_free_list(list);
-               char *hosts = rc == 0 ? auto_server_locate(&request, 0) : nullptr;
-               rc = rc == 0 && !hosts ? LDAP_NO_MEMORY : rc;
-               ldap_memfree(hosts);
-               return rc;
+               return rc ? rc : NoMemoryIfNull(auto_server_locate(&request, 0));
            },
            LDAP_NO_MEMORY});
 }
 
 // Items of the current user among another user's, then the password
 // read with its key and with another.
-void UserInfoFile(const std::function<void(const AllocFaultScenario &)> &sweep)
+void UserInfoFile(const Sweep &sweep)
 {
     zldap_test::TempDir dir;
     const std::string path = dir.file("ldap_user_info");
@@ -807,7 +726,7 @@ void UserInfoFile(const std::function<void(const AllocFaultScenario &)> &sweep)
 
 // The configuration file read into a list of its own. A failure while the
 // file is located leaves it unfound.
-void ConfRead(const std::function<void(const AllocFaultScenario &)> &sweep)
+void ConfRead(const Sweep &sweep)
 {
     zldap_test::ConfFile conf("plugin sasl A lib init a b\n# comment\nplugin sasl B lib\n");
     sweep({[] {
@@ -824,7 +743,7 @@ void ConfRead(const std::function<void(const AllocFaultScenario &)> &sweep)
 // configuration file the registration reads first is not looked at, so a
 // failure there goes unnoticed; a record for the opened library that can't
 // be made is a library not loaded.
-void RegisterAndCopy(const std::function<void(const AllocFaultScenario &)> &sweep)
+void RegisterAndCopy(const Sweep &sweep)
 {
     sweep({[] {
                int rc = zldap_test::RegisterTestPlugin("SWEEP", "test_plugin_init", "a b");
@@ -837,29 +756,6 @@ void RegisterAndCopy(const std::function<void(const AllocFaultScenario &)> &swee
            LDAP_NO_MEMORY, nullptr, [](int rc) { return rc == LDAP_SUCCESS || rc == LDAP_PLUGIN_NOT_LOADED; }});
 }
 
-// A SASL bind handed to a plug-in that binds through the library and keeps
-// its block for its close function, on a fresh handle each run. Failures
-// while reading the answer cost the connection, as in ModifyOverTheWire.
-void PluginBind(const std::function<void(const AllocFaultScenario &)> &sweep)
-{
-    ASSERT_EQ(zldap_test::RegisterTestPlugin("SWEEP-BIND", "test_plugin_init", "send close"), 0);
-    zldap_test::Bytes reply = zldap_test::wire::Result(1, 0x61, 0);
-    zldap_test::ScriptServer server([&](zldap_test::ScriptConnection &c) {
-        while (auto r = c.Read())
-            if (r->tag != 0x42)
-                c.Send(reply);
-    });
-    sweep({[&] {
-               LDAP *ld = zldap_test::HandleFor(server);
-               if (!ld)
-                   return LDAP_NO_MEMORY;
-               int rc = ldap_sasl_bind_s(ld, "cn=a", "SWEEP-BIND", nullptr, nullptr, nullptr, nullptr);
-               ldap_unbind(ld);
-               return rc;
-           },
-           LDAP_NO_MEMORY, nullptr, [](int rc) { return rc == LDAP_SERVER_DOWN || rc == LDAP_SUCCESS; }});
-}
-
 // ---- secure transport -------------------------------------------------
 
 // Environments prepared on the recording toolkit, which the loader finds,
@@ -867,7 +763,7 @@ void PluginBind(const std::function<void(const AllocFaultScenario &)> &sweep)
 // stash file. A session holds the current environment around each, so each
 // replaces one and nothing outlives the run. A default key database name
 // that can't be made is 119.
-void SslEnvironments(const std::function<void(const AllocFaultScenario &)> &sweep)
+void SslEnvironments(const Sweep &sweep)
 {
     zldap_test::ScopedEnv search("ZORLIB_LOCAL_INSTALL_MODE", "");
     zldap_test::ScopedEnv path("LD_LIBRARY_PATH", ZLDAP_RECORDER_DIR);
@@ -887,7 +783,7 @@ void SslEnvironments(const std::function<void(const AllocFaultScenario &)> &swee
 
 // A secure session's first connection, to a listener, over the recording
 // toolkit: the session, its label and the connection's secure record.
-void SecureConnect(const std::function<void(const AllocFaultScenario &)> &sweep)
+void SecureConnect(const Sweep &sweep)
 {
     zldap_test::ScopedEnv search("ZORLIB_LOCAL_INSTALL_MODE", "");
     zldap_test::ScopedEnv path("LD_LIBRARY_PATH", ZLDAP_RECORDER_DIR);
@@ -907,7 +803,7 @@ void StartTls(const Sweep &sweep)
 {
     zldap_test::ScopedEnv search("ZORLIB_LOCAL_INSTALL_MODE", "");
     zldap_test::ScopedEnv path("LD_LIBRARY_PATH", ZLDAP_RECORDER_DIR);
-    ExopSweepServer server;
+    SweepServer server;
     ZLDAP_IN_FRESH_PROCESS(ASSERT_EQ(ldap_ssl_client_init("/k/db.kdb", "pw", 0, nullptr), 0); sweep({[&] {
                return server.Run([](LDAP *ld) { return ldap_start_tls_s_np(ld, nullptr); });
            },
@@ -917,20 +813,10 @@ void StartTls(const Sweep &sweep)
 
 const SweepRow kRows[] = {
     // ---- codec and protocol pieces rows ----
-    {"UrlParse", UrlParse},
+    {"UrlAndDn", UrlAndDn},
     {"BerCodec", BerCodec},
-    {"Framing", Framing},
     {"Controls", Controls},
-    {"DnParse", DnParse},
-    {"DnExplode", DnExplode},
-    {"DnExplodeRdn", DnExplodeRdn},
-    {"DnSplitDnsName", DnSplitDnsName},
-    {"DnToUfn", DnToUfn},
-    {"PageControlBuild", PageControlBuild},
-    {"AssertionControlBuild", AssertionControlBuild},
-    {"PageControlParse", PageControlParse},
-    {"LimitNumValuesParse", LimitNumValuesParse},
-    {"EffectivePwdPolicyParse", EffectivePwdPolicyParse},
+    {"ControlValues", ControlValues},
     {"Xlate", Xlate},
 
     // ---- session and connections rows ----
@@ -939,15 +825,12 @@ const SweepRow kRows[] = {
     {"SetError", SetError},
 
     // ---- engine and operations rows ----
-    {"ParseResult", ParseResult},
-    {"ParseExtendedResult", [](const auto &sweep) { ParseExtendedResult(sweep, false); }},
-    {"ParseExtendedResultWithControls", [](const auto &sweep) { ParseExtendedResult(sweep, true); }},
+    {"ParseResults", ParseResults},
     {"TableGrowth", TableGrowth},
-    {"ModifyOverTheWire", ModifyOverTheWire},
+    {"OperationsOverTheWire", OperationsOverTheWire},
     {"SearchReferenceChased", [](const auto &sweep) { SearchReferenceChased(sweep, false); }},
     {"UrlSearchOfAnotherServer", [](const auto &sweep) { SearchReferenceChased(sweep, true); }},
     {"AbandonRequest", AbandonRequest},
-    {"ExtendedOperation", ExtendedOperation},
 
     // ---- server location rows ----
     {"DnsSearchLists", DnsSearchLists},
@@ -957,7 +840,6 @@ const SweepRow kRows[] = {
     // ---- configuration rows ----
     {"ConfRead", ConfRead},
     {"RegisterAndCopy", RegisterAndCopy},
-    {"PluginBind", PluginBind},
     // ---- secure transport rows ----
     {"SslEnvironments", SslEnvironments},
     {"SecureConnect", SecureConnect},
