@@ -166,6 +166,32 @@ void record_connection(SecureSocket &soc)
     note_cipher(*soc.environment, soc.cipher_code);
 }
 
+// The part a read and a write share once the length is known good: one
+// SSL_read_ex or SSL_write_ex through io(ssl, length, &done). "Would block"
+// when the callbacks moved nothing; a close_notify ends a read's stream
+// with no bytes and no error.
+template <typename Io> int transfer(SecureSocket &soc, int length, int *count, bool reading, Io io)
+{
+    if (soc.state != SecureSocket::State::connected)
+        return ZOR_ERR_INVALID_STATE;
+    if (length == 0)
+        return ZOR_OK;
+    ERR_clear_error();
+    soc.io_errno = 0;
+    size_t done = 0;
+    int result = io(soc.ssl.get(), static_cast<size_t>(length), &done);
+    if (result == 1) {
+        *count = static_cast<int>(done);
+        return ZOR_OK;
+    }
+    int error = SSL_get_error(soc.ssl.get(), result);
+    int rc = error == SSL_ERROR_WANT_READ || error == SSL_ERROR_WANT_WRITE ? ZOR_ERR_WOULD_BLOCK
+             : reading && error == SSL_ERROR_ZERO_RETURN                    ? ZOR_OK
+                                                                            : failure_code(soc, result);
+    ERR_clear_error();
+    return rc;
+}
+
 } // namespace
 
 SecureSocket::~SecureSocket()
@@ -237,25 +263,8 @@ int secure_read(SecureSocket &soc, char *buffer, int length, int *count)
     *count = 0;
     if (length < 0)
         return ZOR_ERR_INVALID_LENGTH;
-    if (soc.state != SecureSocket::State::connected)
-        return ZOR_ERR_INVALID_STATE;
-    if (length == 0)
-        return ZOR_OK;
-    ERR_clear_error();
-    soc.io_errno = 0;
-    size_t done = 0;
-    int result = SSL_read_ex(soc.ssl.get(), buffer, static_cast<size_t>(length), &done);
-    if (result == 1) {
-        *count = static_cast<int>(done);
-        return ZOR_OK;
-    }
-    int error = SSL_get_error(soc.ssl.get(), result);
-    // A close_notify is the orderly end of the stream: no bytes, no error.
-    int rc = error == SSL_ERROR_WANT_READ || error == SSL_ERROR_WANT_WRITE ? ZOR_ERR_WOULD_BLOCK
-             : error == SSL_ERROR_ZERO_RETURN                               ? ZOR_OK
-                                                                            : failure_code(soc, result);
-    ERR_clear_error();
-    return rc;
+    auto io = [buffer](SSL *ssl, size_t n, size_t *done) { return SSL_read_ex(ssl, buffer, n, done); };
+    return transfer(soc, length, count, true, io);
 }
 
 int secure_write(SecureSocket &soc, const char *buffer, int length, int *count)
@@ -263,23 +272,8 @@ int secure_write(SecureSocket &soc, const char *buffer, int length, int *count)
     *count = 0;
     if (length < 0 || (!buffer && length > 0))
         return ZOR_ERR_INVALID_LENGTH;
-    if (soc.state != SecureSocket::State::connected)
-        return ZOR_ERR_INVALID_STATE;
-    if (length == 0)
-        return ZOR_OK;
-    ERR_clear_error();
-    soc.io_errno = 0;
-    size_t done = 0;
-    int result = SSL_write_ex(soc.ssl.get(), buffer, static_cast<size_t>(length), &done);
-    if (result == 1) {
-        *count = static_cast<int>(done);
-        return ZOR_OK;
-    }
-    int error = SSL_get_error(soc.ssl.get(), result);
-    int rc = error == SSL_ERROR_WANT_READ || error == SSL_ERROR_WANT_WRITE ? ZOR_ERR_WOULD_BLOCK
-                                                                            : failure_code(soc, result);
-    ERR_clear_error();
-    return rc;
+    auto io = [buffer](SSL *ssl, size_t n, size_t *done) { return SSL_write_ex(ssl, buffer, n, done); };
+    return transfer(soc, length, count, false, io);
 }
 
 void close_secure_socket(SecureSocket *soc)

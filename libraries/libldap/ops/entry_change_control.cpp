@@ -14,15 +14,10 @@ int parse_entrychange(LDAPControl **ctrls, int *chgtypep, char **prevdnp, int *c
 {
     if (!ctrls || !chgtypep)
         return LDAP_PARAM_ERROR;
-    LDAPControl **found = zldap::next_control(ctrls, LDAP_CONTROL_ENTRYCHANGE);
-    if (!found)
-        return LDAP_CONTROL_NOT_FOUND;
-    const struct berval &value = (*found)->ldctl_value;
-    if (!value.bv_val)
-        return LDAP_DECODING_ERROR;
-    zldap::BerOwner ber(fber_init2(&value));
-    if (!ber)
-        return LDAP_NO_MEMORY;
+    zldap::BerOwner ber;
+    int rc = zldap::open_control_value(ctrls, LDAP_CONTROL_ENTRYCHANGE, &ber);
+    if (rc != LDAP_SUCCESS)
+        return rc;
     int type = 0;
     if (fber_scanf(ber.get(), "{i", &type) == LBER_DEFAULT)
         return LDAP_DECODING_ERROR;

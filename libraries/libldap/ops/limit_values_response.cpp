@@ -11,21 +11,18 @@
 
 namespace {
 
-int decode_limit_values(const struct berval &value, LDAPLimitNumValuesResponse *out)
+int decode_limit_values(BerElement *ber, LDAPLimitNumValuesResponse *out)
 {
-    zldap::BerOwner ber(fber_init2(&value));
-    if (!ber)
-        return LDAP_NO_MEMORY;
-    if (fber_scanf(ber.get(), "{a", &out->lnvr_dn) == LBER_DEFAULT)
+    if (fber_scanf(ber, "{a", &out->lnvr_dn) == LBER_DEFAULT)
         return LDAP_DECODING_ERROR;
     // Each attribute is a SEQUENCE; anything else ends the list.
-    while (fber_peek_tag(ber.get(), nullptr) == 0x30) {
+    while (fber_peek_tag(ber, nullptr) == 0x30) {
         auto *attr = static_cast<LDAPLimitNumValuesAttr *>(zldap::mem_calloc(1, sizeof(LDAPLimitNumValuesAttr)));
         if (!attr)
             return LDAP_NO_MEMORY;
         attr->lnva_next = out->lnvr_attrs;
         out->lnvr_attrs = attr;
-        if (fber_scanf(ber.get(), "{aii}", &attr->lnva_attr, &attr->lnva_first, &attr->lnva_second) ==
+        if (fber_scanf(ber, "{aii}", &attr->lnva_attr, &attr->lnva_first, &attr->lnva_second) ==
             LBER_DEFAULT)
             return LDAP_DECODING_ERROR;
     }
@@ -43,15 +40,14 @@ int ldap_parse_limit_num_values_response(LDAP *ld, LDAPControl **ctrls, LDAPLimi
         return op.code();
     if (!ctrls || !response)
         return LDAP_PARAM_ERROR;
-    LDAPControl **found = zldap::next_control(ctrls, LDAP_CONTROL_LIMIT_NUM_VALUES);
-    if (!found)
-        return LDAP_CONTROL_NOT_FOUND;
-    if (!(*found)->ldctl_value.bv_val)
-        return LDAP_DECODING_ERROR;
+    zldap::BerOwner ber;
+    int rc = zldap::open_control_value(ctrls, LDAP_CONTROL_LIMIT_NUM_VALUES, &ber);
+    if (rc != LDAP_SUCCESS)
+        return rc;
     auto *out = static_cast<LDAPLimitNumValuesResponse *>(zldap::mem_calloc(1, sizeof(LDAPLimitNumValuesResponse)));
     if (!out)
         return LDAP_NO_MEMORY;
-    int rc = decode_limit_values((*found)->ldctl_value, out);
+    rc = decode_limit_values(ber.get(), out);
     if (rc != LDAP_SUCCESS) {
         ldap_free_limit_num_values_response(out);
         return rc;

@@ -55,24 +55,12 @@ int build_sort_control(LDAPsortkey **keys, char iscritical, LDAPControl **ctrlp)
 // One sort response value: SEQUENCE { result, attribute type if any }.
 int decode_sort_value(const struct berval &value, unsigned long *result, char **attribute)
 {
-    if (!value.bv_val)
-        return LDAP_DECODING_ERROR;
-    zldap::HandReader r = zldap::hand_reader(value);
-    unsigned tag;
+    const unsigned char *type;
     size_t len;
-    if (!zldap::hand_read_header(r, &tag, &len) || tag != 0x30)
-        return LDAP_DECODING_ERROR;
-    zldap::HandReader seq{r.pos, r.pos + len};
-    if (!zldap::hand_read_header(seq, &tag, &len) || (tag != 0x02 && tag != 0x0A) ||
-        !zldap::hand_read_unsigned(seq, len, result))
-        return LDAP_DECODING_ERROR;
-    if (seq.at_end())
-        return LDAP_SUCCESS;
-    if (!zldap::hand_read_header(seq, &tag, &len) || tag != 0x04)
-        return LDAP_DECODING_ERROR;
-    if (!attribute)
-        return LDAP_SUCCESS;
-    *attribute = zldap::mem_strndup(reinterpret_cast<const char *>(seq.pos), len);
+    int rc = zldap::hand_read_number_and_string(value, true, result, &type, &len);
+    if (rc != LDAP_SUCCESS || !type || !attribute)
+        return rc;
+    *attribute = zldap::mem_strndup(reinterpret_cast<const char *>(type), len);
     return *attribute ? LDAP_SUCCESS : LDAP_NO_MEMORY;
 }
 

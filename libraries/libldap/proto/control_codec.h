@@ -1,6 +1,6 @@
 // control_codec.h - pieces the control builders and parsers share: turning
 // an encoded element into a control, finding response controls by OID and
-// reading the headers of a control value by hand.
+// opening their values, and reading a control value by hand.
 #ifndef ZLDAP_CONTROL_CODEC_H
 #define ZLDAP_CONTROL_CODEC_H
 
@@ -30,26 +30,18 @@ int control_from_ber(BerElement *ber, const char *oid, int iscritical, LDAPContr
 // NULL when there is none.
 LDAPControl **next_control(LDAPControl **from, const char *oid);
 
-// Bytes of a control value read by hand: position and end.
-struct HandReader {
-    const unsigned char *pos;
-    const unsigned char *end;
+// The value of the first control in ctrls whose OID is oid, opened for
+// reading into *ber. 0; 93 when there is no such control, 84 when it has no
+// value, 90 when the element cannot be made.
+int open_control_value(LDAPControl **ctrls, const char *oid, BerOwner *ber);
 
-    bool at_end() const { return pos >= end; }
-};
-
-inline HandReader hand_reader(const struct berval &value)
-{
-    const auto *bytes = reinterpret_cast<const unsigned char *>(value.bv_val);
-    return {bytes, bytes + value.bv_len};
-}
-
-// Reads a tag octet and a length (below 0x80 the octet itself, otherwise
-// its low seven bits count the big-endian octets that follow) and leaves
-// pos on the contents, which must lie before end. False otherwise.
-bool hand_read_header(HandReader &r, unsigned *tag, size_t *len);
-// The next len octets (at most four) as a big-endian unsigned number.
-bool hand_read_unsigned(HandReader &r, size_t len, unsigned long *value);
+// A response value SEQUENCE { INTEGER (or ENUMERATED where
+// enumerated_too), OCTET STRING OPTIONAL } read by hand: *number is stored
+// as soon as it is read; *string points into value at the octet string's
+// contents, *string_len octets, and stays NULL when there is none.
+// 0; 84 when the value is missing or malformed.
+int hand_read_number_and_string(const struct berval &value, bool enumerated_too, unsigned long *number,
+                                const unsigned char **string, size_t *string_len);
 
 } // namespace zldap
 

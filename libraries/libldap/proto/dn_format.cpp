@@ -31,20 +31,25 @@ size_t put_text(char *out, const char *text)
     return n;
 }
 
+size_t put_char(char *out, char c)
+{
+    if (out)
+        *out = c;
+    return 1;
+}
+
+// Where the next characters go after n: nowhere while only counting.
+char *after(char *out, size_t n) { return out ? out + n : nullptr; }
+
 size_t put_value(char *out, const char *value, bool escape)
 {
     if (!escape)
         return put_text(out, value);
     size_t n = 0;
     for (size_t i = 0; value[i]; i++) {
-        if (needs_backslash(value, i)) {
-            if (out)
-                out[n] = '\\';
-            n++;
-        }
-        if (out)
-            out[n] = value[i];
-        n++;
+        if (needs_backslash(value, i))
+            n += put_char(after(out, n), '\\');
+        n += put_char(after(out, n), value[i]);
     }
     return n;
 }
@@ -54,39 +59,34 @@ size_t put_pair(char *out, const DnPair &pair, DnPairForm form, bool escape)
     size_t n = 0;
     if (form == DnPairForm::TypeAndValue) {
         n = put_text(out, pair.type);
-        if (out)
-            out[n] = '=';
-        n++;
+        n += put_char(after(out, n), '=');
     }
-    return n + put_value(out ? out + n : nullptr, pair.value, escape);
+    return n + put_value(after(out, n), pair.value, escape);
+}
+
+// The nodes of a list from first on, each written by put(out, node), with
+// the separator between them.
+template <typename Node, typename Put> size_t put_joined(char *out, const Node *first, char separator, Put put)
+{
+    size_t n = 0;
+    for (const Node *node = first; node; node = node->next) {
+        if (node != first)
+            n += put_char(after(out, n), separator);
+        n += put(after(out, n), node);
+    }
+    return n;
 }
 
 size_t put_rdn(char *out, const DnRdn *rdn, DnPairForm form)
 {
-    size_t n = 0;
-    for (const DnPairNode *node = rdn->first; node; node = node->next) {
-        if (node != rdn->first) {
-            if (out)
-                out[n] = '+';
-            n++;
-        }
-        n += put_pair(out ? out + n : nullptr, node->pair, form, true);
-    }
-    return n;
+    auto put = [form](char *at, const DnPairNode *node) { return put_pair(at, node->pair, form, true); };
+    return put_joined(out, rdn->first, '+', put);
 }
 
 size_t put_dn(char *out, const ParsedDn *dn, DnPairForm form)
 {
-    size_t n = 0;
-    for (const DnRdn *rdn = dn->first; rdn; rdn = rdn->next) {
-        if (rdn != dn->first) {
-            if (out)
-                out[n] = ',';
-            n++;
-        }
-        n += put_rdn(out ? out + n : nullptr, rdn, form);
-    }
-    return n;
+    auto put = [form](char *at, const DnRdn *rdn) { return put_rdn(at, rdn, form); };
+    return put_joined(out, dn->first, ',', put);
 }
 
 // Measures with put(nullptr), then writes into a new string; NULL when

@@ -57,21 +57,11 @@ size_t integer_size(int32_t v)
 // when the SEQUENCE holds more than the INTEGER.
 int decode_page_value(const struct berval &value, unsigned long *size_estimate, struct berval **cookie)
 {
-    if (!value.bv_val)
-        return LDAP_DECODING_ERROR;
-    zldap::HandReader r = zldap::hand_reader(value);
-    unsigned tag;
+    const unsigned char *cookie_bytes;
     size_t len;
-    if (!zldap::hand_read_header(r, &tag, &len) || tag != 0x30)
-        return LDAP_DECODING_ERROR;
-    zldap::HandReader seq{r.pos, r.pos + len};
-    if (!zldap::hand_read_header(seq, &tag, &len) || tag != 0x02 ||
-        !zldap::hand_read_unsigned(seq, len, size_estimate))
-        return LDAP_DECODING_ERROR;
-    if (seq.at_end())
-        return LDAP_SUCCESS;
-    if (!zldap::hand_read_header(seq, &tag, &len) || tag != 0x04)
-        return LDAP_DECODING_ERROR;
+    int rc = zldap::hand_read_number_and_string(value, false, size_estimate, &cookie_bytes, &len);
+    if (rc != LDAP_SUCCESS || !cookie_bytes)
+        return rc;
     auto *bv = static_cast<struct berval *>(zldap::mem_calloc(1, sizeof(struct berval)));
     char *bytes = static_cast<char *>(zldap::mem_malloc(len + 1));
     if (!bv || !bytes) {
@@ -79,7 +69,7 @@ int decode_page_value(const struct berval &value, unsigned long *size_estimate, 
         zldap::mem_free(bytes);
         return LDAP_NO_MEMORY;
     }
-    std::memcpy(bytes, seq.pos, len);
+    std::memcpy(bytes, cookie_bytes, len);
     bytes[len] = '\0';
     bv->bv_len = len;
     bv->bv_val = bytes;

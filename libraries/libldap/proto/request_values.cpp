@@ -13,14 +13,26 @@
 
 namespace {
 
+// What ber has encoded as a new berval, or NULL.
 struct berval *flatten(BerElement *ber)
 {
     struct berval *value = nullptr;
     return fber_flatten(ber, &value) == 0 ? value : nullptr;
 }
 
-// "{s}" of an entry DN, written in two steps that fail with their own texts.
-struct berval *entry_dn_request(const char *name, const char *entry_dn)
+// The same, traced as the caller's own line when it fails.
+struct berval *flatten_traced(BerElement *ber, const char *prefix)
+{
+    struct berval *value = flatten(ber);
+    if (!value)
+        LDAP_TRACE(TRC_ERROR, "%sfber_flatten failed\n", prefix);
+    return value;
+}
+
+// A new element that has begun "{s" of entry_dn, or NULL. Each step that
+// fails has its own trace line; `prefix` starts the caller's own lines
+// ("name:" or "name: ").
+zldap::BerOwner begin_entry_dn(const char *prefix, const char *entry_dn)
 {
     if (!entry_dn) {
         LDAP_TRACE(TRC_ERROR, "EntryDN must not be NULL.\n");
@@ -32,17 +44,23 @@ struct berval *entry_dn_request(const char *name, const char *entry_dn)
         return nullptr;
     }
     if (fber_printf(ber.get(), "{s", entry_dn) != 0) {
-        LDAP_TRACE(TRC_ERROR, "%s:first fber_printf failed\n", name);
+        LDAP_TRACE(TRC_ERROR, "%sfirst fber_printf failed\n", prefix);
         return nullptr;
     }
+    return ber;
+}
+
+// "{s}" of an entry DN.
+struct berval *entry_dn_request(const char *prefix, const char *entry_dn)
+{
+    zldap::BerOwner ber = begin_entry_dn(prefix, entry_dn);
+    if (!ber)
+        return nullptr;
     if (fber_printf(ber.get(), "}") != 0) {
-        LDAP_TRACE(TRC_ERROR, "%s:second fber_printf failed\n", name);
+        LDAP_TRACE(TRC_ERROR, "%ssecond fber_printf failed\n", prefix);
         return nullptr;
     }
-    struct berval *value = flatten(ber.get());
-    if (!value)
-        LDAP_TRACE(TRC_ERROR, "%s:fber_flatten failed\n", name);
-    return value;
+    return flatten_traced(ber.get(), prefix);
 }
 
 // A value of `lead` octets (0 or 1) followed by the id's text; bv_len
@@ -74,41 +92,29 @@ struct berval *tran_id_value(const char *record_failed, const char *bytes_failed
 
 struct berval *ldap_create_account_status_request(const char *entry_dn)
 {
-    return entry_dn_request("ldap_create_account_status_request", entry_dn);
+    return entry_dn_request("ldap_create_account_status_request:", entry_dn);
 }
 
 struct berval *ldap_create_effective_pwdpolicy_request(const char *entry_dn)
 {
-    return entry_dn_request("ldap_create_effective_pwdpolicy_request", entry_dn);
+    return entry_dn_request("ldap_create_effective_pwdpolicy_request:", entry_dn);
 }
 
 struct berval *ldap_create_group_eval_request(const char *entry_dn, char **attrs)
 {
-    if (!entry_dn) {
-        LDAP_TRACE(TRC_ERROR, "EntryDN must not be NULL.\n");
+    const char *prefix = "ldap_create_group_eval_request: ";
+    zldap::BerOwner ber = begin_entry_dn(prefix, entry_dn);
+    if (!ber)
         return nullptr;
-    }
-    zldap::BerOwner ber(fber_alloc());
-    if (!ber) {
-        LDAP_TRACE(TRC_ERROR, "fber_alloc failed\n");
-        return nullptr;
-    }
-    if (fber_printf(ber.get(), "{s", entry_dn) != 0) {
-        LDAP_TRACE(TRC_ERROR, "ldap_create_group_eval_request: first fber_printf failed\n");
-        return nullptr;
-    }
     if (attrs && fber_printf(ber.get(), "{v}}", attrs) != 0) {
-        LDAP_TRACE(TRC_ERROR, "ldap_create_group_eval_request: second fber_printf failed\n");
+        LDAP_TRACE(TRC_ERROR, "%ssecond fber_printf failed\n", prefix);
         return nullptr;
     }
     if (!attrs && fber_printf(ber.get(), "}") != 0) {
-        LDAP_TRACE(TRC_ERROR, "ldap_create_group_eval_request: third fber_printf failed\n");
+        LDAP_TRACE(TRC_ERROR, "%sthird fber_printf failed\n", prefix);
         return nullptr;
     }
-    struct berval *value = flatten(ber.get());
-    if (!value)
-        LDAP_TRACE(TRC_ERROR, "ldap_create_group_eval_request: fber_flatten failed\n");
-    return value;
+    return flatten_traced(ber.get(), prefix);
 }
 
 struct berval *ldap_create_prepare_transaction_request(const char *tran_id)

@@ -13,16 +13,10 @@ int ldap_parse_vlv_control(LDAP *ld, LDAPControl **ctrls, unsigned long *target_
         *contextp = nullptr;
     if (!ld || !ctrls)
         return LDAP_PARAM_ERROR;
-    LDAPControl **found = zldap::next_control(ctrls, LDAP_CONTROL_VLVRESPONSE);
-    if (!found)
-        return LDAP_CONTROL_NOT_FOUND;
-    const struct berval &value = (*found)->ldctl_value;
-    if (!value.bv_val)
-        return LDAP_DECODING_ERROR;
-    zldap::BerOwner ber(fber_init2(&value));
-    if (!ber)
-        return LDAP_NO_MEMORY;
-
+    zldap::BerOwner ber;
+    int rc = zldap::open_control_value(ctrls, LDAP_CONTROL_VLVRESPONSE, &ber);
+    if (rc != LDAP_SUCCESS)
+        return rc;
     int position = 0, count = 0, result = 0;
     if (fber_scanf(ber.get(), "{iie", &position, &count, &result) == LBER_DEFAULT)
         return LDAP_DECODING_ERROR;
