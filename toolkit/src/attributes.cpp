@@ -158,26 +158,6 @@ int get_fips_enum(const FipsSettings &f, int id, int *value)
     }
 }
 
-// The one numeric attribute an environment or a socket has: own names it,
-// and a new value must lie within [low, high].
-int set_numeric(int id, int own, int value, int low, int high, int *field)
-{
-    if (id != own)
-        return ZOR_ERR_INVALID_ATTRIBUTE;
-    if (value < low || value > high)
-        return ZOR_ERR_INVALID_NUMERIC_VALUE;
-    *field = value;
-    return ZOR_OK;
-}
-
-int get_numeric(int id, int own, int field, int *value)
-{
-    if (id != own)
-        return ZOR_ERR_INVALID_ATTRIBUTE;
-    *value = field;
-    return ZOR_OK;
-}
-
 } // namespace
 
 bool is_code_list(std::string_view text)
@@ -264,12 +244,20 @@ int set_environment_numeric(Environment &env, int id, int value)
 {
     if (env.initialised)
         return ZOR_ERR_INVALID_STATE;
-    return set_numeric(id, ZOR_V3_SESSION_TIMEOUT, value, 0, 86400, &env.session_timeout);
+    if (id != ZOR_V3_SESSION_TIMEOUT)
+        return ZOR_ERR_INVALID_ATTRIBUTE;
+    if (value < 0 || value > 86400)
+        return ZOR_ERR_INVALID_NUMERIC_VALUE;
+    env.session_timeout = value;
+    return ZOR_OK;
 }
 
 int get_environment_numeric(const Environment &env, int id, int *value)
 {
-    return get_numeric(id, ZOR_V3_SESSION_TIMEOUT, env.session_timeout, value);
+    if (id != ZOR_V3_SESSION_TIMEOUT)
+        return ZOR_ERR_INVALID_ATTRIBUTE;
+    *value = env.session_timeout;
+    return ZOR_OK;
 }
 
 int set_socket_buffer(SecureSocket &soc, int id, std::string_view value)
@@ -324,12 +312,22 @@ int get_socket_enum(const SecureSocket &soc, int id, int *value) { return get_co
 
 int set_socket_numeric(SecureSocket &soc, int id, int value)
 {
-    // Another attribute is refused as such whatever the state.
-    if (id == ZOR_FD && soc.state != SecureSocket::State::opened)
+    if (id != ZOR_FD)
+        return ZOR_ERR_INVALID_ATTRIBUTE;
+    if (soc.state != SecureSocket::State::opened)
         return ZOR_ERR_INVALID_STATE;
-    return set_numeric(id, ZOR_FD, value, 0, INT_MAX, &soc.fd);
+    if (value < 0)
+        return ZOR_ERR_INVALID_NUMERIC_VALUE;
+    soc.fd = value;
+    return ZOR_OK;
 }
 
-int get_socket_numeric(const SecureSocket &soc, int id, int *value) { return get_numeric(id, ZOR_FD, soc.fd, value); }
+int get_socket_numeric(const SecureSocket &soc, int id, int *value)
+{
+    if (id != ZOR_FD)
+        return ZOR_ERR_INVALID_ATTRIBUTE;
+    *value = soc.fd;
+    return ZOR_OK;
+}
 
 } // namespace zor

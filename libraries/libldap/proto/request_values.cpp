@@ -13,25 +13,20 @@
 
 namespace {
 
+// Each step that fails has its own trace line; `prefix` starts the
+// caller's own lines ("name:" or "name: ").
+
 // What ber has encoded as a new berval, or NULL.
-struct berval *flatten(BerElement *ber)
+struct berval *flatten(BerElement *ber, const char *prefix)
 {
     struct berval *value = nullptr;
-    return fber_flatten(ber, &value) == 0 ? value : nullptr;
+    if (fber_flatten(ber, &value) == 0)
+        return value;
+    LDAP_TRACE(TRC_ERROR, "%sfber_flatten failed\n", prefix);
+    return nullptr;
 }
 
-// The same, traced as the caller's own line when it fails.
-struct berval *flatten_traced(BerElement *ber, const char *prefix)
-{
-    struct berval *value = flatten(ber);
-    if (!value)
-        LDAP_TRACE(TRC_ERROR, "%sfber_flatten failed\n", prefix);
-    return value;
-}
-
-// A new element that has begun "{s" of entry_dn, or NULL. Each step that
-// fails has its own trace line; `prefix` starts the caller's own lines
-// ("name:" or "name: ").
+// A new element that has begun "{s" of entry_dn, or NULL.
 zldap::BerOwner begin_entry_dn(const char *prefix, const char *entry_dn)
 {
     if (!entry_dn) {
@@ -60,7 +55,7 @@ struct berval *entry_dn_request(const char *prefix, const char *entry_dn)
         LDAP_TRACE(TRC_ERROR, "%ssecond fber_printf failed\n", prefix);
         return nullptr;
     }
-    return flatten_traced(ber.get(), prefix);
+    return flatten(ber.get(), prefix);
 }
 
 // A value of `lead` octets (0 or 1) followed by the id's text; bv_len
@@ -114,7 +109,7 @@ struct berval *ldap_create_group_eval_request(const char *entry_dn, char **attrs
         LDAP_TRACE(TRC_ERROR, "%sthird fber_printf failed\n", prefix);
         return nullptr;
     }
-    return flatten_traced(ber.get(), prefix);
+    return flatten(ber.get(), prefix);
 }
 
 struct berval *ldap_create_prepare_transaction_request(const char *tran_id)
@@ -155,8 +150,9 @@ struct berval *ldap_create_empty_request_value(void)
         LDAP_TRACE(TRC_ERROR, "ber_alloc_t failed\n");
         return nullptr;
     }
-    struct berval *value = flatten(ber.get());
-    if (!value)
-        LDAP_TRACE(TRC_ERROR, "ber_flatten failed\n");
-    return value;
+    struct berval *value = nullptr;
+    if (fber_flatten(ber.get(), &value) == 0)
+        return value;
+    LDAP_TRACE(TRC_ERROR, "ber_flatten failed\n");
+    return nullptr;
 }
