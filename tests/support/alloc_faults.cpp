@@ -15,6 +15,9 @@ long ExpectEachAllocationFailure(const AllocFaultScenario &scenario)
     zldap::mem_tracking_start(0);
     int clean_rc = scenario.run();
     zldap::AllocCounters counted = zldap::mem_tracking_stop();
+    // A scenario that fails on its own would pass the walk below without
+    // testing anything.
+    EXPECT_EQ(clean_rc, 0) << "the scenario fails without any failed allocation";
     EXPECT_EQ(counted.live, 0) << "the scenario leaks without any failure (rc " << clean_rc << ")";
     if (scenario.check_usable)
         scenario.check_usable();
