@@ -166,7 +166,7 @@ typedef int (*LDAP_REBIND_PROC)(LDAP *ld, char **dnp, char **passwdp,
 #define LDAP_OPT_RESTART               4   /* int *: 1 or 0, stored and reported only [0] */
 #define LDAP_OPT_HOP_LIMIT             5   /* int *: most referral hops a request follows [10] */
 #define LDAP_OPT_TRACE_LEVEL           6   /* int *: trace mask 0 to 0xFFFF, process-wide (as LDAP_DEBUG) */
-/* const char *: a cipher specification for SSL V3 and TLS 1.0, checked
+/* const char *: a cipher list for SSL V3 and TLS 1.0, checked
  * (LDAP_SECURE_BAD_PARAM when invalid); get: char **, 89 when none is set. */
 #define LDAP_OPT_CIPHER_SPECS          7
 #define LDAP_OPT_SECURE_TIMEOUT        8   /* int *: secure session time-out, 0 to 86400 s [0] */
@@ -210,7 +210,7 @@ typedef int (*LDAP_REBIND_PROC)(LDAP *ld, char **dnp, char **passwdp,
  * Get: struct timeval **, a new copy (free) or NULL [NULL: no bound]. */
 #define LDAP_OPT_CONNECT_TIMEOUT       70
 #define LDAP_OPT_SECURE_PROTOCOLS      152 /* write-only, const char *: protocol names, copied; NULL clears */
-/* const char *: a cipher specification for TLS 1.2, copied unchecked; NULL
+/* const char *: a cipher list for TLS 1.2, copied unchecked; NULL
  * clears. Get: char **, 89 when none is set. */
 #define LDAP_OPT_CIPHER_SPECS_TLS12    153
 /* on/off: on passes strings to and from the server unchanged; off

@@ -583,7 +583,7 @@ int ldap_end_tls_s_np(LDAP *ld);
  * text for it, as "Certificate verification failed: certificate has
  * expired". Option 51 gives only 116 for a failed ldaps handshake. */
 int ldap_ssl_get_handshake_reason(const char **text);
-/* The cipher specification for SSL V3 and TLS 1.0 (as option 7), under the
+/* The cipher list for SSL V3 and TLS 1.0 (as option 7), under the
  * handle's lock. 0, 89, 90, 115 or 129. */
 int ldap_set_ssl_cipher(LDAP *ld, const char *ciphers);
 /* A constant English text for a reason code, "Unknown SSL error" for

@@ -77,7 +77,7 @@ bool parse_line(int number, const std::string &text, Line *line, std::string *er
         *error = at(number, "bad attribute name \"" + line->name + "\"");
         return false;
     }
-    return parse_value_spec(text.substr(colon + 1), line, error);
+    return parse_line_value(text.substr(colon + 1), line, error);
 }
 
 // Joins continuation lines (a leading blank) to the line they continue.
@@ -155,22 +155,22 @@ bool is_attribute_description(const std::string &name)
     return true;
 }
 
-bool parse_value_spec(const std::string &spec, Line *line, std::string *error)
+bool parse_line_value(const std::string &rest, Line *line, std::string *error)
 {
-    if (!spec.empty() && spec[0] == ':') {
+    if (!rest.empty() && rest[0] == ':') {
         line->form = Line::Form::kBase64;
-        if (base64_decode(trim_left(spec.substr(1)), &line->value))
+        if (base64_decode(trim_left(rest.substr(1)), &line->value))
             return true;
         *error = at(line->number, "bad base64 value");
         return false;
     }
-    if (!spec.empty() && spec[0] == '<') {
+    if (!rest.empty() && rest[0] == '<') {
         line->form = Line::Form::kUrl;
-        line->value = trim_left(spec.substr(1));
+        line->value = trim_left(rest.substr(1));
         return true;
     }
     line->form = Line::Form::kText;
-    line->value = trim_left(spec);
+    line->value = trim_left(rest);
     // Such a value is neither a base64 value nor a URL as written; storing
     // it as text would store something the writer most likely didn't mean.
     if (!line->value.empty() && (line->value[0] == ':' || line->value[0] == '<')) {

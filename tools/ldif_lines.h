@@ -27,7 +27,7 @@ bool is_attribute_description(const std::string &name);
 bool is_numeric_oid(const std::string &text);
 // Reads the value part that follows a name's colon (":: base64",
 // ":< URL" or ": text", without the first colon) into line.
-bool parse_value_spec(const std::string &spec, Line *line, std::string *error);
+bool parse_line_value(const std::string &rest, Line *line, std::string *error);
 // The bytes a line's value stands for; a URL is read through read_file.
 bool value_bytes(const Line &line, const FileReader &read_file, std::string *bytes, std::string *error);
 // Splits an LDIF text into records (runs of lines between blank lines),

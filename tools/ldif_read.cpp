@@ -86,7 +86,7 @@ private:
         return true;
     }
 
-    // "control: OID [true|false] [value-spec]".
+    // "control: OID [true|false] [value]".
     bool ReadControl(const Line &line, Control *control)
     {
         if (line.form != Line::Form::kText)
@@ -111,7 +111,7 @@ private:
             return Fail(line, "unexpected text after the control's criticality");
         Line value{line.number, "control", Line::Form::kText, ""};
         std::string bytes;
-        if (!lines::parse_value_spec(text.substr(at + 1), &value, &error_) || !Value(value, &bytes))
+        if (!lines::parse_line_value(text.substr(at + 1), &value, &error_) || !Value(value, &bytes))
             return false;
         control->value = std::move(bytes);
         return true;

@@ -60,76 +60,76 @@ bool generic_value(const std::string &text, std::string *bytes)
     return true;
 }
 
-bool check_value(const ControlSpec &spec, bool search_controls, std::string *problem)
+bool check_value(const ControlRequest &request, bool search_controls, std::string *problem)
 {
-    if (spec.name == "manageDSAit")
-        return !spec.has_value || (*problem = "takes no value", false);
-    if (spec.name == "assert") {
-        size_t at = spec.has_value ? filter_problem(spec.value, problem) : 1;
-        if (!spec.has_value)
+    if (request.name == "manageDSAit")
+        return !request.has_value || (*problem = "takes no value", false);
+    if (request.name == "assert") {
+        size_t at = request.has_value ? filter_problem(request.value, problem) : 1;
+        if (!request.has_value)
             *problem = "needs a filter: assert=<filter>";
         else if (at)
             *problem = "position " + std::to_string(at) + " of the filter: " + *problem;
-        return spec.has_value && at == 0;
+        return request.has_value && at == 0;
     }
     std::string bytes;
     SortKeys keys;
     char *end = nullptr;
-    if (search_controls && spec.name == "pr") {
-        long size = spec.has_value ? std::strtol(spec.value.c_str(), &end, 10) : 0;
-        bool good = size > 0 && size <= INT_MAX && std::isdigit(static_cast<unsigned char>(spec.value[0])) &&
+    if (search_controls && request.name == "pr") {
+        long size = request.has_value ? std::strtol(request.value.c_str(), &end, 10) : 0;
+        bool good = size > 0 && size <= INT_MAX && std::isdigit(static_cast<unsigned char>(request.value[0])) &&
                     (*end == '\0' || std::strcmp(end, "/noprompt") == 0);
         return good || (*problem = "takes pr=<page size>[/noprompt]; every page is fetched without a prompt", false);
     }
-    if (search_controls && spec.name == "sss")
-        return (spec.has_value && read_sort_keys(spec.value, &keys)) ||
+    if (search_controls && request.name == "sss")
+        return (request.has_value && read_sort_keys(request.value, &keys)) ||
                (*problem = "takes sss=[-]<attribute>[:<ordering rule OID>][/...]", false);
-    if (ldif::lines::is_numeric_oid(spec.name))
-        return !spec.has_value || generic_value(spec.value, &bytes) ||
+    if (ldif::lines::is_numeric_oid(request.name))
+        return !request.has_value || generic_value(request.value, &bytes) ||
                (*problem = "takes <oid>, <oid>=:<value> or <oid>=::<base64 value>", false);
     *problem = search_controls ? "is not one of pr, sss, manageDSAit, assert or a numeric OID"
                                : "is not one of manageDSAit, assert or a numeric OID";
     return false;
 }
 
-// The control of one spec; "pr" is made by the search for each page.
-int build(LDAP *ld, const ControlSpec &spec, LDAPControl **control)
+// The control of one request; "pr" is made by the search for each page.
+int build(LDAP *ld, const ControlRequest &request, LDAPControl **control)
 {
-    int critical = spec.critical ? 1 : 0;
-    if (spec.name == "manageDSAit")
+    int critical = request.critical ? 1 : 0;
+    if (request.name == "manageDSAit")
         return ldap_create_control(kManageDsaItOid, 0, nullptr, critical, control);
-    if (spec.name == "assert")
-        return ldap_create_assertion_control(ld, spec.value.c_str(), critical, control);
-    if (spec.name == "sss") {
+    if (request.name == "assert")
+        return ldap_create_assertion_control(ld, request.value.c_str(), critical, control);
+    if (request.name == "sss") {
         SortKeys keys;
-        read_sort_keys(spec.value, &keys);
-        return ldap_create_sort_control(ld, keys.pointers.data(), spec.critical ? 'T' : 'F', control);
+        read_sort_keys(request.value, &keys);
+        return ldap_create_sort_control(ld, keys.pointers.data(), request.critical ? 'T' : 'F', control);
     }
     std::string bytes;
-    if (spec.has_value)
-        generic_value(spec.value, &bytes);
-    return ldap_create_control(spec.name.c_str(), bytes.size(), bytes.data(), critical, control);
+    if (request.has_value)
+        generic_value(request.value, &bytes);
+    return ldap_create_control(request.name.c_str(), bytes.size(), bytes.data(), critical, control);
 }
 
 } // namespace
 
-bool parse_control(const char *option, const char *text, bool search_controls, ControlSpec *spec,
+bool parse_control(const char *option, const char *text, bool search_controls, ControlRequest *request,
                    std::string *error)
 {
-    spec->critical = text[0] == '!';
-    std::string body = text + (spec->critical ? 1 : 0);
+    request->critical = text[0] == '!';
+    std::string body = text + (request->critical ? 1 : 0);
     size_t equals = body.find('=');
-    spec->name = body.substr(0, equals);
-    spec->has_value = equals != std::string::npos;
-    spec->value = spec->has_value ? body.substr(equals + 1) : "";
+    request->name = body.substr(0, equals);
+    request->has_value = equals != std::string::npos;
+    request->value = request->has_value ? body.substr(equals + 1) : "";
     std::string problem;
-    if (check_value(*spec, search_controls, &problem))
+    if (check_value(*request, search_controls, &problem))
         return true;
-    *error = std::string(option) + " " + text + ": " + spec->name + " " + problem;
+    *error = std::string(option) + " " + text + ": " + request->name + " " + problem;
     return false;
 }
 
-unsigned long page_size(const ControlSpec &spec) { return std::strtoul(spec.value.c_str(), nullptr, 10); }
+unsigned long page_size(const ControlRequest &request) { return std::strtoul(request.value.c_str(), nullptr, 10); }
 
 ControlList::~ControlList()
 {
@@ -137,13 +137,13 @@ ControlList::~ControlList()
         ldap_control_free(control);
 }
 
-int ControlList::Build(LDAP *ld, const std::vector<ControlSpec> &specs)
+int ControlList::Build(LDAP *ld, const std::vector<ControlRequest> &requests)
 {
-    for (const ControlSpec &spec : specs) {
-        if (spec.name == "pr")
+    for (const ControlRequest &request : requests) {
+        if (request.name == "pr")
             continue;
         LDAPControl *control = nullptr;
-        if (int rc = build(ld, spec, &control); rc != LDAP_SUCCESS)
+        if (int rc = build(ld, request, &control); rc != LDAP_SUCCESS)
             return rc;
         Put(control);
     }

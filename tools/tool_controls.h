@@ -12,7 +12,7 @@
 namespace tool {
 
 // One control asked for on the command line.
-struct ControlSpec {
+struct ControlRequest {
     std::string name; // manageDSAit, assert, pr, sss, or a numeric OID
     bool critical = false;
     bool has_value = false;
@@ -24,11 +24,11 @@ struct ControlSpec {
 // and sss=[-]<attr>[:<rule OID>][/...] as well). False with *error set for
 // a name the tools do not build or a value it cannot take: nothing is
 // sent then.
-bool parse_control(const char *option, const char *text, bool search_controls, ControlSpec *spec,
+bool parse_control(const char *option, const char *text, bool search_controls, ControlRequest *request,
                    std::string *error);
 
-// The page size of a "pr" spec (parse_control checked it).
-unsigned long page_size(const ControlSpec &spec);
+// The page size of a "pr" request (parse_control checked it).
+unsigned long page_size(const ControlRequest &request);
 
 // A list of controls the tool owns, handed to the library as a
 // NULL-terminated array.
@@ -39,9 +39,9 @@ public:
     ControlList(const ControlList &) = delete;
     ControlList &operator=(const ControlList &) = delete;
 
-    // Builds the control of every spec but "pr", which a search makes for
+    // Builds the control of every request but "pr", which a search makes for
     // each page. 0, or the builder's code.
-    int Build(LDAP *ld, const std::vector<ControlSpec> &specs);
+    int Build(LDAP *ld, const std::vector<ControlRequest> &requests);
     // Takes ownership of control (replacing one with the same OID).
     void Put(LDAPControl *control);
     // NULL when the list is empty.

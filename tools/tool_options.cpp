@@ -109,13 +109,13 @@ int take_extended(const char *arg, SessionOptions *options, std::string *error)
 // -M asks for the control, a second -M makes it critical.
 void take_manage_dsa_it(SessionOptions *options)
 {
-    for (ControlSpec &spec : options->controls) {
-        if (spec.name == "manageDSAit") {
-            spec.critical = true;
+    for (ControlRequest &request : options->controls) {
+        if (request.name == "manageDSAit") {
+            request.critical = true;
             return;
         }
     }
-    options->controls.push_back(ControlSpec{"manageDSAit", false, false, ""});
+    options->controls.push_back(ControlRequest{"manageDSAit", false, false, ""});
 }
 
 } // namespace

@@ -32,7 +32,7 @@ struct SessionOptions {
     int timeout = 0;                // -o timeout=N: seconds an operation may wait, 0 for no limit
     int net_timeout = 0;            // -o nettimeout=N: seconds for the connect, 0 for the timeout value
     size_t wrap = ldif::kDefaultWidth; // -o ldif-wrap=N|no
-    std::vector<ControlSpec> controls; // -e and -M (-MM critical): sent with every operation
+    std::vector<ControlRequest> controls; // -e and -M (-MM critical): sent with every operation
     bool dry_run = false;           // -n: show what would be done, send nothing
     bool verbose = false;           // -v
     bool continuous = false;        // -c: go on after a failed operation

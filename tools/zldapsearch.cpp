@@ -44,7 +44,7 @@ struct Search {
     int attrsonly = 0;
     int sizelimit = 0;
     int seconds = 0;           // the bound of the wait for each page, 0 for none
-    const tool::ControlSpec *paging = nullptr;
+    const tool::ControlRequest *paging = nullptr;
 };
 
 // The entry's attributes and values as the walk hands them out.
@@ -201,7 +201,7 @@ int main(int argc, char **argv)
     tool::SessionOptions session{.program = kProgram};
     tool::OutputStyle style;
     Search search;
-    std::vector<tool::ControlSpec> search_controls;
+    std::vector<tool::ControlRequest> search_controls;
     std::string scope_name = "subtree";
     int timelimit = 0, deref = LDAP_DEREF_NEVER;
     auto take = [&](int opt, const char *arg, std::string *error) {
@@ -229,9 +229,9 @@ int main(int argc, char **argv)
     std::vector<std::string> filters;
     if (int rc = make_filters(pattern, session.file, &filters); rc != LDAP_SUCCESS)
         return rc;
-    for (const tool::ControlSpec &spec : search_controls)
-        if (spec.name == "pr")
-            search.paging = &spec;
+    for (const tool::ControlRequest &request : search_controls)
+        if (request.name == "pr")
+            search.paging = &request;
     style.wrap = session.wrap;
     search.seconds = session.timeout;
 
