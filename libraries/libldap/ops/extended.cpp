@@ -4,6 +4,7 @@
 // its name and value.
 #include "ops/extended.h"
 
+#include "base/memory.h"
 #include "base/trace.h"
 #include "core/ldap_error.h"
 #include "core/ldap_init_guard.h"
@@ -93,5 +94,16 @@ int ldap_extended_operation_s(LDAP *ld, const char *requestoid, const struct ber
     if (res && res->msg_type == LDAP_RES_EXTENDED)
         return ldap_parse_extended_result_direct(ld, res, retoidp, retdatap, nullptr, 1);
     ldap_msgfree_direct(res); // an answer of another kind
+    return rc;
+}
+
+int ldap_extended_operation_code(LDAP *ld, const char *requestoid, const struct berval *requestdata,
+                                 LDAPControl **serverctrls, LDAPControl **clientctrls)
+{
+    char *name = nullptr;
+    struct berval *value = nullptr;
+    int rc = ldap_extended_operation_s(ld, requestoid, requestdata, serverctrls, clientctrls, &name, &value);
+    zldap::mem_free(name);
+    ber_bvfree(value);
     return rc;
 }

@@ -15,4 +15,9 @@ int ldap_extended_operation_direct(LDAP *ld, const char *requestoid, const struc
                                    LDAPControl **serverctrls, LDAPControl **clientctrls, int *msgidp,
                                    LDAPConn *lc);
 
+// ldap_extended_operation_s for callers that want only the result code:
+// the response name and value are read and released.
+int ldap_extended_operation_code(LDAP *ld, const char *requestoid, const struct berval *requestdata,
+                                 LDAPControl **serverctrls, LDAPControl **clientctrls);
+
 #endif

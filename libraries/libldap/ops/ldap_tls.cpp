@@ -9,6 +9,7 @@
 #include "conn/ldap_connect.h"
 #include "core/ldap_error.h"
 #include "core/ldap_init_guard.h"
+#include "ops/extended.h"
 #include "session/ldap_unbind.h"
 #include "tls/ldap_ssl_connect.h"
 #include "tls/ldap_tls_handshake.h"
@@ -18,18 +19,6 @@
 namespace {
 
 constexpr const char *kStartTls = "1.3.6.1.4.1.1466.20037";
-
-// The server's answer to the StartTLS request; its name and value say
-// nothing more.
-int ask_server(LDAP *ld)
-{
-    char *name = nullptr;
-    struct berval *value = nullptr;
-    int rc = ldap_extended_operation_s(ld, kStartTls, nullptr, nullptr, nullptr, &name, &value);
-    zldap::mem_free(name);
-    ber_bvfree(value);
-    return rc;
-}
 
 // Runs change on the default connection under its write lock: no request
 // may go out while the connection changes. 129 when there is no
@@ -80,7 +69,8 @@ int ldap_start_tls_s_np(LDAP *ld, void *)
     zldap::OperationGuard guard(ld, zldap::OnEntry::keep_error);
     if (!guard.admitted())
         return LDAP_PARAM_ERROR;
-    int rc = ask_server(ld);
+    // The answer's name and value say nothing more.
+    int rc = ldap_extended_operation_code(ld, kStartTls, nullptr, nullptr, nullptr);
     if (rc == LDAP_SUCCESS)
         rc = change_default_connection(ld, secure_connection);
     ldap_set_error_direct(ld, rc, nullptr, nullptr);

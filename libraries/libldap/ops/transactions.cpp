@@ -6,6 +6,7 @@
 #include "base/function_ref.h"
 #include "base/memory.h"
 #include "base/trace.h"
+#include "ops/extended.h"
 #include "proto/request_values.h"
 
 namespace {
@@ -24,18 +25,6 @@ int with_value(struct berval *value, zldap::FunctionRef<int(const struct berval 
     }
     int rc = send(value);
     ber_bvfree(value);
-    return rc;
-}
-
-// The synchronous forms want neither the response name nor its value.
-int synchronous(LDAP *ld, const char *oid, const struct berval *value, LDAPControl **serverctrls,
-                LDAPControl **clientctrls)
-{
-    char *name = nullptr;
-    struct berval *data = nullptr;
-    int rc = ldap_extended_operation_s(ld, oid, value, serverctrls, clientctrls, &name, &data);
-    zldap::mem_free(name);
-    ber_bvfree(data);
     return rc;
 }
 
@@ -68,7 +57,7 @@ int ldap_end_transaction_s(LDAP *ld, const char *tran_id, int commit, LDAPContro
                            LDAPControl **clientctrls)
 {
     auto send = [&](const struct berval *value) {
-        return synchronous(ld, kEndTransaction, value, serverctrls, clientctrls);
+        return ldap_extended_operation_code(ld, kEndTransaction, value, serverctrls, clientctrls);
     };
     return with_value(ldap_create_end_transaction_request(tran_id, commit), send);
 }
@@ -85,7 +74,7 @@ int ldap_tran_id_request(LDAP *ld, const char *tran_id, LDAPControl **serverctrl
 int ldap_tran_id_request_s(LDAP *ld, const char *tran_id, LDAPControl **serverctrls, LDAPControl **clientctrls)
 {
     auto send = [&](const struct berval *value) {
-        return synchronous(ld, kTranIdRequest, value, serverctrls, clientctrls);
+        return ldap_extended_operation_code(ld, kTranIdRequest, value, serverctrls, clientctrls);
     };
     return with_value(createTransIDReqVal(tran_id), send);
 }
