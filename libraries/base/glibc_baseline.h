@@ -44,6 +44,9 @@ ZLDAP_GLIBC_PIN(dladdr, "GLIBC_2.2.5");
 
 // Threads (libpthread.so.0 before glibc 2.34).
 ZLDAP_GLIBC_PIN(pthread_once, "GLIBC_2.2.5");
+ZLDAP_GLIBC_PIN(pthread_key_create, "GLIBC_2.2.5");
+ZLDAP_GLIBC_PIN(pthread_key_delete, "GLIBC_2.2.5");
+ZLDAP_GLIBC_PIN(pthread_setspecific, "GLIBC_2.2.5");
 ZLDAP_GLIBC_PIN(pthread_mutex_trylock, "GLIBC_2.2.5");
 ZLDAP_GLIBC_PIN(pthread_mutex_timedlock, "GLIBC_2.2.5");
 ZLDAP_GLIBC_PIN(pthread_mutexattr_init, "GLIBC_2.2.5");

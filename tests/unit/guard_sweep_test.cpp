@@ -131,7 +131,7 @@ bool Untouched(LDAP *ld)
 {
     if (pthread_mutex_trylock(&ld->ld_mutex) != 0)
         return false;
-    bool untouched = ld->ld_op_count == 0 && ld->ld_errors == nullptr;
+    bool untouched = !ldap_operations_inside(ld) && ld->ld_errors == nullptr;
     pthread_mutex_unlock(&ld->ld_mutex);
     return untouched;
 }

@@ -148,8 +148,7 @@ TEST(HandleThreads, UnbindWaitsForAThreadInsideLdapResult)
     });
     // Let the waiter get inside ldap_result, then unbind from here; the
     // unbind must wait until the answer has come and the waiter has left.
-    auto operations = [ld] { return __atomic_load_n(&ld->ld_op_count, __ATOMIC_ACQUIRE); };
-    while (operations() == 0)
+    while (!ldap_operations_inside(ld))
         std::this_thread::sleep_for(1ms);
     std::thread answerer([&] {
         std::this_thread::sleep_for(100ms);
@@ -222,38 +221,52 @@ TEST(HandleThreads, EachThreadReadsItsOwnError)
     EXPECT_EQ(ldap_unbind(ld), 0);
 }
 
+// A thread is counted in either by the slot in which it announces its
+// handle or, while that slot holds another handle, by the handle's count:
+// unbind must wait for both kinds.
 TEST(HandleThreads, UnbindWaitsForOperationsInsideTheGuard)
 {
-    LDAP *ld = ldap_init("localhost", 0);
-    std::promise<void> inside, leave;
-    std::thread operation([&] {
-        EXPECT_EQ(ldap_start_operation(ld), 0);
-        inside.set_value();
-        leave.get_future().wait();
-        ldap_end_operation(ld);
-    });
-    inside.get_future().wait();
-    std::atomic<bool> unbound{false};
-    std::thread unbinder([&] {
-        EXPECT_EQ(ldap_unbind(ld), 0);
-        unbound = true;
-    });
-    // Once the unbind has marked the handle closing, a new operation is
-    // turned away while the one inside keeps the handle alive.
-    int rc = 0;
-    for (int i = 0; i < 2000 && rc == 0; i++) {
-        rc = ldap_start_operation(ld);
-        if (rc == 0) {
+    for (bool inside_another : {false, true}) {
+        SCOPED_TRACE(inside_another ? "inside another handle" : "alone");
+        LDAP *ld = ldap_init("localhost", 0);
+        LDAP *other = ldap_init("localhost", 0);
+        std::promise<void> inside, leave;
+        std::thread operation([&] {
+            if (inside_another) {
+                EXPECT_EQ(ldap_start_operation(other), 0);
+            }
+            EXPECT_EQ(ldap_start_operation(ld), 0);
+            inside.set_value();
+            leave.get_future().wait();
             ldap_end_operation(ld);
-            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+            if (inside_another)
+                ldap_end_operation(other);
+        });
+        inside.get_future().wait();
+        EXPECT_TRUE(ldap_operations_inside(ld));
+        std::atomic<bool> unbound{false};
+        std::thread unbinder([&] {
+            EXPECT_EQ(ldap_unbind(ld), 0);
+            unbound = true;
+        });
+        // Once the unbind has marked the handle closing, a new operation is
+        // turned away while the one inside keeps the handle alive.
+        int rc = 0;
+        for (int i = 0; i < 2000 && rc == 0; i++) {
+            rc = ldap_start_operation(ld);
+            if (rc == 0) {
+                ldap_end_operation(ld);
+                std::this_thread::sleep_for(std::chrono::milliseconds(5));
+            }
         }
+        EXPECT_EQ(rc, LDAP_PARAM_ERROR);
+        EXPECT_FALSE(unbound.load()) << "unbind returned while an operation was inside";
+        leave.set_value();
+        operation.join();
+        unbinder.join();
+        EXPECT_TRUE(unbound.load());
+        EXPECT_EQ(ldap_unbind(other), 0);
     }
-    EXPECT_EQ(rc, LDAP_PARAM_ERROR);
-    EXPECT_FALSE(unbound.load()) << "unbind returned while an operation was inside";
-    leave.set_value();
-    operation.join();
-    unbinder.join();
-    EXPECT_TRUE(unbound.load());
 }
 
 } // namespace

@@ -2,6 +2,7 @@
 // thread's last error on a handle (code, matched DN, text, secure reason).
 #include "core/ldap_error.h"
 
+#include "base/fast_tls.h"
 #include "base/ldap_lock.h"
 #include "base/memory.h"
 #include "base/trace.h"
@@ -164,7 +165,7 @@ struct CachedRecord {
     uint64_t epoch;
     ldap_error_record *record; // NULL: this thread has none on ld
 };
-thread_local CachedRecord t_cached{nullptr, 0, nullptr};
+ZLDAP_FAST_TLS thread_local CachedRecord t_cached{nullptr, 0, nullptr};
 
 inline bool cached(const LDAP *ld, ldap_error_record **record)
 {

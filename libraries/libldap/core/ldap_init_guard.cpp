@@ -2,17 +2,23 @@
 // takes a handle enters it, so that unbind can wait for the operations
 // running on the handle.
 //
-// ld_op_count is an atomic word: the number of operations inside the guard
-// in its low bits, and kOpsClosing once an unbind has begun. Entering and
-// leaving while no unbind waits take no lock. Once kOpsClosing is set,
-// leaving takes ld_mutex for the decrement and the wake-up, so that the
-// unbinder, which waits under ld_mutex for the count to reach 0, can free
-// the handle only after the last operation has let go of it.
+// A thread enters by announcing the handle in its presence slot
+// (ldap_init_presence.h), which costs no locked instruction. When its slot
+// already holds another handle, or cannot be had, it is counted in
+// ld_op_count instead: an atomic word with the number of such operations
+// in its low bits and kOpsClosing once an unbind has begun. Entering and
+// leaving by the count while no unbind waits take no lock. Once
+// kOpsClosing is set, leaving takes ld_mutex for the decrement and the
+// wake-up, so that the unbinder, which waits under ld_mutex for the count
+// to reach 0, can free the handle only after the last operation has let go
+// of it. Unbind waits for the slots first, without ld_mutex, since an
+// operation inside may need that lock to finish.
 #include "core/ldap_init_guard.h"
 
 #include "base/ldap_lock.h"
 #include "base/trace.h"
 #include "core/ldap_error.h"
+#include "core/ldap_init_presence.h"
 
 #include <cstring>
 
@@ -56,7 +62,10 @@ int ldap_start_operation(LDAP *ld)
         LDAP_TRACE(TRC_ERROR, "Invalid ld in ldap_start_operation\n");
         return LDAP_PARAM_ERROR;
     }
-    if (__atomic_load_n(&ld->ld_unbind_started, __ATOMIC_ACQUIRE) != 1) {
+    zldap::PresenceEntry entry = zldap::presence_enter(ld, &ld->ld_unbind_started);
+    if (entry == zldap::PresenceEntry::entered)
+        return LDAP_SUCCESS;
+    if (entry == zldap::PresenceEntry::unavailable && __atomic_load_n(&ld->ld_unbind_started, __ATOMIC_ACQUIRE) != 1) {
         uint64_t before = __atomic_fetch_add(&ld->ld_op_count, 1, __ATOMIC_ACQ_REL);
         if (!(before & kOpsClosing))
             return LDAP_SUCCESS;
@@ -73,16 +82,24 @@ void ldap_end_operation(LDAP *ld)
         LDAP_TRACE(TRC_ERROR, "Invalid ld in ldap_start_operation\n");
         return;
     }
-    leave(ld);
+    if (!zldap::presence_leave(ld))
+        leave(ld);
 }
 
 int ldap_wait_for_operations(LDAP *ld)
 {
     __atomic_fetch_or(&ld->ld_op_count, kOpsClosing, __ATOMIC_ACQ_REL);
-    while (load_ops(ld) & ~kOpsClosing) {
-        int rc = pthread_cond_wait(&ld->ld_op_cond, &ld->ld_mutex);
-        if (rc != 0)
-            return rc;
-    }
-    return 0;
+    LDAP_MUTEX_UNLOCK(&ld->ld_mutex);
+    int rc = zldap::presence_wait_until_absent(ld);
+    if (rc != 0 || (rc = LDAP_MUTEX_LOCK(&ld->ld_mutex)) != 0)
+        return rc;
+    while (rc == 0 && (load_ops(ld) & ~kOpsClosing))
+        rc = pthread_cond_wait(&ld->ld_op_cond, &ld->ld_mutex);
+    LDAP_MUTEX_UNLOCK(&ld->ld_mutex);
+    return rc;
+}
+
+bool ldap_operations_inside(LDAP *ld)
+{
+    return (load_ops(ld) & ~kOpsClosing) != 0 || zldap::presence_inside(ld);
 }

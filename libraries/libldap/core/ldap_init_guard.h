@@ -16,9 +16,12 @@ void ldap_end_operation(LDAP *ld);
 inline constexpr uint64_t kOpsClosing = uint64_t{1} << 63;
 
 // Unbind's wait, called with ld_mutex held and ld_unbind_started set:
-// marks the count closing and waits until every operation has left. 0, or
-// the error of the condition wait.
+// marks the count closing and waits until every operation has left.
+// Returns with ld_mutex released: 0, or the error of a lock or a wait.
 int ldap_wait_for_operations(LDAP *ld);
+
+// Whether some operation is inside the guard on the handle now.
+bool ldap_operations_inside(LDAP *ld);
 
 namespace zldap {
 

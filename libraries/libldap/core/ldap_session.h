@@ -20,7 +20,8 @@
 // request encoded, and two tables' locks are never held together.
 // Leaf locks, never held while another is taken: ld_thread_conn_mutex
 // (ld_thread_conns), ld_error_mutex (ld_errors), lconn_ctrls_mutex
-// (lconn_ctrls).
+// (lconn_ctrls), and the operation guard's process-wide list of presence
+// slots (ldap_init_presence.cpp).
 #ifndef ZLDAP_LDAP_SESSION_H
 #define ZLDAP_LDAP_SESSION_H
 

@@ -23,15 +23,14 @@ int ldap_unbind(LDAP *ld)
         LDAP_MUTEX_UNLOCK(&ld->ld_mutex);
         return LDAP_PARAM_ERROR;
     }
-    __atomic_store_n(&ld->ld_unbind_started, 1, __ATOMIC_RELEASE);
-    int rc = ldap_wait_for_operations(ld);
+    // Sequentially consistent: the guard's presence slots are ordered against it.
+    __atomic_store_n(&ld->ld_unbind_started, 1, __ATOMIC_SEQ_CST);
+    int rc = ldap_wait_for_operations(ld); // releases ld_mutex
     if (rc != 0) {
         // The handle stays closing and allocated: every later call is refused.
         LDAP_TRACE(TRC_ERROR, "ldap_unbind: pthread_cond_wait failed. errno %d\n", rc);
-        LDAP_MUTEX_UNLOCK(&ld->ld_mutex);
         return LDAP_LOCK_ERROR;
     }
-    LDAP_MUTEX_UNLOCK(&ld->ld_mutex);
     ldap_ld_free(ld);
     return LDAP_SUCCESS;
 }
