@@ -258,27 +258,19 @@ char *ldap_pwdpolicy_err2string(int err)
     return lookup_text(kPasswordPolicyTexts, err);
 }
 
-int ldap_set_error_direct(LDAP *ld, int code, const char *matched, const char *text)
+namespace {
+
+// All but the usual case of ldap_set_error_direct, out of line so that the
+// usual case saves no registers.
+__attribute__((noinline)) int set_error_slowly(LDAP *ld, int code, const char *matched, const char *text)
 {
-    if (!ld)
-        return LDAP_PARAM_ERROR;
     ldap_error_record *r = nullptr;
-    if (!matched && !text && cached(ld, &r)) {
-        // The usual case, a code without texts for a thread that is known.
-        if (r) {
-            // Most calls change nothing: a success on top of a success.
-            if (r->ld_matched || r->ld_error) {
-                zldap::mem_free(r->ld_matched);
-                zldap::mem_free(r->ld_error);
-                r->ld_matched = r->ld_error = nullptr;
-            }
-            r->ld_errno = code;
-            return LDAP_SUCCESS;
-        }
-        // A thread without a record reads as success with no texts, so a
-        // plain success needs no record.
-        if (code == LDAP_SUCCESS)
-            return LDAP_SUCCESS;
+    if (!matched && !text && cached(ld, &r) && r) {
+        zldap::mem_free(r->ld_matched);
+        zldap::mem_free(r->ld_error);
+        r->ld_matched = r->ld_error = nullptr;
+        r->ld_errno = code;
+        return LDAP_SUCCESS;
     }
     if (code == LDAP_SUCCESS && !matched && !text) {
         if (!lookup_record(ld, &r))
@@ -293,6 +285,25 @@ int ldap_set_error_direct(LDAP *ld, int code, const char *matched, const char *t
     zldap::mem_free(matched_copy);
     zldap::mem_free(text_copy);
     return LDAP_NO_MEMORY;
+}
+
+} // namespace
+
+int ldap_set_error_direct(LDAP *ld, int code, const char *matched, const char *text)
+{
+    if (!ld)
+        return LDAP_PARAM_ERROR;
+    // The usual case: a code without texts for a thread that is known, most
+    // often a success on top of a success. A thread without a record reads
+    // as success with no texts, so a plain success needs no record.
+    ldap_error_record *r;
+    if (!matched && !text && cached(ld, &r) &&
+        (r ? !r->ld_matched && !r->ld_error : code == LDAP_SUCCESS)) {
+        if (r)
+            r->ld_errno = code;
+        return LDAP_SUCCESS;
+    }
+    return set_error_slowly(ld, code, matched, text);
 }
 
 int ldap_set_error_taking(LDAP *ld, int code, char *matched, char *text)
