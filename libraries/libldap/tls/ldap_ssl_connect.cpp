@@ -141,21 +141,12 @@ int open_ssl_connection(LDAP *ld, Sockbuf *sb)
         return LDAP_SECURE_INIT_MISSING;
     }
     int version = zor_toolkit_version();
-    zor_secure_record *rec = new_secure_record();
-    if (!rec)
-        return LDAP_NO_MEMORY;
-    int rc = g_zorlib.secure_soc_open(ld->ld_ssl_env->envHandle, &rec->soc);
-    if (rc != ZOR_OK) {
-        LDAP_TRACE(TRC_ERROR, "Error - open_ssl_connection(): zor_secure_soc_open() rc=%d %s\n", rc, zorErrorText(rc));
-        free_secure_record(rec);
-        return LDAP_SECURE_INIT_FAILED;
-    }
-    sb->secure = rec;
-    // Bytes read ahead in clear are no part of the secure stream.
-    fber_drop_read_ahead(sb);
+    int rc = open_secure_socket(ld, sb, "Error - open_ssl_connection(): ");
+    if (rc != LDAP_SUCCESS)
+        return rc;
     rc = configure_socket(ld, sb, version);
     if (rc == LDAP_SUCCESS)
-        rc = handshake(ld, rec->soc);
+        rc = handshake(ld, sb->secure->soc);
     if (rc != LDAP_SUCCESS) {
         LDAP_TRACE(TRC_ERROR,
                    "In open_ssl_connection(): rc: %d (%s) closing ssl session and freeing socket buffer resources.\n",

@@ -6,6 +6,7 @@
 #include "base/ldap_lock.h"
 #include "base/memory.h"
 #include "base/trace.h"
+#include "tls/ldap_ssl_env.h"
 
 #include <cstdlib>
 #include <cstring>
@@ -91,6 +92,22 @@ void free_secure_record(zor_secure_record *rec)
 {
     pthread_mutex_destroy(&rec->io_mutex);
     zldap::mem_free(rec);
+}
+
+int open_secure_socket(LDAP *ld, Sockbuf *sb, const char *trace_prefix)
+{
+    zor_secure_record *rec = new_secure_record();
+    if (!rec)
+        return LDAP_NO_MEMORY;
+    int rc = g_zorlib.secure_soc_open(ld->ld_ssl_env->envHandle, &rec->soc);
+    if (rc != ZOR_OK) {
+        LDAP_TRACE(TRC_ERROR, "%szor_secure_soc_open() rc=%d %s\n", trace_prefix, rc, zorErrorText(rc));
+        free_secure_record(rec);
+        return LDAP_SECURE_INIT_FAILED;
+    }
+    sb->secure = rec;
+    fber_drop_read_ahead(sb);
+    return LDAP_SUCCESS;
 }
 
 int set_cipher_lists(LDAP *ld, zor_handle soc, int version, bool v3_list, const CipherListTraces &t)

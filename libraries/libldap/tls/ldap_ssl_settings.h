@@ -19,6 +19,12 @@ int zor_toolkit_version();
 zor_secure_record *new_secure_record();
 void free_secure_record(zor_secure_record *rec);
 
+// Opens a secure socket in the session's environment and gives it to the
+// socket buffer, whose bytes read ahead in clear are dropped: they are no
+// part of the secure stream. 0, 90, or 114 when the toolkit refuses, traced
+// as `trace_prefix` followed by the toolkit call and its code.
+int open_secure_socket(LDAP *ld, Sockbuf *sb, const char *trace_prefix);
+
 // The traces of the cipher list steps: `done` texts take the list and the
 // code, `failed` texts the code and its text. tls12_announce (may be NULL)
 // takes the TLS 1.2 list before it is set.

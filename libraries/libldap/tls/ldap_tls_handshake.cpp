@@ -117,18 +117,8 @@ int doHandshake(LDAP *ld, Sockbuf *sb)
     // secure session does; attaching again would count it twice.
     if (!ld->ld_ssl_env && !(ld->ld_ssl_env = attachZorEnvRef()))
         return LDAP_SECURE_INIT_MISSING;
-    zor_secure_record *rec = new_secure_record();
-    if (!rec)
-        return LDAP_NO_MEMORY;
-    int rc = g_zorlib.secure_soc_open(ld->ld_ssl_env->envHandle, &rec->soc);
-    if (rc != ZOR_OK) {
-        LDAP_TRACE(TRC_ERROR, "In ldap_start_tls_s_np(): zor_secure_soc_open() rc=%d %s\n", rc, zorErrorText(rc));
-        free_secure_record(rec);
-        return LDAP_SECURE_INIT_FAILED;
-    }
-    sb->secure = rec;
-    // Bytes read ahead in clear are no part of the secure stream.
-    fber_drop_read_ahead(sb);
-    rc = configure_socket(ld, sb, version);
+    int rc = open_secure_socket(ld, sb, "In ldap_start_tls_s_np(): ");
+    if (rc == LDAP_SUCCESS)
+        rc = configure_socket(ld, sb, version);
     return rc == LDAP_SUCCESS ? handshake(ld, sb) : rc;
 }
