@@ -42,6 +42,12 @@ inline bool trace_enabled(uint32_t mask)
     return (trace_category_bits(mask) & g_trace_level.load(std::memory_order_relaxed)) != 0;
 }
 
+// No trace line of any category is written now.
+inline bool tracing_off()
+{
+    return g_trace_level.load(std::memory_order_relaxed) == 0;
+}
+
 void trace_print(uint32_t mask, const char *format, ...) __attribute__((format(printf, 2, 3)));
 void trace_vprint(uint32_t mask, const char *format, va_list args) __attribute__((format(printf, 2, 0)));
 
