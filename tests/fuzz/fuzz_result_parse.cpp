@@ -3,8 +3,11 @@
 // ldap_parse_result, ldap_parse_sasl_bind_result and the extended result
 // parser, and as a control value through the password-policy parser. Codes
 // stay among the documented ones, a failed parse hands nothing out, a
-// parse of a copy can be repeated and an extended parse cannot.
+// parse of a copy can be repeated and an extended parse cannot. Read as a
+// search entry, its values are found alike by the header lookup and by the
+// format-driven walk (which runs while BER traffic is traced).
 #include "ber_test_support.h"
+#include "base/trace.h"
 #include "core/ldap_error.h"
 #include "message/ldap_message.h"
 #include "proto/ldap_controls.h"
@@ -14,6 +17,7 @@
 #include "session/ldap_init.h"
 
 #include <cstdint>
+#include <string>
 
 using zldap_test::BerPtr;
 using zldap_test::ExactReader;
@@ -110,14 +114,44 @@ void ParsePolicyControl(const uint8_t *data, size_t size)
     Check(rc == LDAP_SUCCESS || (error == 0 && kind == 0 && value == 0));
 }
 
+// The values of attr with or without tracing, as bytes, and the error.
+std::string ValuesOf(LDAP *ld, LDAPMessage *entry, const char *attr, uint32_t trace_level)
+{
+    zldap::set_trace_level(trace_level);
+    struct berval **values = ldap_get_values_len(ld, entry, attr);
+    zldap::set_trace_level(0);
+    std::string out;
+    for (int i = 0; values && values[i]; i++)
+        out.append(values[i]->bv_val, values[i]->bv_len).push_back('\0');
+    ldap_value_free_len(values);
+    return out + std::to_string(ldap_get_errno(ld));
+}
+
+void LookUpValues(LDAP *ld, const uint8_t *data, size_t size)
+{
+    LDAPMessage *entry = Message(ld, data, size, LDAP_RES_SEARCH_ENTRY);
+    if (!entry)
+        return;
+    BerElement *cursor = nullptr;
+    char *first = ldap_first_attribute(ld, entry, &cursor);
+    for (const char *attr : {first ? first : "cn", "objectClass"})
+        Check(ValuesOf(ld, entry, attr, 0) == ValuesOf(ld, entry, attr, 0xFFFF));
+    ldap_memfree(first);
+    ldap_ber_free(cursor, 0);
+    free_msg(entry, 0);
+}
+
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
     static LDAP *ld = ldap_init("localhost", 0);
+    static int traced_nowhere = zldap::set_trace_file("/dev/null");
+    (void)traced_nowhere;
     ParseResult(ld, data, size);
     ParseSaslBindResult(ld, data, size);
     ParseExtendedResult(ld, data, size);
     ParsePolicyControl(data, size);
+    LookUpValues(ld, data, size);
     return 0;
 }

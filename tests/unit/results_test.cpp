@@ -6,7 +6,9 @@
 #include "base/memory.h"
 #include "core/ldap_error.h"
 #include "results/results.h"
+#include "session/ldap_init.h"
 #include "session/ldap_unbind.h"
+#include "test_util.h"
 
 #include <gtest/gtest.h>
 
@@ -124,6 +126,69 @@ TEST(Results, ValuesComeFromTheFirstAttributeOfTheName)
     EXPECT_EQ(ldap_get_values(c.ld, named, "c"), nullptr);
     EXPECT_EQ(ldap_get_errno(c.ld), LDAP_DECODING_ERROR);
     ldap_msgfree(c.res);
+}
+
+// What ldap_get_values_len gives for `attr` on an entry read from `op`
+// (the protocol operation's octets), with or without translated types.
+std::string ValuesOf(LDAP *ld, const Bytes &op, bool translated, const char *attr)
+{
+    LDAPConn conn{};
+    conn.lconn_ld = ld;
+    LDAPMessage entry{};
+    entry.msg_type = LDAP_RES_SEARCH_ENTRY;
+    entry.msg_conn = &conn;
+    struct berval bv {op.size(), reinterpret_cast<char *>(const_cast<unsigned char *>(op.data()))};
+    entry.msg_ber = fber_init2(&bv);
+    fber_set_string_settings(entry.msg_ber, translated ? 0 : 1, LDAP_VERSION3);
+    std::string out;
+    struct berval **values = ldap_get_values_len(ld, &entry, attr);
+    for (int i = 0; values && values[i]; i++)
+        out += std::string(values[i]->bv_val, values[i]->bv_len) + ";";
+    ldap_value_free_len(values);
+    fber_free(entry.msg_ber);
+    return out + " error " + std::to_string(ldap_get_errno(ld));
+}
+
+// The lookup that reads an entry's headers finds what the format-driven
+// walk finds (the walk runs while BER traffic is traced): the same values
+// or the same failure, on each way an entry can be malformed.
+TEST(Results, AttributeLookupAgreesWithTheFormatWalk)
+{
+    auto attr = [](const std::string &type, const std::vector<std::string> &values, unsigned type_tag = 0x04) {
+        std::vector<Bytes> set;
+        for (const auto &v : values)
+            set.push_back(Octets(v));
+        return Seq({Octets(type, type_tag), Seq(set, 0x31)});
+    };
+    auto entry = [](const std::vector<Bytes> &attrs, const Bytes &after = {}) {
+        return Concat(Seq({Octets("cn=x,o=y"), Seq(attrs)}, 0x64), after);
+    };
+    Bytes whole = entry({attr("cn", {"a", "b"}), attr("sn", {"s"})});
+    const std::pair<const char *, Bytes> rows[] = {
+        {"well formed", whole},
+        {"cut short", Bytes(whole.begin(), whole.end() - 3)},
+        {"a repeated type", entry({attr("cn", {"first"}), attr("CN", {"again"})})},
+        {"a NUL inside a type", entry({attr(std::string("cn\0x", 4), {"v"}), attr("cn", {"w"})})},
+        {"a type of 401 octets", entry({attr("sn", {"s"}), attr(std::string(401, 'c'), {"v"}), attr("cn", {"w"})})},
+        {"a type of another tag", entry({attr("cn", {"v"}, 0x80)})},
+        {"an extra element in an attribute",
+         entry({Seq({Octets("cn"), Seq({Octets("v")}, 0x31), Octets("sn")}), attr("sn", {"s"})})},
+        {"controls after the attributes", entry({attr("cn", {"v"})}, Tlv(0xA0, Seq({Octets("1.2.3")})))},
+        {"no attributes", entry({})},
+        {"a type running past the end", entry({Tlv(0x30, Bytes{0x04, 0x09, 'c'})})},
+        {"values running past the end", entry({Tlv(0x30, Concat(Octets("cn"), Bytes{0x31, 0x20, 0x04, 0x01, 'v'}))})},
+    };
+    LDAP *ld = ldap_init("localhost", 0);
+    for (const auto &[what, op] : rows) {
+        for (bool translated : {false, true}) {
+            for (const char *asked : {"cn", "CN", "sn", "mail"}) {
+                std::string direct = ValuesOf(ld, op, translated, asked);
+                TraceCapture walking(0xFFFF);
+                EXPECT_EQ(direct, ValuesOf(ld, op, translated, asked)) << what << ", " << asked;
+            }
+        }
+    }
+    ldap_unbind(ld);
 }
 
 TEST(Results, ModsFreeReleasesStringsAndBervals)

@@ -59,7 +59,6 @@ void free_msg(LDAPMessage *msg, int all)
             fber_release_reader(msg->msg_ber);
         else
             fber_free(msg->msg_ber);
-        zldap::mem_free(msg->msg_index);
         zldap::mem_free(msg);
         msg = (all == 1) ? next : nullptr;
     }

@@ -21,9 +21,6 @@ struct ldapmsg {
     LDAPConn *msg_conn;  // its lconn_ld owns the message, its lconn_msgtable files it
     LDAPMessage *msg_next;
     LDAPMessage *msg_prev;
-    // Owned; made by the first attribute lookup on an entry (atomic access:
-    // two threads may walk one entry).
-    struct ldap_entry_index *msg_index;
 };
 
 LDAPMessage *ldap_alloc_msg(LDAPConn *conn);

@@ -9,7 +9,7 @@
 #include "ber/lber.h"
 #include "core/ldap_error.h"
 #include "core/ldap_init_guard.h"
-#include "message/ldap_entry_index.h"
+#include "message/entry_lookup.h"
 #include "message/ldap_message.h"
 
 #include <strings.h>
@@ -75,15 +75,14 @@ bool walk_to_attribute(LDAP *ld, BerElement *reader, const char *attr, ber_tag_t
     return true;
 }
 
-// Moves the reader to the values of `attr`: through the entry's index,
-// or, while BER traffic is traced (the walk's own trace lines are the
-// record) or without an index, by walking.
-bool find_attribute(LDAP *ld, LDAPMessage *entry, BerElement *reader, const char *attr, ber_tag_t *name_tag)
+// Moves the reader to the values of `attr`: by reading the entry's
+// headers, or, while BER traffic is traced (the walk's own trace lines are
+// the record), by walking with the format decoder.
+bool find_attribute(LDAP *ld, BerElement *reader, const char *attr, ber_tag_t *name_tag)
 {
-    EntryLookup found = zldap::trace_enabled(TRC_BER)
-                            ? EntryLookup::no_index
-                            : ldap_entry_find_values(entry, attr, kNameBuffer, reader, name_tag);
-    if (found == EntryLookup::no_index)
+    EntryLookup found = zldap::trace_enabled(TRC_BER) ? EntryLookup::walk
+                                                      : ldap_entry_find_values(attr, kNameBuffer, reader, name_tag);
+    if (found == EntryLookup::walk)
         return walk_to_attribute(ld, reader, attr, name_tag);
     if (found == EntryLookup::absent)
         return ldap_fail_returning(ld, LDAP_DECODING_ERROR, false);
@@ -112,7 +111,7 @@ template <class T> T **get_values(LDAP *ld, LDAPMessage *entry, const char *attr
         return ldap_fail_returning(ld, LDAP_PARAM_ERROR, nullptr);
     BerElement reader = *entry->msg_ber;
     ber_tag_t name_tag = LBER_DEFAULT;
-    if (!find_attribute(ld, entry, &reader, attr, &name_tag))
+    if (!find_attribute(ld, &reader, attr, &name_tag))
         return nullptr;
     T **values = nullptr;
     if (read_values(&reader, &values, name_tag) == LBER_DEFAULT)
