@@ -34,51 +34,41 @@ bool same_name(const char *type, ber_len_t type_len, const char *attr, size_t at
 
 constexpr size_t kTranslatedType = 1024;
 
-// Types compared as translated: each is read as the walk reads it, into a
-// buffer of name_size (at most kTranslatedType) octets.
-EntryLookup find_translated(const char *attr, size_t name_size, BerElement *r, ber_tag_t *name_tag)
-{
-    char type[kTranslatedType];
-    ber_len_t len;
-    bool open = true;
-    while (open && fber_get_tag(r, &len) != LBER_DEFAULT) {
-        ber_len_t size = name_size;
-        ber_tag_t tag = fber_read_string_into(r, type, &size);
-        if (tag == LBER_DEFAULT)
-            return EntryLookup::absent;
-        if (strcasecmp(type, attr) == 0) {
-            *name_tag = tag;
-            return EntryLookup::found;
-        }
-        open = fber_skip(r) != LBER_DEFAULT;
-    }
-    return EntryLookup::absent;
-}
-
 } // namespace
 
 EntryLookup ldap_entry_find_values(const char *attr, size_t name_size, BerElement *reader, ber_tag_t *name_tag)
 {
+    // Translated types are compared as translated: each is read as the
+    // walk reads it, into a buffer of name_size octets.
     bool translated = fber_translates_strings(reader);
-    if (translated && name_size > kTranslatedType)
+    char type[kTranslatedType];
+    if (translated && name_size > sizeof type)
         return EntryLookup::walk;
     // "{x{": the entry, its DN, the attribute list.
     ber_len_t len;
     if (fber_get_tag(reader, &len) == LBER_DEFAULT || fber_skip(reader) == LBER_DEFAULT ||
         fber_get_tag(reader, &len) == LBER_DEFAULT)
         return EntryLookup::absent;
-    if (translated)
-        return find_translated(attr, name_size, reader, name_tag);
     size_t attr_len = std::strlen(attr);
     bool open = true;
     // Per attribute "{s", then "x" past its values.
     while (open && fber_get_tag(reader, &len) != LBER_DEFAULT) {
-        ber_tag_t tag = fber_get_tag(reader, &len);
-        if (tag == LBER_DEFAULT || len > bytes_left(*reader) || len >= name_size)
-            return EntryLookup::absent;
-        const char *type = reader->ber_ptr;
-        reader->ber_ptr += len;
-        if (same_name(type, len, attr, attr_len)) {
+        ber_tag_t tag;
+        bool same;
+        if (translated) {
+            ber_len_t size = name_size;
+            tag = fber_read_string_into(reader, type, &size);
+            if (tag == LBER_DEFAULT)
+                return EntryLookup::absent;
+            same = strcasecmp(type, attr) == 0;
+        } else {
+            tag = fber_get_tag(reader, &len);
+            if (tag == LBER_DEFAULT || len > bytes_left(*reader) || len >= name_size)
+                return EntryLookup::absent;
+            same = same_name(reader->ber_ptr, len, attr, attr_len);
+            reader->ber_ptr += len;
+        }
+        if (same) {
             *name_tag = tag;
             return EntryLookup::found;
         }
