@@ -132,11 +132,14 @@ void LookUpValues(LDAP *ld, const uint8_t *data, size_t size)
     LDAPMessage *entry = Message(ld, data, size, LDAP_RES_SEARCH_ENTRY);
     if (!entry)
         return;
+    // Each name as the cursor hands it out (the lookup then starts where
+    // the cursor marked it), and a name it may never hand out.
     BerElement *cursor = nullptr;
-    char *first = ldap_first_attribute(ld, entry, &cursor);
-    for (const char *attr : {first ? first : "cn", "objectClass"})
-        Check(ValuesOf(ld, entry, attr, 0) == ValuesOf(ld, entry, attr, 0xFFFF));
-    ldap_memfree(first);
+    for (char *a = ldap_first_attribute(ld, entry, &cursor); a; a = ldap_next_attribute(ld, entry, cursor)) {
+        Check(ValuesOf(ld, entry, a, 0) == ValuesOf(ld, entry, a, 0xFFFF));
+        ldap_memfree(a);
+    }
+    Check(ValuesOf(ld, entry, "objectClass", 0) == ValuesOf(ld, entry, "objectClass", 0xFFFF));
     ldap_ber_free(cursor, 0);
     free_msg(entry, 0);
 }

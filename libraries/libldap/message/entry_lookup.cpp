@@ -3,10 +3,14 @@
 // meets, in the same order and with the same checks: the first type equal
 // to the name, or a failure where that walk fails. Each lookup walks from
 // the entry's start; an entry's types are short, and reading two headers
-// per attribute costs less than keeping an index of them.
+// per attribute costs less than keeping an index of them. A cursor walking
+// the entry marks each type it hands out that is the first of its name,
+// and a lookup of that name then starts there: the usual loop asks for
+// the values of the name it was just given.
 #include "message/entry_lookup.h"
 
 #include <cctype>
+#include <cstdint>
 #include <cstring>
 #include <strings.h>
 
@@ -34,9 +38,71 @@ bool same_name(const char *type, ber_len_t type_len, const char *attr, size_t at
 
 constexpr size_t kTranslatedType = 1024;
 
+// The type the entry's hint names, when it is `attr`: being the first of
+// its name, it is where the walk would stop.
+bool read_hinted_type(const LDAPMessage *entry, const char *attr, size_t attr_len, size_t name_size,
+                      BerElement *reader, ber_tag_t *name_tag)
+{
+    uint32_t at = __atomic_load_n(&entry->msg_attr_hint, __ATOMIC_RELAXED);
+    if (at <= static_cast<ber_len_t>(reader->ber_ptr - reader->ber_buf) ||
+        at >= static_cast<ber_len_t>(reader->ber_end - reader->ber_buf))
+        return false;
+    BerElement hinted = *reader;
+    hinted.ber_ptr = hinted.ber_buf + at;
+    ber_len_t len;
+    ber_tag_t tag = fber_get_tag(&hinted, &len);
+    if (tag == LBER_DEFAULT || len > bytes_left(hinted) || len >= name_size ||
+        !same_name(hinted.ber_ptr, len, attr, attr_len))
+        return false;
+    hinted.ber_ptr += len;
+    *reader = hinted;
+    *name_tag = tag;
+    return true;
+}
+
+// The bit of a type in EntryTypesSeen: types equal as the walk compares
+// them (strcasecmp up to a NUL) have the same length and first letter.
+unsigned type_bit(const char *name)
+{
+    size_t n = std::strlen(name);
+    auto first = static_cast<unsigned>(std::tolower(static_cast<unsigned char>(name[0])));
+    return (static_cast<unsigned>(n) * 37u + first) & 127u;
+}
+
 } // namespace
 
-EntryLookup ldap_entry_find_values(const char *attr, size_t name_size, BerElement *reader, ber_tag_t *name_tag)
+void ldap_entry_types_begin(EntryTypesSeen *seen, const BerElement *cursor)
+{
+    seen->bits[0] = seen->bits[1] = 0;
+    // A translated type is compared as translated, which the hint's reader
+    // does not do: such an entry gets no hints.
+    seen->resume = fber_translates_strings(cursor) ? nullptr : cursor->ber_ptr;
+}
+
+void ldap_entry_types_note(LDAPMessage *entry, EntryTypesSeen *seen, const BerElement *cursor,
+                           const char *cursor_before, const char *type_at, const char *name)
+{
+    // A cursor moved by anything but this walk may have passed types unseen.
+    if (!seen->resume || cursor_before != seen->resume) {
+        seen->resume = nullptr;
+        return;
+    }
+    seen->resume = cursor->ber_ptr;
+    unsigned bit = type_bit(name);
+    uint64_t mask = uint64_t{1} << (bit & 63u);
+    uint64_t &word = seen->bits[bit >> 6];
+    bool first_of_name = (word & mask) == 0;
+    word |= mask;
+    // The offset must be in the entry's own buffer.
+    if (!first_of_name || !entry->msg_ber || entry->msg_ber->ber_buf != cursor->ber_buf)
+        return;
+    ptrdiff_t at = type_at - cursor->ber_buf;
+    if (at > 0 && at < INT32_MAX)
+        __atomic_store_n(&entry->msg_attr_hint, static_cast<uint32_t>(at), __ATOMIC_RELAXED);
+}
+
+EntryLookup ldap_entry_find_values(const LDAPMessage *entry, const char *attr, size_t name_size, BerElement *reader,
+                                   ber_tag_t *name_tag)
 {
     // Translated types are compared as translated: each is read as the
     // walk reads it, into a buffer of name_size octets.
@@ -44,12 +110,14 @@ EntryLookup ldap_entry_find_values(const char *attr, size_t name_size, BerElemen
     char type[kTranslatedType];
     if (translated && name_size > sizeof type)
         return EntryLookup::walk;
+    size_t attr_len = std::strlen(attr);
+    if (!translated && read_hinted_type(entry, attr, attr_len, name_size, reader, name_tag))
+        return EntryLookup::found;
     // "{x{": the entry, its DN, the attribute list.
     ber_len_t len;
     if (fber_get_tag(reader, &len) == LBER_DEFAULT || fber_skip(reader) == LBER_DEFAULT ||
         fber_get_tag(reader, &len) == LBER_DEFAULT)
         return EntryLookup::absent;
-    size_t attr_len = std::strlen(attr);
     bool open = true;
     // Per attribute "{s", then "x" past its values.
     while (open && fber_get_tag(reader, &len) != LBER_DEFAULT) {

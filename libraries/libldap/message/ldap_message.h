@@ -17,6 +17,11 @@ struct ldapmsg {
     int32_t msg_id;      // 0 in a new message
     int32_t msg_type;    // request or response tag; 0x30 in a new message
     uint32_t msg_flags;
+    // A search entry's hint for attribute lookups: the offset in msg_ber's
+    // buffer of a type that is the first of its name in the entry, or 0.
+    // Any thread walking the entry may set it, so it is read and written
+    // atomically; an entry's element never changes once it is read.
+    uint32_t msg_attr_hint;
     BerElement *msg_ber; // owned; positioned at the protocol operation
     LDAPConn *msg_conn;  // its lconn_ld owns the message, its lconn_msgtable files it
     LDAPMessage *msg_next;

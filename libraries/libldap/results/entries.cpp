@@ -37,9 +37,16 @@ bool enter_attributes(BerElement *ber)
            fber_get_tag(ber, &len) != LBER_DEFAULT;
 }
 
+// The cursor handed to the caller as a BerElement: the element, then what
+// it has met of the entry's types (the caller frees it with ldap_ber_free).
+struct AttributeCursor {
+    BerElement ber;
+    EntryTypesSeen seen;
+};
+
 // The next attribute name at the cursor ("{sx}"), in a new buffer; NULL
 // with error 0 at the end of the attributes.
-char *read_attribute_name(LDAP *ld, BerElement *cursor)
+char *read_attribute_name(LDAP *ld, LDAPMessage *entry, BerElement *cursor)
 {
     if (at_end_of_attributes(cursor))
         return nullptr;
@@ -47,13 +54,19 @@ char *read_attribute_name(LDAP *ld, BerElement *cursor)
     if (!name)
         return ldap_fail_returning(ld, LDAP_NO_MEMORY, nullptr);
     fber_begin_format(cursor, "{sx}");
+    const char *before = cursor->ber_ptr;
     ber_len_t size = kNameBuffer;
     ber_len_t len;
-    if (fber_get_tag(cursor, &len) == LBER_DEFAULT || fber_read_string_into(cursor, name, &size) == LBER_DEFAULT ||
-        fber_skip(cursor) == LBER_DEFAULT) {
+    if (fber_get_tag(cursor, &len) == LBER_DEFAULT) {
         zldap::mem_free(name);
         return ldap_fail_returning(ld, LDAP_DECODING_ERROR, nullptr);
     }
+    const char *type_at = cursor->ber_ptr;
+    if (fber_read_string_into(cursor, name, &size) == LBER_DEFAULT || fber_skip(cursor) == LBER_DEFAULT) {
+        zldap::mem_free(name);
+        return ldap_fail_returning(ld, LDAP_DECODING_ERROR, nullptr);
+    }
+    ldap_entry_types_note(entry, &reinterpret_cast<AttributeCursor *>(cursor)->seen, cursor, before, type_at, name);
     return name;
 }
 
@@ -78,10 +91,10 @@ bool walk_to_attribute(LDAP *ld, BerElement *reader, const char *attr, ber_tag_t
 // Moves the reader to the values of `attr`: by reading the entry's
 // headers, or, while BER traffic is traced (the walk's own trace lines are
 // the record), by walking with the format decoder.
-bool find_attribute(LDAP *ld, BerElement *reader, const char *attr, ber_tag_t *name_tag)
+bool find_attribute(LDAP *ld, const LDAPMessage *entry, BerElement *reader, const char *attr, ber_tag_t *name_tag)
 {
     EntryLookup found = zldap::trace_enabled(TRC_BER) ? EntryLookup::walk
-                                                      : ldap_entry_find_values(attr, kNameBuffer, reader, name_tag);
+                                                      : ldap_entry_find_values(entry, attr, kNameBuffer, reader, name_tag);
     if (found == EntryLookup::walk)
         return walk_to_attribute(ld, reader, attr, name_tag);
     if (found == EntryLookup::absent)
@@ -111,7 +124,7 @@ template <class T> T **get_values(LDAP *ld, LDAPMessage *entry, const char *attr
         return ldap_fail_returning(ld, LDAP_PARAM_ERROR, nullptr);
     BerElement reader = *entry->msg_ber;
     ber_tag_t name_tag = LBER_DEFAULT;
-    if (!find_attribute(ld, &reader, attr, &name_tag))
+    if (!find_attribute(ld, entry, &reader, attr, &name_tag))
         return nullptr;
     T **values = nullptr;
     if (read_values(&reader, &values, name_tag) == LBER_DEFAULT)
@@ -150,7 +163,8 @@ char *ldap_first_attribute(LDAP *ld, LDAPMessage *entry, BerElement **ber)
     if (!entry || !ber || !entry->msg_ber)
         return ldap_fail_returning(ld, LDAP_PARAM_ERROR, nullptr);
     // The cursor shares the entry's buffer and never owns it.
-    auto *cursor = static_cast<BerElement *>(zldap::mem_malloc(sizeof(BerElement)));
+    auto *walk = static_cast<AttributeCursor *>(zldap::mem_malloc(sizeof(AttributeCursor)));
+    BerElement *cursor = walk ? &walk->ber : nullptr;
     *ber = cursor;
     if (!cursor)
         return ldap_fail_returning(ld, LDAP_NO_MEMORY, nullptr);
@@ -159,7 +173,8 @@ char *ldap_first_attribute(LDAP *ld, LDAPMessage *entry, BerElement **ber)
     if (!enter_attributes(cursor)) {
         ldap_set_error_direct(ld, LDAP_DECODING_ERROR, nullptr, nullptr);
     } else {
-        name = read_attribute_name(ld, cursor);
+        ldap_entry_types_begin(&walk->seen, cursor);
+        name = read_attribute_name(ld, entry, cursor);
     }
     // An entry without attributes keeps its cursor: the caller releases it.
     if (!name && ldap_get_errno_direct(ld) != LDAP_SUCCESS) {
@@ -179,7 +194,7 @@ char *ldap_next_attribute(LDAP *ld, LDAPMessage *entry, BerElement *ber)
         return nullptr;
     if (!entry || !ber)
         return ldap_fail_returning(ld, LDAP_PARAM_ERROR, nullptr);
-    return read_attribute_name(ld, ber);
+    return read_attribute_name(ld, entry, ber);
 }
 
 int ldap_count_attributes(LDAP *ld, LDAPMessage *entry)
