@@ -205,6 +205,13 @@ TEST_F(Directory, UpdatesAndComparesReturnTheServersCodes)
     EXPECT_STREQ(matched, "ou=scratch,dc=example,dc=com");
     ldap_memfree(matched);
     EXPECT_EQ(ldap_delete_s(ld, renamed), 0);
+    // A success's empty matched DN and text read back as empty, not absent.
+    char *text_back = nullptr;
+    ldap_get_error_direct(ld, &matched, &text_back);
+    EXPECT_STREQ(matched, "");
+    EXPECT_STREQ(text_back, "");
+    ldap_memfree(matched);
+    ldap_memfree(text_back);
     EXPECT_EQ(ldap_delete_s(ld, renamed), LDAP_NO_SUCH_OBJECT);
     EXPECT_EQ(ldap_delete_s(ld, "ou=people,dc=example,dc=com"), LDAP_NOT_ALLOWED_ON_NONLEAF);
 }

@@ -218,6 +218,14 @@ ldap_error_record *record_for_update(LDAP *ld, int *code)
     return r;
 }
 
+char g_empty_text[1];
+
+void release_text(char *text)
+{
+    if (text != g_empty_text)
+        zldap::mem_free(text);
+}
+
 // Copies an optional text; false only when a present text could not be copied.
 bool copy_optional(const char *text, char **out)
 {
@@ -232,12 +240,12 @@ int store_error(LDAP *ld, int code, char *matched, char *text)
     int rc = LDAP_NO_MEMORY;
     ldap_error_record *r = record_for_update(ld, &rc);
     if (!r) {
-        zldap::mem_free(matched);
-        zldap::mem_free(text);
+        release_text(matched);
+        release_text(text);
         return rc;
     }
-    zldap::mem_free(r->ld_matched);
-    zldap::mem_free(r->ld_error);
+    release_text(r->ld_matched);
+    release_text(r->ld_error);
     r->ld_matched = matched;
     r->ld_error = text;
     r->ld_errno = code;
@@ -266,8 +274,8 @@ __attribute__((noinline)) int set_error_slowly(LDAP *ld, int code, const char *m
 {
     ldap_error_record *r = nullptr;
     if (!matched && !text && cached(ld, &r) && r) {
-        zldap::mem_free(r->ld_matched);
-        zldap::mem_free(r->ld_error);
+        release_text(r->ld_matched);
+        release_text(r->ld_error);
         r->ld_matched = r->ld_error = nullptr;
         r->ld_errno = code;
         return LDAP_SUCCESS;
@@ -309,12 +317,14 @@ int ldap_set_error_direct(LDAP *ld, int code, const char *matched, const char *t
 int ldap_set_error_taking(LDAP *ld, int code, char *matched, char *text)
 {
     if (!ld || (!matched && !text)) {
-        zldap::mem_free(matched);
-        zldap::mem_free(text);
+        release_text(matched);
+        release_text(text);
         return ldap_set_error_direct(ld, code, nullptr, nullptr);
     }
     return store_error(ld, code, matched, text);
 }
+
+char *ldap_empty_text() { return g_empty_text; }
 
 int ldap_fail(LDAP *ld, int code)
 {
@@ -437,8 +447,8 @@ void ldap_free_error_records(LDAP *ld)
     ldap_error_record *r = ld->ld_errors;
     while (r) {
         ldap_error_record *next = r->next;
-        zldap::mem_free(r->ld_matched);
-        zldap::mem_free(r->ld_error);
+        release_text(r->ld_matched);
+        release_text(r->ld_error);
         zldap::mem_free(r);
         r = next;
     }

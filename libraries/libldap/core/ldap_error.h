@@ -10,6 +10,10 @@ int ldap_set_error_direct(LDAP *ld, int code, const char *matched, const char *t
 // The same with texts already allocated through the seam, which the
 // thread's record takes over (or which are freed when it cannot).
 int ldap_set_error_taking(LDAP *ld, int code, char *matched, char *text);
+// An empty text that ldap_set_error_taking takes over like an allocated
+// one but that costs no allocation (most results carry an empty matched DN
+// and text). It is never written: the record's readers hand out copies.
+char *ldap_empty_text();
 // Records code, with no texts, as the thread's error and returns it: the
 // failure paths that return the code they record.
 int ldap_fail(LDAP *ld, int code);

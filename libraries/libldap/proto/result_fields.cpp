@@ -5,6 +5,7 @@
 #include "proto/result_fields.h"
 
 #include "base/memory.h"
+#include "base/trace.h"
 #include "proto/element_fits.h"
 #include "proto/ldap_controls.h"
 
@@ -13,15 +14,23 @@ namespace zldap {
 namespace {
 
 // The next field inside the operation, read with fmt ("a" or "O") into a
-// new T, or skipped when value is NULL.
-template <typename T> int read_field(BerElement *ber, const char *end, const char *fmt, T **value)
+// new T, or skipped when value is NULL. An empty field is skipped and
+// comes back as `empty` when one is given, unless BER traffic is traced
+// (the decoder's trace lines are the record of what was read).
+template <typename T>
+int read_field(BerElement *ber, const char *end, const char *fmt, T **value, T *empty = nullptr)
 {
     ber_tag_t tag;
     ber_len_t len;
     if (!element_fits(ber, end, &tag, &len))
         return LDAP_DECODING_ERROR;
-    if (!value)
-        return fber_skip_element(ber) == 0 ? LDAP_SUCCESS : LDAP_DECODING_ERROR;
+    if (!value || (empty && len == 0 && !trace_enabled(TRC_BER))) {
+        if (fber_skip_element(ber) != 0)
+            return LDAP_DECODING_ERROR;
+        if (value)
+            *value = empty;
+        return LDAP_SUCCESS;
+    }
     T *copy = nullptr;
     if (fber_scanf(ber, fmt, &copy) == LBER_DEFAULT)
         return LDAP_NO_MEMORY;
@@ -48,7 +57,7 @@ bool members_fit(const BerElement *ber, const char *contents, ber_len_t len)
 
 } // namespace
 
-int ResultReader::head(int *code, char **matched, char **text)
+int ResultReader::head(int *code, char **matched, char **text, char *empty)
 {
     ber_tag_t tag;
     ber_len_t len;
@@ -63,12 +72,12 @@ int ResultReader::head(int *code, char **matched, char **text)
     *code = value;
 
     char *dn = nullptr;
-    int rc = read_field(ber_, op_end_, "a", matched ? &dn : nullptr);
+    int rc = read_field(ber_, op_end_, "a", matched ? &dn : nullptr, empty);
     if (rc == LDAP_SUCCESS)
-        rc = read_field(ber_, op_end_, "a", text);
+        rc = read_field(ber_, op_end_, "a", text, empty);
     if (rc == LDAP_SUCCESS && matched)
         *matched = dn;
-    else
+    else if (dn != empty)
         mem_free(dn);
     return rc;
 }

@@ -37,8 +37,10 @@ public:
 
     // "{iaa": enters the operation and reads the result code, the matched
     // DN and the diagnostic message. *code is set as soon as it is read, so
-    // a caller still has the code when a later field fails.
-    int head(int *code, char **matched, char **text);
+    // a caller still has the code when a later field fails. With `empty`,
+    // an empty matched DN or message comes back as that pointer instead of
+    // a new empty string.
+    int head(int *code, char **matched, char **text, char *empty = nullptr);
     // The referral URLs ("{v}") when a referral field comes next, as a new
     // NULL-terminated array (NULL for an empty one); without the field
     // *urls is left alone. Call after head().

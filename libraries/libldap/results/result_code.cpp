@@ -30,7 +30,7 @@ int read_result_code(LDAP *ld, const BerElement *ber)
     int code = 0;
     char *matched = nullptr;
     char *text = nullptr;
-    int rc = zldap::ResultReader(&reader).head(&code, &matched, &text);
+    int rc = zldap::ResultReader(&reader).head(&code, &matched, &text, ldap_empty_text());
     if (rc != LDAP_DECODING_ERROR)
         rc = code;
     ldap_set_error_taking(ld, rc, matched, text);
