@@ -20,18 +20,15 @@ namespace {
 // that later option changes do not alter how its results are treated.
 bool referral_settings(LDAP *ld, ldap_msg_table *table, int id, int *chase, int *hop_limit)
 {
-    int referrals = 0;
-    int hops = 0;
-    if (ldap_get_options_held(ld, {{LDAP_OPT_REFERRALS, &referrals}, {LDAP_OPT_HOP_LIMIT, &hops}}) != 0)
-        return false;
+    NumericOptions options = ldap_numeric_options(ld);
     LDAP_MUTEX_GUARD(guard, &table->lock);
     if (!guard.locked())
         return ldap_fail_returning(ld, LDAP_LOCK_ERROR, false);
     ldap_msg_row &row = table->rows[id];
     if (!(row.flags & LDAP_ROW_REFOPTS)) {
-        if (referrals) {
+        if (options.referrals) {
             row.flags |= LDAP_ROW_CHASE;
-            row.hop_limit = hops;
+            row.hop_limit = options.hoplimit;
         } else {
             row.flags &= ~LDAP_ROW_CHASE;
         }

@@ -68,17 +68,14 @@ int search(LDAP *ld, const char *base, int scope, const char *filter, char **att
     zldap::OperationGuard op(ld, zldap::OnEntry::keep_error, !entered);
     if (!op.admitted())
         return -1;
-    int sizelimit = 0;
-    int timelimit = 0;
-    int rc = ldap_get_options_held(ld, {{LDAP_OPT_SIZELIMIT, &sizelimit}, {LDAP_OPT_TIMELIMIT, &timelimit}});
-    if (rc != LDAP_SUCCESS)
-        return -1;
+    NumericOptions options = ldap_numeric_options(ld);
     // The handle's time limit is also the write's time-out; a limit of 0
     // leaves the write without one.
     struct timeval timeout {};
-    timeout.tv_sec = timelimit;
+    timeout.tv_sec = options.timelimit;
     int msgid = -1;
-    rc = search_ext(ld, base, scope, filter, attrs, attrsonly, nullptr, nullptr, &timeout, sizelimit, &msgid, true);
+    int rc = search_ext(ld, base, scope, filter, attrs, attrsonly, nullptr, nullptr, &timeout, options.sizelimit,
+                        &msgid, true);
     // -1 leaves the reason in the thread's error, also when ldap_search_ext
     // recorded none.
     return rc == LDAP_SUCCESS ? msgid : ldap_fail_returning(ld, rc, -1);
@@ -91,14 +88,9 @@ int ldap_search_ext_direct(LDAP *ld, const char *base, int scope, const char *fi
                            int *msgidp, LDAPConn *lc)
 {
     LDAP_TRACE(TRC_API, "ldap_search_ext_direct\n");
-    int deref = 0;
-    int timelimit = 0;
-    int rc = timeout ? ldap_get_option_held(ld, LDAP_OPT_DEREF, &deref)
-                     : ldap_get_options_held(ld, {{LDAP_OPT_DEREF, &deref}, {LDAP_OPT_TIMELIMIT, &timelimit}});
-    if (rc != LDAP_SUCCESS)
-        return rc;
-    if (timeout)
-        timelimit = time_limit_of(timeout);
+    NumericOptions options = ldap_numeric_options(ld);
+    int deref = options.deref;
+    int timelimit = timeout ? time_limit_of(timeout) : options.timelimit;
     auto encode = [&](BerElement *ber) {
         if (FberWriter(ber)
                 .open(kSearchRequest)

@@ -53,12 +53,14 @@ bool takes_int_pointer(const LDAP *ld, int option)
 
 bool in_range(intptr_t v, intptr_t low, intptr_t high) { return v >= low && v <= high; }
 
+// The options that ldap_numeric_options reads without ld_mutex are
+// written whole, as one store each (their writers hold ld_mutex).
+template <typename T> void store_word(T *word, T value) { __atomic_store_n(word, value, __ATOMIC_RELAXED); }
+template <typename T> T load_word(const T *word) { return __atomic_load_n(word, __ATOMIC_RELAXED); }
+
 void set_bit(uint64_t *word, uint64_t bit, bool on)
 {
-    if (on)
-        *word |= bit;
-    else
-        *word &= ~bit;
+    store_word(word, on ? *word | bit : *word & ~bit);
 }
 
 bool any_critical(LDAPControl **ctrls)
@@ -224,11 +226,11 @@ int ldap_set_option_direct(LDAP *ld, int option, const void *value)
         if (!in_range(n, 0, INT32_MAX))
             rc = LDAP_PARAM_ERROR;
         else if (option == LDAP_OPT_SIZELIMIT)
-            ld->ld_sizelimit = static_cast<int32_t>(n);
+            store_word(&ld->ld_sizelimit, static_cast<int32_t>(n));
         else if (option == LDAP_OPT_TIMELIMIT)
-            ld->ld_timelimit = static_cast<int32_t>(n);
+            store_word(&ld->ld_timelimit, static_cast<int32_t>(n));
         else
-            ld->ld_hoplimit = static_cast<int32_t>(n);
+            store_word(&ld->ld_hoplimit, static_cast<int32_t>(n));
         break;
     case LDAP_OPT_REFERRALS:
     case LDAP_OPT_RESTART:
@@ -242,7 +244,7 @@ int ldap_set_option_direct(LDAP *ld, int option, const void *value)
         if (!in_range(n, LDAP_DEREF_NEVER, LDAP_DEREF_ALWAYS))
             rc = LDAP_PARAM_ERROR;
         else
-            ld->ld_deref = static_cast<int32_t>(n);
+            store_word(&ld->ld_deref, static_cast<int32_t>(n));
         break;
     case LDAP_OPT_TRACE_LEVEL:
         if (!in_range(n, 0, 0xFFFF))
@@ -479,22 +481,18 @@ int ldap_get_option(LDAP *ld, int option, void *outvalue)
     return with_option_lock(ld, get);
 }
 
-int ldap_get_options_held(LDAP *ld, std::initializer_list<OptionRead> reads)
+NumericOptions ldap_numeric_options(const LDAP *ld)
 {
-    LDAP_MUTEX_GUARD(guard, &ld->ld_mutex);
-    if (!guard.locked())
-        return ldap_fail(ld, LDAP_LOCK_ERROR);
-    for (const OptionRead &read : reads) {
-        int rc = read.out ? ldap_get_option_direct(ld, read.option, read.out) : LDAP_PARAM_ERROR;
-        if (rc != LDAP_SUCCESS)
-            return rc;
-    }
-    return LDAP_SUCCESS;
+    return {load_word(&ld->ld_sizelimit), load_word(&ld->ld_timelimit), load_word(&ld->ld_deref),
+            load_word(&ld->ld_hoplimit), (load_word(&ld->ld_options) & LDAP_BITOPT_REFERRALS) != 0};
 }
 
 int ldap_get_option_held(LDAP *ld, int option, void *outvalue)
 {
-    return ldap_get_options_held(ld, {{option, outvalue}});
+    LDAP_MUTEX_GUARD(guard, &ld->ld_mutex);
+    if (!guard.locked())
+        return ldap_fail(ld, LDAP_LOCK_ERROR);
+    return outvalue ? ldap_get_option_direct(ld, option, outvalue) : LDAP_PARAM_ERROR;
 }
 
 int ldap_get_version(ldap_version_record *record)

@@ -7,8 +7,6 @@
 #include "core/ldap_session.h"
 #include "zor8ldap_api.h"
 
-#include <initializer_list>
-
 // Unlocked forms for callers that hold ld_mutex. The set form takes the
 // value itself: a pointer for strings, arrays, records and functions, the
 // pointer-sized number for integers and on/off values.
@@ -20,14 +18,17 @@ int ldap_get_option_direct(LDAP *ld, int option, void *outvalue);
 // entering the guard again.
 int ldap_get_option_held(LDAP *ld, int option, void *outvalue);
 
-// Several options read under one hold of ld_mutex, by a caller inside the
-// operation guard, in order; the first failure ends the reading and is the
-// code, as the same ldap_get_option calls in a row would give.
-struct OptionRead {
-    int option;
-    void *out;
+// The handle's numeric options and its referral switch, for a caller
+// inside the operation guard, read without ld_mutex: ldap_set_option
+// writes each as a single word, so each read sees an old or a new value.
+struct NumericOptions {
+    int32_t sizelimit;
+    int32_t timelimit;
+    int32_t deref;
+    int32_t hoplimit;
+    bool referrals;
 };
-int ldap_get_options_held(LDAP *ld, std::initializer_list<OptionRead> reads);
+NumericOptions ldap_numeric_options(const LDAP *ld);
 
 // The process-wide record that options set or read without a handle use;
 // NULL when it cannot be made.
