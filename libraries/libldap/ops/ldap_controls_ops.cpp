@@ -44,7 +44,7 @@ int ldap_check_client_controls(LDAP *ld, LDAPControl ***serverctrls, LDAPControl
         LDAP_TRACE(TRC_ERROR, "Critical client controls not supported\n");
         return ldap_fail(ld, LDAP_UNAVAILABLE_CRITICAL_EXTENSION);
     }
-    if (*serverctrls)
+    if (*serverctrls || !ldap_has_server_controls(ld))
         return LDAP_SUCCESS;
     LDAPControl **defaults = nullptr;
     int rc = ldap_get_option_held(ld, LDAP_OPT_SERVER_CONTROLS, &defaults);

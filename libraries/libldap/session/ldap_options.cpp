@@ -72,11 +72,16 @@ bool any_critical(LDAPControl **ctrls)
 }
 
 // Replaces *field with a deep copy of ctrls; on failure the field is NULL.
+// The new list is stored in one write: ldap_has_server_controls tests the
+// field for NULL without ld_mutex.
 int replace_controls(LDAPControl ***field, LDAPControl **ctrls)
 {
-    ldap_controls_free(*field);
-    *field = nullptr;
-    return ldap_copy_controls(field, ctrls);
+    LDAPControl **copy = nullptr;
+    int rc = ldap_copy_controls(&copy, ctrls);
+    LDAPControl **old = *field;
+    __atomic_store_n(field, copy, __ATOMIC_RELAXED);
+    ldap_controls_free(old);
+    return rc;
 }
 
 int store_timeval(LDAP *ld, const struct timeval *tv)
@@ -486,6 +491,8 @@ NumericOptions ldap_numeric_options(const LDAP *ld)
     return {load_word(&ld->ld_sizelimit), load_word(&ld->ld_timelimit), load_word(&ld->ld_deref),
             load_word(&ld->ld_hoplimit), (load_word(&ld->ld_options) & LDAP_BITOPT_REFERRALS) != 0};
 }
+
+bool ldap_has_server_controls(const LDAP *ld) { return __atomic_load_n(&ld->ld_sctrls, __ATOMIC_RELAXED) != nullptr; }
 
 int ldap_get_option_held(LDAP *ld, int option, void *outvalue)
 {

@@ -30,6 +30,10 @@ struct NumericOptions {
 };
 NumericOptions ldap_numeric_options(const LDAP *ld);
 
+// Whether the handle has default server controls, tested without ld_mutex
+// (the list itself is copied out under it).
+bool ldap_has_server_controls(const LDAP *ld);
+
 // The process-wide record that options set or read without a handle use;
 // NULL when it cannot be made.
 LDAP *ldap_global_defaults();
