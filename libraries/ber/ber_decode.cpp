@@ -9,7 +9,6 @@
 
 #include <cstring>
 #include <limits>
-#include <optional>
 
 namespace {
 
@@ -167,35 +166,41 @@ struct SetShape {
 // The members of a SET OF whose contents end at `last`, counted the way
 // read_set_of walks them; a count of 0 when a member could not be read,
 // since the whole item then fails.
-SetShape measure_members(BerElement ber, const char *last)
+SetShape measure_members(const BerElement *ber, const char *last)
 {
     SetShape shape{0, 0};
+    const char *p = ber->ber_ptr;
+    const char *end = ber->ber_end;
     ber_len_t len;
-    do {
-        if (fber_get_tag(&ber, &len) == LBER_DEFAULT || len > bytes_left(&ber))
+    for (;;) {
+        if (fber_read_header(&p, end, &len) == LBER_DEFAULT || len > static_cast<ber_len_t>(end - p))
             return {0, 0};
-        ber.ber_ptr += len;
+        p += len;
         shape.count++;
         shape.bytes += len;
-    } while (ber.ber_ptr < last && fber_peek_tag(&ber, nullptr) != LBER_DEFAULT);
-    return shape;
+        // Another member follows when its header can be read before `last`.
+        const char *next = p;
+        if (p >= last || fber_read_header(&next, end, &len) == LBER_DEFAULT)
+            return shape;
+    }
 }
 
 // A SET OF read member by member into a new NULL-terminated array, sized
-// once from a first pass over the members. No value for an empty or
+// once from a first pass over the members. `current` for an empty or
 // unreadable SET, which does not fail the call; LBER_DEFAULT when a member
-// fails, with everything the item made freed.
+// fails, with everything the item made freed. The tag comes back plain, in
+// a register: an optional one would be assembled in memory and read back
+// at once, which waits for its stores.
 template <typename T>
-std::optional<ber_tag_t> read_set_of(BerElement *ber, T ***out,
-                                     ber_tag_t (*read_member)(BerElement *, T **),
-                                     void (*free_member)(T *))
+ber_tag_t read_set_of(BerElement *ber, T ***out, ber_tag_t current, ber_tag_t (*read_member)(BerElement *, T **),
+                      void (*free_member)(T *))
 {
     *out = nullptr;
     ber_len_t len;
     char *last;
     if (fber_first_element(ber, &len, &last) == LBER_DEFAULT)
-        return std::nullopt;
-    size_t count = measure_members(*ber, last).count;
+        return current;
+    size_t count = measure_members(ber, last).count;
     if (count == 0)
         return LBER_DEFAULT;
     auto *array = static_cast<T **>(zldap::mem_malloc((count + 1) * sizeof(T *)));
@@ -219,14 +224,14 @@ std::optional<ber_tag_t> read_set_of(BerElement *ber, T ***out,
 // allocation instead of two per value (ber_bvecfree knows the layout).
 // A value translated to the local code page gets a buffer of its own.
 // Results as read_set_of's.
-std::optional<ber_tag_t> read_berval_block(BerElement *ber, struct berval ***out)
+ber_tag_t read_berval_block(BerElement *ber, struct berval ***out, ber_tag_t current)
 {
     *out = nullptr;
     ber_len_t len;
     char *last;
     if (fber_first_element(ber, &len, &last) == LBER_DEFAULT)
-        return std::nullopt;
-    SetShape shape = measure_members(*ber, last);
+        return current;
+    SetShape shape = measure_members(ber, last);
     if (shape.count == 0)
         return LBER_DEFAULT;
     // The contents all lie within the element, so the sum cannot overflow.
@@ -347,12 +352,12 @@ ber_tag_t get_item(BerElement *ber, const char *f, va_list *ap, ber_tag_t curren
 
 } // namespace
 
-ber_tag_t fber_get_header(BerElement *ber, ber_len_t *len)
+ber_tag_t fber_read_long_header(const char **ptr, const char *end_of_data, ber_len_t *len)
 {
-    if (!ber || !len || ber->ber_end - ber->ber_ptr < 2)
+    if (end_of_data - *ptr < 2)
         return LBER_DEFAULT;
-    auto *p = reinterpret_cast<const unsigned char *>(ber->ber_ptr);
-    auto *end = reinterpret_cast<const unsigned char *>(ber->ber_end);
+    auto *p = reinterpret_cast<const unsigned char *>(*ptr);
+    auto *end = reinterpret_cast<const unsigned char *>(end_of_data);
     ber_tag_t tag = *p++;
     if ((tag & 0x1F) == 0x1F) // multi-octet tags do not occur in LDAP
         return LBER_DEFAULT;
@@ -367,7 +372,7 @@ ber_tag_t fber_get_header(BerElement *ber, ber_len_t *len)
         if (value > kMaxLength)
             return LBER_DEFAULT;
     }
-    ber->ber_ptr = reinterpret_cast<char *>(const_cast<unsigned char *>(p));
+    *ptr = reinterpret_cast<const char *>(p);
     *len = value;
     return tag;
 }
@@ -417,12 +422,12 @@ ber_tag_t fber_read_string_into(BerElement *ber, char *buf, ber_len_t *size)
 
 ber_tag_t fber_read_string_set(BerElement *ber, char ***out, ber_tag_t current)
 {
-    return read_set_of<char>(ber, out, read_string, free_string).value_or(current);
+    return read_set_of<char>(ber, out, current, read_string, free_string);
 }
 
 ber_tag_t fber_read_berval_set(BerElement *ber, struct berval ***out, ber_tag_t current)
 {
-    return read_berval_block(ber, out).value_or(current);
+    return read_berval_block(ber, out, current);
 }
 
 ber_tag_t fber_scanf(BerElement *ber, const char *fmt, ...)

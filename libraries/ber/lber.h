@@ -110,20 +110,34 @@ private:
 };
 
 // The decoder. Each returns the tag read, or LBER_DEFAULT on failure.
-// fber_get_tag reads the usual one-octet tag with a short length in line
-// and leaves every other header to fber_get_header.
-ber_tag_t fber_get_header(BerElement *ber, ber_len_t *len);
-inline ber_tag_t fber_get_tag(BerElement *ber, ber_len_t *len)
+// fber_read_header reads the header at *ptr (before end) and moves *ptr
+// past it: the usual one-octet tag with a short length in line, every
+// other header in fber_read_long_header. A walk that must leave an
+// element where it is reads with it on a copy of the position alone:
+// copying the element's whole record right after its position was stored
+// would wait for that store.
+ber_tag_t fber_read_long_header(const char **ptr, const char *end, ber_len_t *len);
+inline ber_tag_t fber_read_header(const char **ptr, const char *end, ber_len_t *len)
 {
-    if (ber && len && ber->ber_end - ber->ber_ptr >= 2) {
-        auto *p = reinterpret_cast<const unsigned char *>(ber->ber_ptr);
+    if (end - *ptr >= 2) {
+        auto *p = reinterpret_cast<const unsigned char *>(*ptr);
         if ((p[0] & 0x1F) != 0x1F && p[1] < 0x80) {
-            ber->ber_ptr += 2;
+            *ptr += 2;
             *len = p[1];
             return p[0];
         }
     }
-    return fber_get_header(ber, len);
+    return fber_read_long_header(ptr, end, len);
+}
+inline ber_tag_t fber_get_tag(BerElement *ber, ber_len_t *len)
+{
+    if (!ber || !len)
+        return LBER_DEFAULT;
+    const char *p = ber->ber_ptr;
+    ber_tag_t tag = fber_read_header(&p, ber->ber_end, len);
+    if (tag != LBER_DEFAULT)
+        ber->ber_ptr = const_cast<char *>(p);
+    return tag;
 }
 inline ber_tag_t fber_peek_tag(BerElement *ber, ber_len_t *len)
 {

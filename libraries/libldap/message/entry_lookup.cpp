@@ -47,25 +47,28 @@ bool read_hinted_type(const LDAPMessage *entry, const char *attr, size_t attr_le
     if (at <= static_cast<ber_len_t>(reader->ber_ptr - reader->ber_buf) ||
         at >= static_cast<ber_len_t>(reader->ber_end - reader->ber_buf))
         return false;
-    BerElement hinted = *reader;
-    hinted.ber_ptr = hinted.ber_buf + at;
+    char *entry_start = reader->ber_ptr;
+    reader->ber_ptr = reader->ber_buf + at;
     ber_len_t len;
-    ber_tag_t tag = fber_get_tag(&hinted, &len);
-    if (tag == LBER_DEFAULT || len > bytes_left(hinted) || len >= name_size ||
-        !same_name(hinted.ber_ptr, len, attr, attr_len))
+    ber_tag_t tag = fber_get_tag(reader, &len);
+    if (tag == LBER_DEFAULT || len > bytes_left(*reader) || len >= name_size ||
+        !same_name(reader->ber_ptr, len, attr, attr_len)) {
+        reader->ber_ptr = entry_start;
         return false;
-    hinted.ber_ptr += len;
-    *reader = hinted;
+    }
+    reader->ber_ptr += len;
     *name_tag = tag;
     return true;
 }
 
 // The bit of a type in EntryTypesSeen: types equal as the walk compares
-// them (strcasecmp up to a NUL) have the same length and first letter.
-unsigned type_bit(const char *name)
+// them (strcasecmp up to a NUL) have the same length up to a NUL and the
+// same first letter.
+unsigned type_bit(const char *type, ber_len_t len)
 {
-    size_t n = std::strlen(name);
-    auto first = static_cast<unsigned>(std::tolower(static_cast<unsigned char>(name[0])));
+    const void *nul = std::memchr(type, '\0', len);
+    size_t n = nul ? static_cast<size_t>(static_cast<const char *>(nul) - type) : len;
+    auto first = n ? static_cast<unsigned>(std::tolower(static_cast<unsigned char>(type[0]))) : 0u;
     return (static_cast<unsigned>(n) * 37u + first) & 127u;
 }
 
@@ -80,7 +83,7 @@ void ldap_entry_types_begin(EntryTypesSeen *seen, const BerElement *cursor)
 }
 
 void ldap_entry_types_note(LDAPMessage *entry, EntryTypesSeen *seen, const BerElement *cursor,
-                           const char *cursor_before, const char *type_at, const char *name)
+                           const char *cursor_before, const char *type_at)
 {
     // A cursor moved by anything but this walk may have passed types unseen.
     if (!seen->resume || cursor_before != seen->resume) {
@@ -88,7 +91,15 @@ void ldap_entry_types_note(LDAPMessage *entry, EntryTypesSeen *seen, const BerEl
         return;
     }
     seen->resume = cursor->ber_ptr;
-    unsigned bit = type_bit(name);
+    // The type's own octets, as the cursor read them untranslated: not the
+    // copy it has just written, which a read right after its stores would
+    // wait for.
+    const char *type = type_at;
+    ber_len_t len;
+    if (fber_read_header(&type, cursor->ber_end, &len) == LBER_DEFAULT ||
+        len > static_cast<ber_len_t>(cursor->ber_end - type))
+        return;
+    unsigned bit = type_bit(type, len);
     uint64_t mask = uint64_t{1} << (bit & 63u);
     uint64_t &word = seen->bits[bit >> 6];
     bool first_of_name = (word & mask) == 0;

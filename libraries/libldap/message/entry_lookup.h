@@ -33,11 +33,10 @@ struct EntryTypesSeen {
 
 // Called when the cursor is about to read its first type.
 void ldap_entry_types_begin(EntryTypesSeen *seen, const BerElement *cursor);
-// Called after the cursor read the type whose header starts at `type_at`
-// as the string `name`: marks the type on the entry when it is the first
-// of its name. `cursor_before` is where the cursor stood before the type's
-// attribute.
+// Called after the cursor read the type whose header starts at `type_at`:
+// marks the type on the entry when it is the first of its name.
+// `cursor_before` is where the cursor stood before the type's attribute.
 void ldap_entry_types_note(LDAPMessage *entry, EntryTypesSeen *seen, const BerElement *cursor,
-                           const char *cursor_before, const char *type_at, const char *name);
+                           const char *cursor_before, const char *type_at);
 
 #endif

@@ -66,7 +66,7 @@ char *read_attribute_name(LDAP *ld, LDAPMessage *entry, BerElement *cursor)
         zldap::mem_free(name);
         return ldap_fail_returning(ld, LDAP_DECODING_ERROR, nullptr);
     }
-    ldap_entry_types_note(entry, &reinterpret_cast<AttributeCursor *>(cursor)->seen, cursor, before, type_at, name);
+    ldap_entry_types_note(entry, &reinterpret_cast<AttributeCursor *>(cursor)->seen, cursor, before, type_at);
     return name;
 }
 
