@@ -16,6 +16,7 @@ bool ber_decoder_legacy_mode();
 }
 
 inline constexpr uint8_t kFberMarker = 0x80;        // ber_options bit of the fast element kind
+inline constexpr uint8_t kFberTrailer = 0x01;       // ber_options bit: its owner keeps a record right after it
 inline constexpr uint32_t kFberMaxDepth = 100;      // constructed items open at once
 inline constexpr int kFberDefaultSize = 6144;       // inline buffer of fber_alloc
 

@@ -12,6 +12,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdlib>
 #include <cstring>
 
 using namespace zldap_test;
@@ -139,6 +140,28 @@ TEST(Results, ValuesComeFromTheFirstAttributeOfTheName)
         ldap_memfree(a);
     }
     EXPECT_EQ(n, std::size(walked));
+    ldap_ber_free(cursor, 0);
+    ldap_msgfree(c.res);
+}
+
+// An element that is no cursor of this library, passed as one, is read
+// like a cursor and nothing is written past its end.
+TEST(Results, NextAttributeReadsAnElementThatIsNoCursor)
+{
+    Chain c(Attributes{{"cn", {"a"}}, {"sn", {"b"}}});
+    LDAPMessage *named = ldap_next_entry(c.ld, ldap_first_entry(c.ld, c.res));
+    BerElement *cursor = nullptr;
+    char *first = ldap_first_attribute(c.ld, named, &cursor);
+    void *memory = std::malloc(fber_reader_size());
+    BerElement *bare = fber_place_reader(memory);
+    bare->ber_buf = cursor->ber_buf;
+    bare->ber_ptr = cursor->ber_ptr;
+    bare->ber_end = cursor->ber_end;
+    char *second = ldap_next_attribute(c.ld, named, bare);
+    EXPECT_STREQ(second, "sn");
+    std::free(memory);
+    ldap_memfree(first);
+    ldap_memfree(second);
     ldap_ber_free(cursor, 0);
     ldap_msgfree(c.res);
 }

@@ -37,8 +37,10 @@ bool enter_attributes(BerElement *ber)
            fber_get_tag(ber, &len) != LBER_DEFAULT;
 }
 
-// The cursor handed to the caller as a BerElement: the element, then what
-// it has met of the entry's types (the caller frees it with ldap_ber_free).
+// The cursor handed to the caller as a BerElement: the element, marked
+// with kFberTrailer, then what it has met of the entry's types (the caller
+// frees it with ldap_ber_free). An element from anywhere else passed as a
+// cursor lacks the mark and is only read.
 struct AttributeCursor {
     BerElement ber;
     EntryTypesSeen seen;
@@ -66,7 +68,8 @@ char *read_attribute_name(LDAP *ld, LDAPMessage *entry, BerElement *cursor)
         zldap::mem_free(name);
         return ldap_fail_returning(ld, LDAP_DECODING_ERROR, nullptr);
     }
-    ldap_entry_types_note(entry, &reinterpret_cast<AttributeCursor *>(cursor)->seen, cursor, before, type_at);
+    if (cursor->ber_options & kFberTrailer)
+        ldap_entry_types_note(entry, &reinterpret_cast<AttributeCursor *>(cursor)->seen, cursor, before, type_at);
     return name;
 }
 
@@ -169,6 +172,7 @@ char *ldap_first_attribute(LDAP *ld, LDAPMessage *entry, BerElement **ber)
     if (!cursor)
         return ldap_fail_returning(ld, LDAP_NO_MEMORY, nullptr);
     *cursor = *entry->msg_ber;
+    cursor->ber_options |= kFberTrailer;
     char *name = nullptr;
     if (!enter_attributes(cursor)) {
         ldap_set_error_direct(ld, LDAP_DECODING_ERROR, nullptr, nullptr);
