@@ -85,20 +85,21 @@ void ldap_entry_types_begin(EntryTypesSeen *seen, const BerElement *cursor)
 void ldap_entry_types_note(LDAPMessage *entry, EntryTypesSeen *seen, const BerElement *cursor,
                            const char *cursor_before, const char *type_at)
 {
-    // A cursor moved by anything but this walk may have passed types unseen.
-    if (!seen->resume || cursor_before != seen->resume) {
-        seen->resume = nullptr;
-        return;
-    }
-    seen->resume = cursor->ber_ptr;
     // The type's own octets, as the cursor read them untranslated: not the
     // copy it has just written, which a read right after its stores would
     // wait for.
     const char *type = type_at;
     ber_len_t len;
-    if (fber_read_header(&type, cursor->ber_end, &len) == LBER_DEFAULT ||
-        len > static_cast<ber_len_t>(cursor->ber_end - type))
+    // A cursor moved by anything but this walk may have passed types unseen,
+    // and a type that cannot be read again cannot be counted: either way
+    // this cursor marks nothing more.
+    if (!seen->resume || cursor_before != seen->resume ||
+        fber_read_header(&type, cursor->ber_end, &len) == LBER_DEFAULT ||
+        len > static_cast<ber_len_t>(cursor->ber_end - type)) {
+        seen->resume = nullptr;
         return;
+    }
+    seen->resume = cursor->ber_ptr;
     unsigned bit = type_bit(type, len);
     uint64_t mask = uint64_t{1} << (bit & 63u);
     uint64_t &word = seen->bits[bit >> 6];
