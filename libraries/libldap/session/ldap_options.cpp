@@ -53,8 +53,9 @@ bool takes_int_pointer(const LDAP *ld, int option)
 
 bool in_range(intptr_t v, intptr_t low, intptr_t high) { return v >= low && v <= high; }
 
-// The options that ldap_numeric_options reads without ld_mutex are
-// written whole, as one store each (their writers hold ld_mutex).
+// The options that ldap_numeric_options and ldap_has_server_controls read
+// without ld_mutex are written whole, as one store each (their writers
+// hold ld_mutex).
 template <typename T> void store_word(T *word, T value) { __atomic_store_n(word, value, __ATOMIC_RELAXED); }
 template <typename T> T load_word(const T *word) { return __atomic_load_n(word, __ATOMIC_RELAXED); }
 
@@ -79,7 +80,7 @@ int replace_controls(LDAPControl ***field, LDAPControl **ctrls)
     LDAPControl **copy = nullptr;
     int rc = ldap_copy_controls(&copy, ctrls);
     LDAPControl **old = *field;
-    __atomic_store_n(field, copy, __ATOMIC_RELAXED);
+    store_word(field, copy);
     ldap_controls_free(old);
     return rc;
 }
@@ -492,7 +493,7 @@ NumericOptions ldap_numeric_options(const LDAP *ld)
             load_word(&ld->ld_hoplimit), (load_word(&ld->ld_options) & LDAP_BITOPT_REFERRALS) != 0};
 }
 
-bool ldap_has_server_controls(const LDAP *ld) { return __atomic_load_n(&ld->ld_sctrls, __ATOMIC_RELAXED) != nullptr; }
+bool ldap_has_server_controls(const LDAP *ld) { return load_word(&ld->ld_sctrls) != nullptr; }
 
 int ldap_get_option_held(LDAP *ld, int option, void *outvalue)
 {
