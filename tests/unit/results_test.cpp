@@ -128,18 +128,15 @@ TEST(Results, ValuesComeFromTheFirstAttributeOfTheName)
     EXPECT_EQ(ldap_get_errno(c.ld), LDAP_DECODING_ERROR);
     // Asked for each name as the cursor hands it out: the repeated type
     // still gives the first attribute's values.
-    const char *walked[] = {"first", "s", "first", "m"};
+    std::string walked;
     BerElement *cursor = nullptr;
-    size_t n = 0;
-    for (char *a = ldap_first_attribute(c.ld, named, &cursor); a; a = ldap_next_attribute(c.ld, named, cursor), n++) {
+    for (char *a = ldap_first_attribute(c.ld, named, &cursor); a; a = ldap_next_attribute(c.ld, named, cursor)) {
         char **values = ldap_get_values(c.ld, named, a);
-        ASSERT_LT(n, std::size(walked));
-        ASSERT_EQ(ldap_count_values(values), 1) << a;
-        EXPECT_STREQ(values[0], walked[n]) << a;
+        walked += std::string(values ? values[0] : "-") + ";";
         ldap_value_free(values);
         ldap_memfree(a);
     }
-    EXPECT_EQ(n, std::size(walked));
+    EXPECT_EQ(walked, "first;s;first;m;");
     ldap_ber_free(cursor, 0);
     ldap_msgfree(c.res);
 }
